@@ -1,0 +1,121 @@
+// The one walk over the words of /proc/cpuinfo that every scan shares. What
+// a scan does with the values it finds is up to its recorder; the walk itself
+// is the same for all.
+//
+// A pass seeks the next of the words "processor", "cpu", "core", "physical",
+// then tests the word in hand against them in that order, each test seeing
+// the word as the previous one left it:
+//   processor : V            -> recorder.processor(V)
+//   cpu cores : V            -> recorder.cpuCores(V)   (cpu X, X not "cores": pass ends)
+//   core id : V              -> recorder.coreId(V)     (core X, X not "id": pass ends)
+//   physical id : V          -> recorder.physicalId(V) (physical X, X not "id": pass ends)
+// The colon may come any number of words later, on any line. Passes repeat
+// until end of file, which is the only exit test, so at the end of the input
+// the word in hand (the last word read) is what each remaining read yields.
+#ifndef XRPROCDETECTOR_INTERNAL_CPUINFO_WALK_H
+#define XRPROCDETECTOR_INTERNAL_CPUINFO_WALK_H
+
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "xrprocdetector/xrprocdetector.h"
+
+namespace xrprocdetector {
+namespace detail {
+
+template <class Reader, class Recorder>
+void walkCpuinfo(Reader& in, Recorder& recorder) {
+  do {
+    in.readUntilTrigger();
+    if (in.word() == "processor") {
+      in.readUntilColon();
+      in.read();
+      recorder.processor(in.word());
+    }
+    if (in.word() == "cpu") {
+      in.read();
+      if (in.word() != "cores") continue;
+      in.readUntilColon();
+      in.read();
+      recorder.cpuCores(in.word());
+    }
+    if (in.word() == "core") {
+      in.read();
+      if (in.word() != "id") continue;
+      in.readUntilColon();
+      in.read();
+      recorder.coreId(in.word());
+    }
+    if (in.word() == "physical") {
+      in.read();
+      if (in.word() != "id") continue;
+      in.readUntilColon();
+      in.read();
+      recorder.physicalId(in.word());
+    }
+  } while (!in.eof());
+}
+
+// Records the walk's values into the processor and package tables.
+struct TableRecorder {
+  xrLogicalTable& table;
+  void processor(std::string_view v) { table.findOrAddProcessor(v); }
+  void cpuCores(std::string_view v) { table.setCpuCores(v); }
+  void coreId(std::string_view v) { table.addCoreId(v); }
+  void physicalId(std::string_view v) { table.findOrAddPackage(v); }
+};
+
+// The tables of one scan, on the heap (about 40 KB), filled by the walk.
+template <class Reader>
+std::unique_ptr<xrLogicalTable> scanCpuinfoTable(Reader& in) {
+  auto table = std::make_unique<xrLogicalTable>();
+  TableRecorder recorder{*table};
+  walkCpuinfo(in, recorder);
+  return table;
+}
+
+// The 6.0 scan's lists of distinct texts: processor numbers, physical ids and
+// core ids over the whole file. A list keeps at most 256 values: a 257th
+// distinct value is not recorded, so that count stays at 256.
+class DistinctTextLists {
+ public:
+  static constexpr int kCapacity = 256;
+  struct List {
+    std::string values[kCapacity];
+    int count = 0;
+    void record(std::string_view v);
+  };
+
+  void processor(std::string_view v) { processorIds.record(v); }
+  void cpuCores(std::string_view v) { cpuCoresText.assign(v); }
+  void coreId(std::string_view v) { coreIdList.record(v); }
+  void physicalId(std::string_view v) { physicalIds.record(v); }
+
+  std::string cpuCoresText{"1"};  // kept as the scan reads it; counts nothing
+  List processorIds;
+  List physicalIds;
+  List coreIdList;
+};
+
+// Each /proc/cpuinfo generation's counting, over any reader. These are the
+// scans the detectors run; they are templates so that the same code can run
+// over the reference StreamWordReader as well.
+struct CpuinfoCounts {
+  int logical = 0;
+  int physical = 0;
+  int cores = 0;
+};
+
+// 6.0: distinct texts of the three kinds.
+template <class Reader>
+CpuinfoCounts count60(Reader& in) {
+  auto lists = std::make_unique<DistinctTextLists>();
+  walkCpuinfo(in, *lists);
+  return {lists->processorIds.count, lists->physicalIds.count, lists->coreIdList.count};
+}
+
+}  // namespace detail
+}  // namespace xrprocdetector
+
+#endif  // XRPROCDETECTOR_INTERNAL_CPUINFO_WALK_H

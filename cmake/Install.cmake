@@ -1,0 +1,53 @@
+# Install rules: the library, its public headers, an exported CMake package
+# (find_package(XrProcDetector)) and a pkg-config file (xrprocdetector.pc).
+include(CMakePackageConfigHelpers)
+
+install(TARGETS xrprocdetector
+    EXPORT XrProcDetectorTargets
+    ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
+    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+    RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+install(FILES ${XRPROCDETECTOR_PUBLIC_HEADERS}
+    DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/xrprocdetector)
+
+set(XRPROCDETECTOR_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/XrProcDetector)
+install(EXPORT XrProcDetectorTargets
+    NAMESPACE XrProcDetector::
+    DESTINATION ${XRPROCDETECTOR_CMAKE_DIR})
+configure_package_config_file(
+    ${CMAKE_CURRENT_LIST_DIR}/XrProcDetectorConfig.cmake.in
+    ${CMAKE_CURRENT_BINARY_DIR}/XrProcDetectorConfig.cmake
+    INSTALL_DESTINATION ${XRPROCDETECTOR_CMAKE_DIR})
+write_basic_package_version_file(
+    ${CMAKE_CURRENT_BINARY_DIR}/XrProcDetectorConfigVersion.cmake
+    COMPATIBILITY SameMajorVersion)
+install(FILES
+    ${CMAKE_CURRENT_BINARY_DIR}/XrProcDetectorConfig.cmake
+    ${CMAKE_CURRENT_BINARY_DIR}/XrProcDetectorConfigVersion.cmake
+    DESTINATION ${XRPROCDETECTOR_CMAKE_DIR})
+
+# The .pc file must hold absolute paths whether CMAKE_INSTALL_LIBDIR is
+# relative (the usual case) or absolute.
+if(IS_ABSOLUTE "${CMAKE_INSTALL_LIBDIR}")
+  set(XRPROCDETECTOR_PC_LIBDIR "${CMAKE_INSTALL_LIBDIR}")
+else()
+  set(XRPROCDETECTOR_PC_LIBDIR "\${exec_prefix}/${CMAKE_INSTALL_LIBDIR}")
+endif()
+if(IS_ABSOLUTE "${CMAKE_INSTALL_INCLUDEDIR}")
+  set(XRPROCDETECTOR_PC_INCLUDEDIR "${CMAKE_INSTALL_INCLUDEDIR}")
+else()
+  set(XRPROCDETECTOR_PC_INCLUDEDIR "\${prefix}/${CMAKE_INSTALL_INCLUDEDIR}")
+endif()
+configure_file(${CMAKE_CURRENT_LIST_DIR}/xrprocdetector.pc.in
+    ${CMAKE_CURRENT_BINARY_DIR}/xrprocdetector.pc @ONLY)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/xrprocdetector.pc
+    DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+
+if(XRPROCDETECTOR_BUILD_TOOLS)
+  install(TARGETS xrprocdetect RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+endif()
+
+# Packaging (cpack -G DEB) is set up in cmake/Packaging.cmake when present.
+if(EXISTS ${CMAKE_CURRENT_LIST_DIR}/Packaging.cmake)
+  include(${CMAKE_CURRENT_LIST_DIR}/Packaging.cmake)
+endif()

@@ -26,23 +26,7 @@ struct Machine : XrProcDetectorLinux32 {
   int total;
 };
 
-// Every test here may leave the thread pinned (the failed searches do, by
-// design): give it back its affinity afterwards.
-class CpuidEstimate : public ::testing::Test {
- protected:
-  void SetUp() override { ASSERT_EQ(sched_getaffinity(0, sizeof saved_, &saved_), 0); }
-  void TearDown() override {
-    sched_setaffinity(0, sizeof saved_, &saved_);
-    testsupport::unblockSegv();
-  }
-  bool affinityIsSaved() {
-    cpu_set_t now;
-    CPU_ZERO(&now);
-    sched_getaffinity(0, sizeof now, &now);
-    return CPU_EQUAL(&now, &saved_);
-  }
-  cpu_set_t saved_;
-};
+using CpuidEstimate = testsupport::ThreadStateTest;
 
 struct EstimateCase {
   const char* name;

@@ -225,15 +225,7 @@ TEST(Generation70, NoPhysicalIdIsOnePackageAndNoCores) {
 // ---------------------------------------------------------------------------
 // The default detector's three strategies
 
-class DefaultSequence : public ::testing::Test {
- protected:
-  void SetUp() override { ASSERT_EQ(sched_getaffinity(0, sizeof saved_, &saved_), 0); }
-  void TearDown() override {
-    sched_setaffinity(0, sizeof saved_, &saved_);
-    testsupport::unblockSegv();
-  }
-  cpu_set_t saved_;
-};
+using DefaultSequence = testsupport::ThreadStateTest;
 
 struct TwoProcessors : XrProcDetectorLinux32 {
   using XrProcDetectorLinux32::XrProcDetectorLinux32;

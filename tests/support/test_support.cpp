@@ -66,6 +66,23 @@ void unblockSegv() {
   pthread_sigmask(SIG_UNBLOCK, &segv, nullptr);
 }
 
+void ThreadStateTest::SetUp() {
+  CPU_ZERO(&saved_);
+  ASSERT_EQ(sched_getaffinity(0, sizeof saved_, &saved_), 0);
+}
+
+void ThreadStateTest::TearDown() {
+  sched_setaffinity(0, sizeof saved_, &saved_);
+  unblockSegv();
+}
+
+bool ThreadStateTest::affinityIsSaved() const {
+  cpu_set_t now;
+  CPU_ZERO(&now);
+  sched_getaffinity(0, sizeof now, &now);
+  return CPU_EQUAL(&now, &saved_);
+}
+
 int runInChild(const std::function<int()>& body, double seconds) {
   std::fflush(stdout);
   std::fflush(stderr);

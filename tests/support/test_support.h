@@ -3,6 +3,9 @@
 #ifndef XRPROCDETECTOR_TESTS_SUPPORT_TEST_SUPPORT_H
 #define XRPROCDETECTOR_TESTS_SUPPORT_TEST_SUPPORT_H
 
+#include <gtest/gtest.h>
+#include <sched.h>
+
 #include <cstdio>
 #include <functional>
 #include <string>
@@ -48,6 +51,18 @@ class OutputCapture {
 // Unblocks SIGSEGV in the calling thread, as a test must after a VMware
 // probe that faulted (the probe leaves it blocked by design).
 void unblockSegv();
+
+// A test that may leave the thread pinned (the CPUID search does when it
+// fails, by design) or SIGSEGV blocked (a faulted VMware probe does): the
+// thread gets its affinity back and SIGSEGV unblocked after each test.
+class ThreadStateTest : public ::testing::Test {
+ protected:
+  void SetUp() override;
+  void TearDown() override;
+  // Whether the thread's affinity is the one it had before the test.
+  bool affinityIsSaved() const;
+  cpu_set_t saved_;
+};
 
 // Runs `body` in a child process; the child's exit status comes back. Used
 // where a test changes process-wide state (mounts, signal masks) or may not

@@ -86,8 +86,12 @@ bool WordReader::nextWord(std::size_t* start, std::size_t* length) {
     while (pos_ < end_ && !isWordSpace(static_cast<unsigned char>(data_[pos_])))
       ++pos_;
     if (pos_ < end_) break;
-    if (!refill(first)) break;  // the word runs to the end of the input
-    first = 0;                  // refill moved the word's first bytes to the front
+    // refill() moves the word's first bytes to the front of the buffer, also
+    // when it then finds that the source has nothing more.
+    const std::size_t length = pos_ - first;
+    const bool more = refill(first);
+    first = pos_ - length;
+    if (!more) break;  // the word runs to the end of the input
   }
   *start = first;
   *length = pos_ - first;

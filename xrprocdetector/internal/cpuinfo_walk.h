@@ -19,6 +19,7 @@
 #include <string>
 #include <string_view>
 
+#include "xrprocdetector/internal/text_index.h"
 #include "xrprocdetector/xrprocdetector.h"
 
 namespace xrprocdetector {
@@ -77,13 +78,18 @@ std::unique_ptr<xrLogicalTable> scanCpuinfoTable(Reader& in) {
 
 // The 6.0 scan's lists of distinct texts: processor numbers, physical ids and
 // core ids over the whole file. A list keeps at most 256 values: a 257th
-// distinct value is not recorded, so that count stays at 256.
+// distinct value is not recorded, so that count stays at 256. Each list is
+// indexed by a hash of its texts, so recording a value costs the same with
+// 256 entries as with one; the lists hold the same values in the same order
+// as a search from the first entry would give.
 class DistinctTextLists {
  public:
   static constexpr int kCapacity = 256;
+  static_assert(kCapacity <= TextIndex::kMaxTexts, "the index holds every entry of a list");
   struct List {
     std::string values[kCapacity];
     int count = 0;
+    TextIndex index;  // over values[0, count)
     void record(std::string_view v);
   };
 

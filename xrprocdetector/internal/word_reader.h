@@ -18,7 +18,10 @@
 #ifndef XRPROCDETECTOR_INTERNAL_WORD_READER_H
 #define XRPROCDETECTOR_INTERNAL_WORD_READER_H
 
+#include <emmintrin.h>
+
 #include <cstddef>
+#include <cstdint>
 #include <istream>
 #include <memory>
 #include <string>
@@ -30,6 +33,9 @@ namespace detail {
 // True for the six bytes that separate words.
 inline bool isWordSpace(unsigned char c) {
   return c == ' ' || (c >= '\t' && c <= '\r');
+}
+inline bool isWordSpace(char c) {
+  return isWordSpace(static_cast<unsigned char>(c));
 }
 
 // True for the four words that start a /proc/cpuinfo line of interest.
@@ -50,9 +56,15 @@ inline bool isTriggerWord(std::string_view w) {
 
 class WordReader {
  public:
+  // 64 KB takes a 256-processor /proc/cpuinfo in eight reads; a longer word
+  // grows the buffer to fit it.
+  static constexpr std::size_t kDefaultBufferSize = 64 * 1024;
+
   // Reads the file at `path`; a file that cannot be opened gives a source
-  // that never reaches end of file.
-  explicit WordReader(const char* path);
+  // that never reaches end of file. `bufferSize` (at least 1) is the first
+  // size of the buffer: only tests pick another one, to make words straddle
+  // refills.
+  explicit WordReader(const char* path, std::size_t bufferSize = kDefaultBufferSize);
   // Reads `text`, which must outlive the reader; nothing is copied.
   explicit WordReader(std::string_view text);
   ~WordReader();
@@ -62,16 +74,20 @@ class WordReader {
   // One extraction into the word in hand.
   void read();
   // read(), repeated while the word is not one of the four trigger words and
-  // end of file is not reached. Words in between are skipped without being
-  // handed out, which is what makes the scans fast.
+  // end of file is not reached. The words in between are passed over in the
+  // buffer without being handed out one by one.
   void readUntilTrigger();
-  // read(), repeated while the word is not ":" and end of file is not reached.
+  // read(), repeated while the word is not ":" and end of file is not
+  // reached; the words in between are passed over likewise.
   void readUntilColon();
 
   bool eof() const { return eof_; }
   std::string_view word() const { return word_; }
 
  private:
+  // read() when the next word does not lie within the next 16 bytes of the
+  // buffer: long words, refills, end of file and failed sources.
+  void readSlow();
   // Moves the unread bytes from `keepFrom` on to the front of the buffer and
   // reads more after them. False when the source has nothing more (or failed).
   bool refill(std::size_t keepFrom);
@@ -82,6 +98,26 @@ class WordReader {
   // Finds the next word from pos_, refilling as needed; false at the end.
   bool nextWord(std::size_t* start, std::size_t* length);
 
+  // The skips of readUntilTrigger() and readUntilColon(). Each moves pos_
+  // over words of the buffer that a read would hand out and the loop would
+  // pass over: words that end inside the buffer, are not the buffer's last
+  // word, and are not what the loop seeks. It stops at the first word that is
+  // or may be sought, or at the buffer's last word, whose read may reach the
+  // end of the input; read() goes on from there. So the loop sees the same
+  // sought words, the same last word and the same end of file as a loop of
+  // plain reads.
+  //
+  // skipToTrigger() takes a trigger word that lies wholly inside the buffer
+  // itself, as read() would (word_ set, pos_ after it), and then returns
+  // true; otherwise it returns false and leaves the next read to the caller.
+  bool skipToTrigger();
+  void skipToPossibleColon();
+  // pos_ to the start of the buffer's last word, if one starts at or after
+  // pos_; else pos_ stays.
+  void skipToLastWord();
+  // Queues the trigger candidates of the next stretch of the buffer.
+  void findTriggerCandidates();
+
   int fd_ = -1;
   bool failed_ = false;      // could not open, or a read error
   bool sourceDone_ = false;  // the source has no more bytes
@@ -89,11 +125,76 @@ class WordReader {
   std::unique_ptr<char[]> buffer_;
   std::size_t capacity_ = 0;
   const char* data_ = nullptr;  // buffer_ or the caller's text
+  // The next byte to look at. Between calls it is always at a word boundary:
+  // right after a word, at the start of a word, or at end_. Once end of file
+  // is set, or the source has failed, it is at end_.
   std::size_t pos_ = 0;
   std::size_t end_ = 0;
   std::string_view word_;
   std::string held_;  // the word in hand when it had to leave the buffer
+
+  // Trigger candidates: positions of the buffer, in increasing order, that
+  // may start a trigger word (each is checked when it is taken). They are
+  // found in bulk, a stretch of the buffer at a time, so that passing over
+  // the many words between two trigger words costs few branches. Stored as
+  // offsets from candidateBase_; the queue is emptied when the buffer
+  // changes.
+  static constexpr std::size_t kCandidateQueue = 128;
+  std::uint32_t candidates_[kCandidateQueue];
+  std::size_t candidateBase_ = 0;
+  std::size_t candidateHead_ = 0;
+  std::size_t candidateTail_ = 0;
+  std::size_t candidatesFound_ = 0;  // the buffer before this has been searched
 };
+
+// The separators among the 16 bytes at `p`, as a mask: bit i stands for
+// p[i]. ' ' is 0x20, '\t' to '\r' are 9 to 13 (b - 9 at most 4, unsigned).
+inline unsigned wordSpaceBits16(const char* p) {
+  const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+  const __m128i t = _mm_sub_epi8(b, _mm_set1_epi8(9));
+  const __m128i tabToReturn = _mm_cmpeq_epi8(_mm_min_epu8(t, _mm_set1_epi8(4)), t);
+  const __m128i blank = _mm_cmpeq_epi8(b, _mm_set1_epi8(' '));
+  return static_cast<unsigned>(_mm_movemask_epi8(_mm_or_si128(tabToReturn, blank)));
+}
+
+inline void WordReader::read() {
+  // The common case: the separators before the next word, the word and the
+  // separator after it all lie within the next 16 bytes of the buffer. At
+  // end of file and on a failed source pos_ is at end_, so those never get
+  // here. Anything else goes to readSlow().
+  if (end_ - pos_ >= 16) {
+    const unsigned spaces = wordSpaceBits16(data_ + pos_);
+    const unsigned wordBytes = ~spaces & 0xFFFF;
+    if (wordBytes != 0) {
+      const unsigned first = static_cast<unsigned>(__builtin_ctz(wordBytes));
+      const unsigned after = spaces >> first;
+      if (after != 0) {
+        const unsigned length = static_cast<unsigned>(__builtin_ctz(after));
+        word_ = std::string_view(data_ + pos_ + first, length);
+        pos_ += first + length;
+        return;
+      }
+    }
+  }
+  readSlow();
+}
+
+inline void WordReader::readUntilTrigger() {
+  do {
+    if (skipToTrigger()) return;
+    read();
+  } while (!isTriggerWord(word_) && !eof_);
+}
+
+inline void WordReader::readUntilColon() {
+  // In /proc/cpuinfo the colon is nearly always the next word, so the first
+  // read goes without a skip.
+  read();
+  while (word_ != ":" && !eof_) {
+    skipToPossibleColon();
+    read();
+  }
+}
 
 // The reference reader: `stream >> word`, tested for end of file only.
 class StreamWordReader {
@@ -117,6 +218,10 @@ class StreamWordReader {
   std::istream& in_;
   std::string word_;
 };
+
+// For tests: search with SSE2 alone even where AVX2 is there, so that both
+// searches can be checked on one machine.
+void useSse2OnlyForTesting(bool sse2);
 
 // Opens the source of the /proc/cpuinfo scans: the live file, or what an
 // XrCpuinfoRedirect of the calling thread names instead.

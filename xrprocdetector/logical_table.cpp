@@ -13,52 +13,50 @@ const std::string kNeverSeen{"x"};
 using xrprocdetector::detail::sameText;
 using xrprocdetector::detail::TextIndex;
 
-// The index of processor numbers of the table that the calling thread fills.
-// xrLogicalTable has no room of its own for it, so each thread keeps one, for
-// the table it last looked a processor number up in. It covers records
-// 0 .. indexed - 1 and is rebuilt from the records whenever it is not in step
-// with the table at hand: another table, a fresh table (no records in use),
-// or records in use that it does not cover. Between its own calls a table's
-// processor numbers change only through findOrAddProcessor, which keeps the
-// index in step.
-struct ProcessorIndex {
-  const xrLogicalTable* table = nullptr;
+// Lists of distinct texts in the tables (the processor numbers, a record's
+// core ids, the packages' physical ids) are searched through a TextIndex once
+// they hold more than a few entries. xrLogicalTable has no room of its own
+// for one, so each thread keeps an index per kind of list, for the list it
+// last searched. An index covers entries 0 .. indexed - 1 of its list and is
+// rebuilt from the list whenever it is not in step with the list at hand:
+// another list, another number of entries, or a last entry that it does not
+// place where it is. Between searches the lists change only through the
+// table operations below, which keep the index in step.
+struct FollowingIndex {
+  const void* list = nullptr;
   std::int32_t indexed = 0;
   TextIndex index;
+
+  // Brings the index in step with `list`, whose entries 0 .. count - 1
+  // textAt() gives.
+  template <class TextAt>
+  void follow(const void* which, std::int32_t count, const TextAt& textAt) {
+    std::size_t slot = 0;
+    if (list == which && indexed == count && count > 0 && count <= TextIndex::kMaxTexts &&
+        index.find(textAt(count - 1), textAt, &slot) == count - 1)
+      return;
+    list = which;
+    index.clear();
+    // In order, so that a text that occurs twice keeps its first position,
+    // as a search from the first entry would find it.
+    for (std::int32_t i = 0; i < count && i < TextIndex::kMaxTexts; ++i) {
+      if (index.find(textAt(i), textAt, &slot) < 0) index.insert(slot, i);
+    }
+    indexed = count;
+  }
 };
 
-thread_local ProcessorIndex threadProcessorIndex;
+struct ThreadIndexes {
+  FollowingIndex processors;
+  FollowingIndex coreIds;
+  FollowingIndex packages;
+};
 
-ProcessorIndex& indexOf(const xrLogicalTable& table) {
-  ProcessorIndex& ix = threadProcessorIndex;
-  const std::int32_t n = table.logical;
-  bool inStep = ix.table == &table && ix.indexed == n && n > 0 && n <= xrLogicalTable::kCapacity;
-  if (inStep) {
-    // The last record in use must be where the index puts it.
-    std::size_t slot = 0;
-    inStep = ix.index.find(
-                 table.records[n - 1].processorNumber,
-                 [&table](int i) -> const std::string& { return table.records[i].processorNumber; },
-                 &slot) == n - 1;
-  }
-  if (inStep) return ix;
-  ix.table = &table;
-  ix.index.clear();
-  ix.indexed = 0;
-  // Records 0 .. n - 1 in order; a number seen before keeps its first
-  // record, as a search from record 0 up would.
-  for (std::int32_t i = 0; i < n && i < xrLogicalTable::kCapacity; ++i) {
-    const std::string& number = table.records[i].processorNumber;
-    std::size_t slot = 0;
-    if (ix.index.find(
-            number,
-            [&table](int j) -> const std::string& { return table.records[j].processorNumber; },
-            &slot) < 0)
-      ix.index.insert(slot, i);
-  }
-  ix.indexed = n;
-  return ix;
-}
+thread_local ThreadIndexes threadIndexes;
+
+// Up to this many entries a list is searched from the first: the usual one
+// or two core ids of a record, or the few packages of a machine.
+constexpr std::int32_t kSearchedDirectly = 8;
 
 }  // namespace
 
@@ -80,10 +78,11 @@ void xrLogicalTable::findOrAddProcessor(std::string_view value) {
   // The first record whose processor number equals `value`, found through
   // the index; the numbers in the table are distinct, so it is the one a
   // search from record 0 up would find.
-  ProcessorIndex& ix = indexOf(*this);
+  auto numberAt = [this](int i) -> const std::string& { return records[i].processorNumber; };
+  FollowingIndex& ix = threadIndexes.processors;
+  ix.follow(this, logical, numberAt);
   std::size_t slot = 0;
-  const int found = ix.index.find(
-      value, [this](int i) -> const std::string& { return records[i].processorNumber; }, &slot);
+  const int found = ix.index.find(value, numberAt, &slot);
   if (found >= 0) {
     current = found;
     return;
@@ -106,38 +105,89 @@ void xrLogicalTable::setCpuCores(std::string_view value) {
 
 void xrLogicalTable::addCoreId(std::string_view value) {
   xrLogicalData& record = records[current];
-  for (std::int32_t i = 0; i < record.coreIdCount; ++i) {
-    if (sameText(record.coreIds[i], value)) return;
+  const std::int32_t n = record.coreIdCount;
+  auto idAt = [&record](int i) -> const std::string& { return record.coreIds[i]; };
+  std::size_t slot = 0;
+  FollowingIndex* ix = nullptr;
+  if (n <= kSearchedDirectly) {
+    for (std::int32_t i = 0; i < n; ++i) {
+      if (sameText(record.coreIds[i], value)) return;
+    }
+  } else {
+    ix = &threadIndexes.coreIds;
+    ix->follow(&record, n, idAt);
+    if (ix->index.find(value, idAt, &slot) >= 0) return;
   }
   // A record holds 256 core ids; a 257th distinct one is not added.
-  if (record.coreIdCount >= xrLogicalData::CoreIdArray::kCapacity) return;
+  if (n >= xrLogicalData::CoreIdArray::kCapacity) return;
   record.coreIds.append(value);
-  ++record.coreIdCount;
+  record.coreIdCount = n + 1;
+  if (ix != nullptr) {
+    ix->index.insert(slot, n);
+    ix->indexed = n + 1;
+  }
 }
 
 void xrLogicalTable::findOrAddPackage(std::string_view value) {
-  std::int32_t i = 0;
-  while (i < packageCount && i <= kCapacity - 1 && !sameText(packages[i].physicalId, value))
-    ++i;
+  // Entries 0 .. packageCount - 1 (never more than 256) hold distinct texts,
+  // so "found" is the same whether searched from the first or through the
+  // index.
+  auto idAt = [this](int i) -> const std::string& { return packages[i].physicalId; };
+  bool found = false;
+  std::size_t slot = 0;
+  FollowingIndex* ix = nullptr;
+  if (packageCount <= kSearchedDirectly) {
+    for (std::int32_t i = 0; i < packageCount && !found; ++i)
+      found = sameText(packages[i].physicalId, value);
+  } else {
+    ix = &threadIndexes.packages;
+    ix->follow(this, packageCount, idAt);
+    found = ix->index.find(value, idAt, &slot) >= 0;
+  }
   // The 257th and later distinct physical ids are dropped without a word,
   // but still become the current record's physical id.
-  if (i == packageCount && i <= kCapacity - 1) {
+  if (!found && packageCount >= 0 && packageCount < kCapacity) {
     packages[packageCount].physicalId.assign(value);
+    if (ix != nullptr) {
+      ix->index.insert(slot, packageCount);
+      ix->indexed = packageCount + 1;
+    }
     ++packageCount;
   }
   records[current].physicalId.assign(value);
 }
 
 void xrLogicalTable::derivePackageCores() {
-  for (std::int32_t j = 0; j < packageCount; ++j) {
-    for (std::int32_t i = 0; i < logical; ++i) {
-      if (sameText(records[i].physicalId, packages[j].physicalId)) {
-        // Clamped by strtol, then narrowed to 32 bits as two's complement.
-        packages[j].cores =
-            xrprocdetector::detail::narrow32(std::strtol(records[i].cpuCores.c_str(), nullptr, 10));
-        break;
+  // Each package takes the cpu-cores value of the first record (lowest
+  // index) that carries its physical id.
+  auto coresOf = [this](std::int32_t record) {
+    // Clamped by strtol, then narrowed to 32 bits as two's complement.
+    return xrprocdetector::detail::narrow32(
+        std::strtol(records[record].cpuCores.c_str(), nullptr, 10));
+  };
+  if (packageCount <= kSearchedDirectly) {
+    for (std::int32_t j = 0; j < packageCount; ++j) {
+      for (std::int32_t i = 0; i < logical; ++i) {
+        if (sameText(records[i].physicalId, packages[j].physicalId)) {
+          packages[j].cores = coresOf(i);
+          break;
+        }
       }
     }
+    return;
+  }
+  // Many packages: index the records by physical id first, keeping the
+  // first record of each, so that each package costs one lookup.
+  TextIndex firstRecord;
+  auto idAt = [this](int i) -> const std::string& { return records[i].physicalId; };
+  for (std::int32_t i = 0; i < logical && i < kCapacity; ++i) {
+    std::size_t slot = 0;
+    if (firstRecord.find(records[i].physicalId, idAt, &slot) < 0) firstRecord.insert(slot, i);
+  }
+  for (std::int32_t j = 0; j < packageCount; ++j) {
+    std::size_t slot = 0;
+    const int i = firstRecord.find(packages[j].physicalId, idAt, &slot);
+    if (i >= 0) packages[j].cores = coresOf(i);
   }
 }
 

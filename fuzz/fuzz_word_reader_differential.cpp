@@ -148,6 +148,23 @@ struct TableModel {
     }
     if (ids.size() < kCapacity) ids.emplace_back(v);
   }
+  // Each package's cores: strtol of the cpu-cores text of the first record
+  // that carries its physical id, narrowed to 32 bits; 0 if none does.
+  std::vector<std::int32_t> packageCores() const {
+    std::vector<std::int32_t> cores;
+    for (const auto& p : packages) {
+      std::int32_t c = 0;
+      for (std::size_t i = 0; i < logical; ++i) {
+        if (records[i].physicalId == p) {
+          const long v = std::strtol(records[i].cpuCores.c_str(), nullptr, 10);
+          c = static_cast<std::int32_t>(static_cast<std::uint32_t>(static_cast<unsigned long>(v)));
+          break;
+        }
+      }
+      cores.push_back(c);
+    }
+    return cores;
+  }
   void physicalId(std::string_view v) {
     bool known = false;
     for (const auto& p : packages)
@@ -253,9 +270,13 @@ void compareScans(std::string_view bytes, const char* path, std::size_t bufferSi
             sources[k]);
     // Package cores and their total, from each table.
     scans[k].table->derivePackageCores();
-    for (int j = 0; j < scans[k].table->packageCount; ++j)
-      require(scans[k].table->packages[j].cores == scans[0].table->packages[j].cores, sources[k]);
-    require(scans[k].table->totalCores() == scans[0].table->totalCores(), sources[k]);
+    const auto cores = tableModel.packageCores();
+    std::uint32_t total = 0;
+    for (std::size_t j = 0; j < cores.size(); ++j) {
+      require(scans[k].table->packages[j].cores == cores[j], sources[k]);
+      total += static_cast<std::uint32_t>(cores[j]);
+    }
+    require(scans[k].table->totalCores() == static_cast<std::int32_t>(total), sources[k]);
   }
 }
 

@@ -34,6 +34,15 @@ for target in "${targets[@]}"; do
   artifacts="$build/fuzz-artifacts/$name"
   mkdir -p "$corpus" "$artifacts"
   cp "$seeds"/*.cpuinfo "$corpus"/
+  # And two made here that reach past the tables' limits: 300 processors in
+  # 20 packages, and one processor with 300 core ids.
+  for ((n = 0; n < 300; n++)); do
+    printf 'processor\t: %d\nphysical id\t: %d\ncore id\t\t: %d\ncpu cores\t: %d\n\n' \
+      "$n" $((n % 20)) $((n % 16)) $((n % 7))
+  done >"$corpus/seed-300-processors"
+  { printf 'processor\t: 0\nphysical id\t: 0\ncpu cores\t: 4\n'
+    for ((n = 0; n < 300; n++)); do printf 'core id\t\t: %d\n' "$n"; done
+  } >"$corpus/seed-300-core-ids"
   echo "=== $name: ${seconds}s"
   if ! "$target" "$corpus" \
       -max_total_time="$seconds" -timeout=20 -rss_limit_mb=2048 -max_len=16384 \

@@ -86,7 +86,7 @@ std::string cpuinfoText(const Machine& m) {
     line(out, "wp\t", "yes");
     line(out, "flags\t", kFlags);
     line(out, "vmx flags", "vnmi preemption_timer posted_intr invvpid ept_x_only ept_ad ept_1gb");
-    line(out, "bugs\t", "spectre_v1 spectre_v2 spec_store_bypass swapgs eibrs_pbrsb");
+    line(out, "bugs\t", "spectre_v1 spectre_v2 mmio_stale_data swapgs eibrs_pbrsb");
     line(out, "bogomips", "3800.00");
     line(out, "clflush size", "64");
     line(out, "cache_alignment", "64");

@@ -1,0 +1,202 @@
+#include "options.h"
+
+#include <getopt.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <limits>
+
+#include "run.h"
+
+namespace xrprocdetect {
+
+namespace {
+
+// Long options that have no short form.
+enum : int {
+  kAll = 256,
+  kCpuinfo,
+  kEcho,
+  kSummary,
+  kVersionIndex,
+};
+
+const option kLongOptions[] = {
+    {"algorithm", required_argument, nullptr, 'a'},
+    {"all", no_argument, nullptr, kAll},
+    {"cpuinfo", required_argument, nullptr, kCpuinfo},
+    {"debug", optional_argument, nullptr, 'd'},
+    {"echo", no_argument, nullptr, kEcho},
+    {"json", no_argument, nullptr, 'J'},
+    {"summary", no_argument, nullptr, kSummary},
+    {"version-index", required_argument, nullptr, kVersionIndex},
+    {"help", no_argument, nullptr, 'h'},
+    {"version", no_argument, nullptr, 'V'},
+    {nullptr, 0, nullptr, 0},
+};
+
+// The leading ':' makes a missing argument ':' rather than '?'.
+const char kShortOptions[] = ":a:d::JhV";
+
+// A whole decimal number that fits in 32 bits, or nothing.
+std::optional<std::int32_t> wholeNumber(const char* text) {
+  if (text == nullptr || *text == '\0') return std::nullopt;
+  errno = 0;
+  char* end = nullptr;
+  const long value = std::strtol(text, &end, 10);
+  if (errno != 0 || *end != '\0' || value < std::numeric_limits<std::int32_t>::min() ||
+      value > std::numeric_limits<std::int32_t>::max())
+    return std::nullopt;
+  return static_cast<std::int32_t>(value);
+}
+
+// The option as the user wrote it, for messages: "--debug" or "-d".
+std::string spelled(int shortName, const char* longName, const char* written) {
+  if (written != nullptr && written[0] == '-' && written[1] == '-')
+    return "--" + std::string(longName);
+  if (shortName < 256) return std::string("-") + static_cast<char>(shortName);
+  return "--" + std::string(longName);
+}
+
+}  // namespace
+
+Parsed parseOptions(int argc, char** argv) {
+  Parsed parsed;
+  Options& o = parsed.options;
+  bool algorithmGiven = false;
+  opterr = 0;  // the messages below say more than getopt's own
+  optind = 1;
+  for (;;) {
+    const int previous = optind;
+    const int c = getopt_long(argc, argv, kShortOptions, kLongOptions, nullptr);
+    if (c == -1) break;
+    const char* written = previous < argc ? argv[previous] : nullptr;
+    switch (c) {
+      case 'a':
+        if (findGeneration(optarg) == nullptr) {
+          parsed.error = "unknown algorithm '" + std::string(optarg) +
+                         "'; choose default, 7.0, 6.1, 6.0 or 5.3";
+          return parsed;
+        }
+        o.algorithm = optarg;
+        algorithmGiven = true;
+        break;
+      case 'd': {
+        if (optarg == nullptr) {
+          o.debugLevel = 1;
+          break;
+        }
+        o.debugLevel = wholeNumber(optarg);
+        if (!o.debugLevel) {
+          parsed.error = spelled('d', "debug", written) +
+                         " takes a whole number as its level, not '" + optarg + "'";
+          return parsed;
+        }
+        break;
+      }
+      case 'J':
+        o.json = true;
+        break;
+      case 'h':
+        o.help = true;
+        break;
+      case 'V':
+        o.version = true;
+        break;
+      case kAll:
+        o.all = true;
+        break;
+      case kCpuinfo:
+        if (*optarg == '\0') {
+          parsed.error = "--cpuinfo needs a file name (or - for standard input)";
+          return parsed;
+        }
+        o.cpuinfo = optarg;
+        break;
+      case kEcho:
+        o.echo = true;
+        break;
+      case kSummary:
+        o.summary = true;
+        break;
+      case kVersionIndex:
+        o.versionIndex = wholeNumber(optarg);
+        if (!o.versionIndex) {
+          parsed.error = "--version-index takes a whole number, not '" + std::string(optarg) + "'";
+          return parsed;
+        }
+        // The default detector prints the name of the index's row of its
+        // seven-row version table, so only 0 to 6 are accepted.
+        if (*o.versionIndex < 0 || *o.versionIndex > 6) {
+          parsed.error = "--version-index must be 0 to 6, not " + std::to_string(*o.versionIndex);
+          return parsed;
+        }
+        break;
+      case ':':
+        parsed.error =
+            "option '" + std::string(written != nullptr ? written : "") + "' needs an argument";
+        return parsed;
+      default:
+        parsed.error =
+            optopt != 0 ? std::string("unknown option '-") + static_cast<char>(optopt) + "'"
+                        : "unknown option '" + std::string(written != nullptr ? written : "") + "'";
+        return parsed;
+    }
+  }
+  if (o.help || o.version) return parsed;
+  if (optind < argc) {
+    parsed.error = "unexpected argument '" + std::string(argv[optind]) + "'";
+    if (wholeNumber(argv[optind]))
+      parsed.error += "; a debug level goes right after the option: -d2 or --debug=2";
+    return parsed;
+  }
+  if (o.all && algorithmGiven) {
+    parsed.error = "--all runs every generation; leave out --algorithm";
+    return parsed;
+  }
+  // 6.0 and 6.1 are one class told apart by the index: 1 selects 6.0.
+  if (!o.all && o.versionIndex) {
+    if (o.algorithm == "6.0" && *o.versionIndex != 1) {
+      parsed.error = "6.0 runs with version index 1 only";
+      return parsed;
+    }
+    if (o.algorithm == "6.1" && *o.versionIndex == 1) {
+      parsed.error = "version index 1 selects 6.0, not 6.1";
+      return parsed;
+    }
+  }
+  return parsed;
+}
+
+std::string usageText() {
+  return R"(Usage: xrprocdetect [OPTION]...
+Count the processor packages, cores and logical processors of this machine
+(or of a saved /proc/cpuinfo) with one or every detector generation.
+
+  -a, --algorithm NAME    the generation to run: default (the platform's
+                          detector), 7.0, 6.1, 6.0 or 5.3; default: default
+      --all               run every generation and print one row each
+      --cpuinfo FILE      count FILE as a saved /proc/cpuinfo instead of this
+                          machine (- reads standard input); generations that
+                          would go on to CPUID or to the operating system's
+                          counts say so instead of giving numbers
+      --version-index N   the version index (0 to 6) given to the detectors'
+                          constructors; 6.0 always runs with 1, and 6.1 with
+                          N unless N is 1
+  -d, --debug[=LEVEL]     write the detectors' own debug lines to standard
+                          error at LEVEL (1 by default; 2 adds the scans'
+                          entry trace)
+      --echo              have the detectors echo their debug lines to
+                          standard output instead (at LEVEL, or 1)
+      --summary           also call printSummary after detection and show
+                          what it writes
+  -J, --json              print JSON: one object, or with --all an array
+  -h, --help              print this help and exit
+  -V, --version           print the version and exit
+
+Exit status: 0 on success, 1 when a detector's getProcData is negative,
+2 on a usage error or an unreadable input.
+)";
+}
+
+}  // namespace xrprocdetect

@@ -1,0 +1,42 @@
+// The command line of xrprocdetect.
+#ifndef XRPROCDETECTOR_TOOLS_OPTIONS_H
+#define XRPROCDETECTOR_TOOLS_OPTIONS_H
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+namespace xrprocdetect {
+
+struct Options {
+  // The generation to run (-a): "default", "7.0", "6.1", "6.0" or "5.3".
+  std::string algorithm = "default";
+  bool all = false;  // --all: every generation, one row each
+  // --version-index: the index given to the constructors that take one.
+  std::optional<std::int32_t> versionIndex;
+  // -d/--debug[=LEVEL]: the detectors' own debug lines to standard error.
+  std::optional<std::int32_t> debugLevel;
+  bool echo = false;     // --echo: the detectors' echo switch instead
+  bool summary = false;  // --summary: printSummary after detection
+  bool json = false;     // -J/--json
+  // --cpuinfo FILE: count a saved /proc/cpuinfo ("-": standard input).
+  std::optional<std::string> cpuinfo;
+  bool help = false;
+  bool version = false;
+};
+
+// What parsing gave: the options, or a one-line error (without the program
+// name or a line end) for exit status 2.
+struct Parsed {
+  Options options;
+  std::string error;
+};
+
+Parsed parseOptions(int argc, char** argv);
+
+// The text of --help.
+std::string usageText();
+
+}  // namespace xrprocdetect
+
+#endif  // XRPROCDETECTOR_TOOLS_OPTIONS_H

@@ -1,0 +1,35 @@
+// What xrprocdetect prints: a report for one generation, a table for
+// several, or JSON for either.
+#ifndef XRPROCDETECTOR_TOOLS_REPORT_H
+#define XRPROCDETECTOR_TOOLS_REPORT_H
+
+#include <string>
+#include <vector>
+
+#include "run.h"
+
+namespace xrprocdetect {
+
+// Where the counts came from: this machine, or a saved /proc/cpuinfo
+// (`file`, "-" for standard input).
+struct Source {
+  bool live = true;
+  std::string file;
+};
+
+// A few lines for one generation: its name, the counts, the states in words.
+std::string humanReport(const Row& row, const Source& source);
+// One line a generation, the same columns for each, under a header.
+std::string table(const std::vector<Row>& rows, const Source& source);
+// What --summary adds after the report or table: each generation's
+// printSummary output, as it wrote it.
+std::string summaries(const std::vector<Row>& rows);
+// JSON: one object for a row, or an array of objects. Numbers are numbers;
+// what a row does not have is null. The keys are stable; "summary" is there
+// only `withSummary`.
+std::string json(const std::vector<Row>& rows, const Source& source, bool asArray,
+                 bool withSummary);
+
+}  // namespace xrprocdetect
+
+#endif  // XRPROCDETECTOR_TOOLS_REPORT_H

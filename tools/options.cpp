@@ -150,6 +150,12 @@ Parsed parseOptions(int argc, char** argv) {
       parsed.error += "; a debug level goes right after the option: -d2 or --debug=2";
     return parsed;
   }
+  if (o.echo && o.json) {
+    parsed.error =
+        "--echo puts debug lines into standard output, which would break the JSON; "
+        "use --debug to have them on standard error";
+    return parsed;
+  }
   if (o.all && algorithmGiven) {
     parsed.error = "--all runs every generation; leave out --algorithm";
     return parsed;

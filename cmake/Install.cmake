@@ -38,10 +38,17 @@ if(IS_ABSOLUTE "${CMAKE_INSTALL_INCLUDEDIR}")
 else()
   set(XRPROCDETECTOR_PC_INCLUDEDIR "\${prefix}/${CMAKE_INSTALL_INCLUDEDIR}")
 endif()
-configure_file(${CMAKE_CURRENT_LIST_DIR}/xrprocdetector.pc.in
-    ${CMAKE_CURRENT_BINARY_DIR}/xrprocdetector.pc @ONLY)
-install(FILES ${CMAKE_CURRENT_BINARY_DIR}/xrprocdetector.pc
-    DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+# Its prefix is the one the files are installed under, which is known only at
+# install time (`cmake --install --prefix`, CPack's /usr): it is written then.
+set(XRPROCDETECTOR_PC_FILE ${CMAKE_CURRENT_BINARY_DIR}/pkgconfig/xrprocdetector.pc)
+install(CODE "
+  set(PROJECT_DESCRIPTION [[${PROJECT_DESCRIPTION}]])
+  set(PROJECT_VERSION [[${PROJECT_VERSION}]])
+  set(XRPROCDETECTOR_PC_LIBDIR [[${XRPROCDETECTOR_PC_LIBDIR}]])
+  set(XRPROCDETECTOR_PC_INCLUDEDIR [[${XRPROCDETECTOR_PC_INCLUDEDIR}]])
+  configure_file([[${CMAKE_CURRENT_LIST_DIR}/xrprocdetector.pc.in]]
+      [[${XRPROCDETECTOR_PC_FILE}]] @ONLY)")
+install(FILES ${XRPROCDETECTOR_PC_FILE} DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
 if(XRPROCDETECTOR_BUILD_TOOLS)
   install(TARGETS xrprocdetect RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})

@@ -71,6 +71,11 @@ const std::string& xrLogicalData::CoreIdArray::operator[](int i) const {
 }
 
 void xrLogicalData::CoreIdArray::append(std::string_view value) {
+  // Room for a few from the first: a record's core ids are few, and a block
+  // of this size stays out of the allocator's small-block lists, whose
+  // clearing on the scan's next large allocation (the tables) would cost a
+  // step per block.
+  if (written_.empty()) written_.reserve(4);
   written_.emplace_back(value);
 }
 
@@ -200,10 +205,95 @@ std::int32_t xrLogicalTable::totalCores() const {
 }
 
 // ---------------------------------------------------------------------------
-// The 6.0 scan's lists of distinct texts
+// The recorder of the scans that fill the tables
 
 namespace xrprocdetector {
 namespace detail {
+
+TableRecorder::TableRecorder(xrLogicalTable& table) : table_(table) {
+  // In order, so that a text that occurs twice keeps its first position, as
+  // a search from the first entry would find it.
+  auto numberAt = [this](int i) -> const std::string& { return table_.records[i].processorNumber; };
+  for (std::int32_t i = 0; i < table_.logical && i < xrLogicalTable::kCapacity; ++i) {
+    std::size_t slot = 0;
+    if (processors_.find(numberAt(i), numberAt, &slot) < 0) processors_.insert(slot, i);
+  }
+  auto idAt = [this](int i) -> const std::string& { return table_.packages[i].physicalId; };
+  for (std::int32_t i = 0; i < table_.packageCount && i < xrLogicalTable::kCapacity; ++i) {
+    std::size_t slot = 0;
+    if (packages_.find(idAt(i), idAt, &slot) < 0) packages_.insert(slot, i);
+  }
+}
+
+void TableRecorder::processor(std::string_view v) {
+  // As findOrAddProcessor: the record numbered `v` becomes current; a new
+  // number is added while the table has room, else current stays.
+  xrLogicalTable& t = table_;
+  auto numberAt = [&t](int i) -> const std::string& { return t.records[i].processorNumber; };
+  std::size_t slot = 0;
+  const int found = processors_.find(v, numberAt, &slot);
+  if (found >= 0) {
+    t.current = found;
+    return;
+  }
+  if (t.logical >= xrLogicalTable::kCapacity) return;
+  t.records[t.logical].processorNumber.assign(v);
+  processors_.insert(slot, t.logical);
+  t.current = t.logical;
+  ++t.logical;
+}
+
+void TableRecorder::coreId(std::string_view v) {
+  // As addCoreId: `v` joins the current record's core ids unless there, and
+  // while the record has room.
+  xrLogicalData& record = table_.records[table_.current];
+  const std::int32_t n = record.coreIdCount;
+  std::size_t slot = 0;
+  bool indexed = false;
+  if (n <= kSearchedDirectly) {
+    for (std::int32_t i = 0; i < n; ++i) {
+      if (sameText(record.coreIds[i], v)) return;
+    }
+  } else {
+    auto idAt = [&record](int i) -> const std::string& { return record.coreIds[i]; };
+    if (coreIdsOf_ != &record || coreIdsIndexed_ != n) {
+      // Another record than the one indexed: index this one's list.
+      coreIds_.clear();
+      for (std::int32_t i = 0; i < n && i < TextIndex::kMaxTexts; ++i) {
+        if (coreIds_.find(idAt(i), idAt, &slot) < 0) coreIds_.insert(slot, i);
+      }
+      coreIdsOf_ = &record;
+      coreIdsIndexed_ = n;
+    }
+    if (coreIds_.find(v, idAt, &slot) >= 0) return;
+    indexed = true;
+  }
+  if (n >= xrLogicalData::CoreIdArray::kCapacity) return;
+  record.coreIds.append(v);
+  record.coreIdCount = n + 1;
+  if (indexed) {
+    coreIds_.insert(slot, n);
+    coreIdsIndexed_ = n + 1;
+  }
+}
+
+void TableRecorder::physicalId(std::string_view v) {
+  // As findOrAddPackage: a new physical id becomes a package while there is
+  // room; in every case it becomes the current record's physical id.
+  xrLogicalTable& t = table_;
+  auto idAt = [&t](int i) -> const std::string& { return t.packages[i].physicalId; };
+  std::size_t slot = 0;
+  if (packages_.find(v, idAt, &slot) < 0 && t.packageCount >= 0 &&
+      t.packageCount < xrLogicalTable::kCapacity) {
+    t.packages[t.packageCount].physicalId.assign(v);
+    packages_.insert(slot, t.packageCount);
+    ++t.packageCount;
+  }
+  t.records[t.current].physicalId.assign(v);
+}
+
+// ---------------------------------------------------------------------------
+// The 6.0 scan's lists of distinct texts
 
 void DistinctTextLists::List::record(std::string_view v) {
   std::size_t slot = 0;

@@ -31,9 +31,32 @@ unsigned lowestBit(unsigned mask) {
   return static_cast<unsigned>(__builtin_ctz(mask));
 }
 
-std::uint32_t lowestBit64(std::uint64_t mask) {
-  return static_cast<std::uint32_t>(__builtin_ctzll(mask));
+unsigned lowestBit64(std::uint64_t mask) {
+  return static_cast<unsigned>(__builtin_ctzll(mask));
 }
+
+// The separators among the 64 bytes at `p`, as a mask: bit i stands for
+// p[i]. With SSE2, and with AVX-512 where the processor has it.
+std::uint64_t wordSpaceBits64(const char* p) {
+  return static_cast<std::uint64_t>(wordSpaceBits16(p)) |
+         static_cast<std::uint64_t>(wordSpaceBits16(p + 16)) << 16 |
+         static_cast<std::uint64_t>(wordSpaceBits16(p + 32)) << 32 |
+         static_cast<std::uint64_t>(wordSpaceBits16(p + 48)) << 48;
+}
+
+__attribute__((target("avx512f,avx512bw"))) std::uint64_t wordSpaceBits64Avx512(const char* p) {
+  const __m512i b = _mm512_loadu_si512(p);
+  return _mm512_cmpeq_epi8_mask(b, _mm512_set1_epi8(' ')) |
+         _mm512_cmple_epu8_mask(_mm512_sub_epi8(b, _mm512_set1_epi8('\t')),
+                                _mm512_set1_epi8('\r' - '\t'));
+}
+
+// The vector instructions that the searches use, narrowest to widest, and
+// the widest that this processor has and tests allow.
+constexpr int kSse2 = 0;
+constexpr int kAvx2 = 1;
+constexpr int kAvx512 = 2;
+int widestSearch();
 
 // The first separator in data[from, to), or `to`.
 std::size_t findSpace(const char* data, std::size_t from, std::size_t to) {
@@ -57,21 +80,45 @@ std::size_t findWordByte(const char* data, std::size_t from, std::size_t to) {
   return from;
 }
 
+// The buffer that the thread's last reader of the default size left, for its
+// next reader. It goes with the thread.
+thread_local std::unique_ptr<char[]> spareBuffer;
+
+std::unique_ptr<char[]> takeBuffer(std::size_t size) {
+  if (size == WordReader::kDefaultBufferSize && spareBuffer) return std::move(spareBuffer);
+  return std::unique_ptr<char[]>(new char[size]);
+}
+
 }  // namespace
 
 WordReader::WordReader(const char* path, std::size_t bufferSize)
     : fd_(::open(path, O_RDONLY | O_CLOEXEC)),
-      buffer_(new char[bufferSize > 0 ? bufferSize : 1]),
+      buffer_(takeBuffer(bufferSize > 0 ? bufferSize : 1)),
       capacity_(bufferSize > 0 ? bufferSize : 1) {
+  search_ = widestSearch();
   failed_ = fd_ < 0;
   data_ = buffer_.get();
 }
 
 WordReader::WordReader(std::string_view text)
-    : sourceDone_(true), data_(text.data()), end_(text.size()) {}
+    : sourceDone_(true), data_(text.data()), end_(text.size()) {
+  search_ = widestSearch();
+}
 
 WordReader::~WordReader() {
   if (fd_ >= 0) ::close(fd_);
+  // A buffer of the default size (not grown) goes back to the thread, unless
+  // another reader's already has.
+  if (buffer_ && capacity_ == kDefaultBufferSize && !spareBuffer) spareBuffer = std::move(buffer_);
+}
+
+void WordReader::forgetBuffer() {
+  // The separator bits and the trigger candidates were about the old
+  // contents.
+  forgetWords();
+  groupsLeft_ = 0;
+  taking_ = 0;
+  searched_ = 0;
 }
 
 void WordReader::holdWord() {
@@ -96,10 +143,7 @@ bool WordReader::refill(std::size_t keepFrom) {
   }
   pos_ -= keepFrom;
   end_ = kept;
-  // The queued trigger candidates were positions of the old contents.
-  candidateHead_ = 0;
-  candidateTail_ = 0;
-  candidatesFound_ = 0;
+  forgetBuffer();
   for (;;) {
     const ssize_t n = ::read(fd_, buffer_.get() + end_, capacity_ - end_);
     if (n > 0) {
@@ -146,6 +190,36 @@ void WordReader::failedRead() {
   // the scans wait forever. Giving the processor away each time keeps that
   // endless wait from starving the host's other threads.
   sched_yield();
+}
+
+void WordReader::learnWords() {
+  const char* p = data_ + pos_;
+  const std::uint64_t spaces = search_ == kAvx512 ? wordSpaceBits64Avx512(p) : wordSpaceBits64(p);
+  const std::uint64_t wordBytes = ~spaces;
+  // pos_ is at a word boundary, so a word byte there starts a word. The last
+  // byte of the 64 ends no word here: what follows it is not known.
+  starts_ = wordBytes & ~(wordBytes << 1);
+  ends_ = wordBytes & (spaces >> 1);
+  wordsAt_ = pos_;
+}
+
+inline void WordReader::learnWords16() {
+  const std::uint64_t spaces = wordSpaceBits16(data_ + pos_);
+  // The bytes past the 16 count as word bytes: a word running into them has
+  // no end here.
+  const std::uint64_t wordBytes = ~spaces;
+  starts_ = wordBytes & ~(wordBytes << 1);
+  ends_ = wordBytes & (spaces >> 1);
+  wordsAt_ = pos_;
+}
+
+void WordReader::readFurther() {
+  if (end_ - pos_ >= 64) {
+    learnWords();
+    if (ends_ != 0) return read();
+  }
+  forgetWords();
+  readSlow();
 }
 
 void WordReader::readSlow() {
@@ -217,11 +291,14 @@ inline int triggerLength(const char* data, std::size_t at, std::size_t end) {
   }
 }
 
-// Trigger candidates in 64-byte groups. Bit i of a group's mask stands for
-// data[at + i]: a byte 'p' followed by 'r' or 'h', or 'c' followed by 'p' or
-// 'o' (the first two bytes of the trigger words), after a byte of at most
+// Trigger candidates in groups of 64 bytes. Bit i of a group's mask stands
+// for data[at + i]: a byte 'p' followed by 'r' or 'h', or 'c' followed by 'p'
+// or 'o' (the first two bytes of the trigger words), after a byte of at most
 // ' ' (every separator is; the exact test comes when a candidate is taken).
-// The bytes before and after the group must be in the buffer.
+// The byte before the group and the three after it must be in the buffer.
+constexpr std::size_t kGroup = 64;
+constexpr std::size_t kGroupLookahead = 3;
+
 std::uint64_t candidateMaskSse2(const char* data) {
   auto eq = [](__m128i v, char c) { return _mm_cmpeq_epi8(v, _mm_set1_epi8(c)); };
   const __m128i blank = _mm_set1_epi8(' ');
@@ -240,7 +317,13 @@ std::uint64_t candidateMaskSse2(const char* data) {
   return mask;
 }
 
-#define XR_AVX2 __attribute__((target("avx2,bmi,popcnt")))
+// The masks of `groups` whole groups from `at` on into masks[0, groups).
+void searchGroupsSse2(const char* data, std::size_t at, std::size_t groups, std::uint64_t* masks) {
+  for (std::size_t g = 0; g < groups; ++g, at += kGroup)
+    masks[g] = candidateMaskSse2(data + at);
+}
+
+#define XR_AVX2 __attribute__((target("avx2")))
 
 XR_AVX2 inline std::uint32_t candidateMask32(const char* at) {
   const __m256i before = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(at - 1));
@@ -260,58 +343,102 @@ XR_AVX2 inline std::uint32_t candidateMask32(const char* at) {
       _mm256_movemask_epi8(_mm256_and_si256(wordStart, _mm256_or_si256(p, c))));
 }
 
-// Appends the positions of the candidates of the groups from `at` on to
-// out[*count], while a group fits before `stop` and out has room for 64 more
-// (out[*count + 64] is the limit; the caller ensures it). Returns where it
-// stopped.
-std::size_t appendCandidatesSse2(const char* data, std::size_t at, std::size_t stop,
-                                 std::size_t base, std::uint32_t* out, std::size_t* count,
-                                 std::size_t room) {
-  for (; stop - at >= 64 && *count + 64 <= room; at += 64) {
-    for (std::uint64_t m = candidateMaskSse2(data + at); m != 0; m &= m - 1)
-      out[(*count)++] = static_cast<std::uint32_t>(at - base) + lowestBit64(m);
+XR_AVX2 void searchGroupsAvx2(const char* data, std::size_t at, std::size_t groups,
+                              std::uint64_t* masks) {
+  for (std::size_t g = 0; g < groups; ++g, at += kGroup) {
+    masks[g] = candidateMask32(data + at) |
+               static_cast<std::uint64_t>(candidateMask32(data + at + 32)) << 32;
   }
-  return at;
-}
-
-// The same with AVX2, and without a branch per candidate: the first two
-// positions of a group are written whether or not they exist (the count only
-// moves on by the real number), which suits the one candidate that a group of
-// /proc/cpuinfo text has, if any; more take a loop.
-XR_AVX2 std::size_t appendCandidatesAvx2(const char* data, std::size_t at, std::size_t stop,
-                                         std::size_t base, std::uint32_t* out, std::size_t* count,
-                                         std::size_t room) {
-  std::size_t n = *count;
-  for (; stop - at >= 64 && n + 64 <= room; at += 64) {
-    std::uint64_t m = candidateMask32(data + at) |
-                      static_cast<std::uint64_t>(candidateMask32(data + at + 32)) << 32;
-    const std::uint32_t offset = static_cast<std::uint32_t>(at - base);
-    const std::size_t found = static_cast<std::size_t>(_mm_popcnt_u64(m));
-    out[n] = offset + static_cast<std::uint32_t>(_tzcnt_u64(m));
-    m = _blsr_u64(m);
-    out[n + 1] = offset + static_cast<std::uint32_t>(_tzcnt_u64(m));
-    if (found > 2) {
-      std::size_t i = n + 2;
-      for (m = _blsr_u64(m); m != 0; m = _blsr_u64(m))
-        out[i++] = offset + static_cast<std::uint32_t>(_tzcnt_u64(m));
-    }
-    n += found;
-  }
-  *count = n;
-  return at;
 }
 
 #undef XR_AVX2
 
-std::atomic<bool> sse2Only{false};
+// With AVX-512 (BW for the byte masks, VBMI for the byte table look-ups) a
+// group is one vector, and the test reaches one byte further: the first,
+// second and fourth bytes of a word are each looked up in a table of 128
+// entries, indexed by the byte's low seven bits (so a byte of 0x80 and above
+// stands for the byte 0x80 lower, which only adds candidates). Each table
+// gives a bit per trigger word that the byte fits at that place: bit 0
+// "processor" ('p', 'r', 'c'), bit 1 "physical" ('p', 'h', 's'), bit 2 "cpu"
+// ('c', 'p', a separator), bit 3 "core" ('c', 'o', 'e'). A candidate is a
+// byte, after a byte of at most ' ', whose three look-ups share a bit. Every
+// candidate of the test above whose fourth byte fits is one here, so no
+// trigger word is missed; words such as "cpuid" or "constant_tsc" are no
+// longer candidates.
+#define XR_AVX512 __attribute__((target("avx512f,avx512bw,avx512vbmi")))
 
-bool haveAvx2() {
-  static const bool avx2 = [] {
+struct ByteTables {
+  alignas(64) unsigned char first[128] = {};
+  alignas(64) unsigned char second[128] = {};
+  alignas(64) unsigned char fourth[128] = {};
+  constexpr ByteTables() {
+    constexpr unsigned char kProcessor = 1, kPhysical = 2, kCpu = 4, kCore = 8;
+    auto at = [](char c) { return static_cast<unsigned char>(c); };
+    first[at('p')] = kProcessor | kPhysical;
+    first[at('c')] = kCpu | kCore;
+    second[at('r')] = kProcessor;
+    second[at('h')] = kPhysical;
+    second[at('p')] = kCpu;
+    second[at('o')] = kCore;
+    fourth[at('c')] = kProcessor;
+    fourth[at('s')] = kPhysical;
+    fourth[at(' ')] = kCpu;
+    for (char c = '\t'; c <= '\r'; ++c)
+      fourth[at(c)] = kCpu;
+    fourth[at('e')] = kCore;
+  }
+};
+constexpr ByteTables kByteTables;
+
+XR_AVX512 void searchGroupsAvx512(const char* data, std::size_t at, std::size_t groups,
+                                  std::uint64_t* masks) {
+  const __m512i firstLow = _mm512_load_si512(kByteTables.first);
+  const __m512i firstHigh = _mm512_load_si512(kByteTables.first + 64);
+  const __m512i secondLow = _mm512_load_si512(kByteTables.second);
+  const __m512i secondHigh = _mm512_load_si512(kByteTables.second + 64);
+  const __m512i fourthLow = _mm512_load_si512(kByteTables.fourth);
+  const __m512i fourthHigh = _mm512_load_si512(kByteTables.fourth + 64);
+  const __m512i blank = _mm512_set1_epi8(' ');
+  for (std::size_t g = 0; g < groups; ++g, at += kGroup) {
+    const char* p = data + at;
+    const __m512i before = _mm512_loadu_si512(p - 1);
+    const __m512i first = _mm512_permutex2var_epi8(firstLow, _mm512_loadu_si512(p), firstHigh);
+    const __m512i second =
+        _mm512_permutex2var_epi8(secondLow, _mm512_loadu_si512(p + 1), secondHigh);
+    const __m512i fourth =
+        _mm512_permutex2var_epi8(fourthLow, _mm512_loadu_si512(p + 3), fourthHigh);
+    masks[g] = _mm512_mask_test_epi8_mask(_mm512_cmple_epu8_mask(before, blank),
+                                          _mm512_and_si512(first, second), fourth);
+  }
+}
+
+// Bit g set for each of masks[0, groups) that is not 0; all 64 masks (a
+// whole stretch) must be readable.
+XR_AVX512 std::uint64_t groupsWithCandidatesAvx512(const std::uint64_t* masks, std::size_t groups) {
+  std::uint64_t bits = 0;
+  for (std::size_t g = 0; g < 64; g += 8) {
+    const __m512i eight = _mm512_loadu_si512(masks + g);
+    bits |= static_cast<std::uint64_t>(_mm512_test_epi64_mask(eight, eight)) << g;
+  }
+  return groups >= 64 ? bits : bits & ((std::uint64_t{1} << groups) - 1);
+}
+
+#undef XR_AVX512
+
+// The widest search that the processor has, and the widest that tests allow.
+std::atomic<int> widestAllowed{kAvx512};
+
+int widestSearch() {
+  static const int widest = [] {
     __builtin_cpu_init();
-    return __builtin_cpu_supports("avx2") && __builtin_cpu_supports("bmi") &&
-           __builtin_cpu_supports("popcnt");
+    if (!__builtin_cpu_supports("avx2")) return kSse2;
+    if (!__builtin_cpu_supports("avx512f") || !__builtin_cpu_supports("avx512bw") ||
+        !__builtin_cpu_supports("avx512vbmi"))
+      return kAvx2;
+    return kAvx512;
   }();
-  return avx2 && !sse2Only.load(std::memory_order_relaxed);
+  const int allowed = widestAllowed.load(std::memory_order_relaxed);
+  return widest < allowed ? widest : allowed;
 }
 
 // The first ":" word of data[from, end), or a word there that may be one
@@ -336,63 +463,122 @@ std::size_t findPossibleColon(const char* data, std::size_t from, std::size_t en
   return end;
 }
 
+// Bit g set for each of masks[0, groups) that is not 0.
+std::uint64_t groupsWithCandidates(int search, const std::uint64_t* masks, std::size_t groups) {
+  if (search == kAvx512) return groupsWithCandidatesAvx512(masks, groups);
+  std::uint64_t bits = 0;
+  for (std::size_t g = 0; g < groups; ++g)
+    bits |= static_cast<std::uint64_t>(masks[g] != 0) << g;
+  return bits;
+}
+
 }  // namespace
 
 void WordReader::findTriggerCandidates() {
-  // A stretch of 4 KB at a time: long enough that the search runs in bulk,
-  // short enough that a file's first trigger word is not kept waiting.
-  constexpr std::size_t kStretch = 4096;
-  std::size_t at = candidatesFound_;
-  const std::size_t stop = end_ - at > kStretch ? at + kStretch : end_;
-  candidateBase_ = at;
-  candidateHead_ = 0;
-  candidateTail_ = 0;
-  // The same test, one byte at a time, where a group does not fit.
-  auto oneByOne = [&](std::size_t to) {
-    for (; at < to && candidateTail_ < kCandidateQueue; ++at) {
-      const char b = data_[at];
-      if ((b == 'p' || b == 'c') && (at == 0 || static_cast<unsigned char>(data_[at - 1]) <= ' '))
-        candidates_[candidateTail_++] = static_cast<std::uint32_t>(at - candidateBase_);
+  // A stretch of 64 groups (4 KB) at a time: long enough that the search
+  // runs in bulk, short enough that what it marks is still in the first-level
+  // cache when it is taken up.
+  static_assert(kStretchGroups == 64, "groupsLeft_ and groupsWithCandidates: a bit per group");
+  std::size_t at = searched_;
+  const std::size_t stop =
+      end_ - at > kStretchGroups * kGroup ? at + kStretchGroups * kGroup : end_;
+  stretchAt_ = at;
+  std::size_t g = 0;
+  // A looser test, one byte at a time, for a group that the vector search
+  // cannot take (the buffer's first, or one near its end): a 'p' or 'c'
+  // after a byte of at most ' ', or at the start of the buffer.
+  auto oneByOne = [&] {
+    const std::size_t to = stop - at > kGroup ? at + kGroup : stop;
+    std::uint64_t mask = 0;
+    for (std::size_t i = at; i < to; ++i) {
+      const char b = data_[i];
+      if ((b == 'p' || b == 'c') && (i == 0 || static_cast<unsigned char>(data_[i - 1]) <= ' '))
+        mask |= std::uint64_t{1} << (i - at);
     }
+    groupCandidates_[g++] = mask;
+    at = to;
   };
-  // A group needs the byte before it and the byte after it.
-  if (at == 0) oneByOne(1);
-  const std::size_t groupsStop = stop < end_ ? stop : end_ - 1;
-  if (at < groupsStop) {
-    at = haveAvx2() ? appendCandidatesAvx2(data_, at, groupsStop, candidateBase_, candidates_,
-                                           &candidateTail_, kCandidateQueue)
-                    : appendCandidatesSse2(data_, at, groupsStop, candidateBase_, candidates_,
-                                           &candidateTail_, kCandidateQueue);
+  if (at == 0 && at < stop) oneByOne();
+  // Whole groups with their byte before and the bytes after in the buffer.
+  const std::size_t wholeEnd =
+      end_ >= kGroupLookahead && stop > end_ - kGroupLookahead ? end_ - kGroupLookahead : stop;
+  if (wholeEnd > at) {
+    std::size_t groups = (wholeEnd - at) / kGroup;
+    if (groups > kStretchGroups - g) groups = kStretchGroups - g;
+    switch (search_) {
+      case kAvx512:
+        searchGroupsAvx512(data_, at, groups, groupCandidates_ + g);
+        break;
+      case kAvx2:
+        searchGroupsAvx2(data_, at, groups, groupCandidates_ + g);
+        break;
+      default:
+        searchGroupsSse2(data_, at, groups, groupCandidates_ + g);
+        break;
+    }
+    g += groups;
+    at += groups * kGroup;
   }
-  if (stop == end_) oneByOne(end_);
-  candidatesFound_ = at;
+  // The rest of the stretch when it ends at the end of the buffer.
+  if (stop == end_) {
+    while (at < stop && g < kStretchGroups)
+      oneByOne();
+  }
+  groupsLeft_ = groupsWithCandidates(search_, groupCandidates_, g);
+  searched_ = at;
+}
+
+bool WordReader::nextCandidates() {
+  if (searched_ >= end_) {
+    taking_ = 0;
+    skipToLastWord();
+    return false;
+  }
+  findTriggerCandidates();
+  return true;
 }
 
 bool WordReader::skipToTrigger() {
+  std::uint64_t taking = taking_;
   for (;;) {
-    while (candidateHead_ < candidateTail_) {
-      const std::size_t at = candidateBase_ + candidates_[candidateHead_++];
-      if (at < pos_) continue;  // passed over by reads since it was queued
-      // pos_ is at a word boundary, so a word starts there if anywhere.
-      if (at != pos_ && !isWordSpace(data_[at - 1])) continue;
-      const int length = triggerLength(data_, at, end_);
-      if (length == kNotTrigger) continue;
-      if (length == kCannotTell) {
-        pos_ = at;
-        return false;
+    while (taking == 0) {
+      if (groupsLeft_ == 0) {
+        if (__builtin_expect(!nextCandidates(), 0)) return false;
+        continue;
       }
-      word_ = std::string_view(data_ + at, static_cast<std::size_t>(length));
-      pos_ = at + static_cast<std::size_t>(length);
-      return true;
+      const unsigned g = lowestBit64(groupsLeft_);
+      groupsLeft_ &= groupsLeft_ - 1;
+      taking = groupCandidates_[g];
+      takingAt_ = stretchAt_ + kGroup * g;
     }
-    if (candidatesFound_ >= end_) break;
-    findTriggerCandidates();
+    const std::size_t at = takingAt_ + lowestBit64(taking);
+    taking &= taking - 1;
+    if (at < pos_) continue;  // passed over by reads since it was marked
+    // pos_ is at a word boundary, so a word starts there if anywhere.
+    if (at != pos_ && !isWordSpace(data_[at - 1])) continue;
+    const int length = triggerLength(data_, at, end_);
+    if (length == kNotTrigger) continue;
+    taking_ = taking;
+    if (__builtin_expect(length == kCannotTell, 0)) {
+      pos_ = at;
+      forgetWords();
+      return false;
+    }
+    word_ = std::string_view(data_ + at, static_cast<std::size_t>(length));
+    pos_ = at + static_cast<std::size_t>(length);
+    // The scans read on after a trigger word, mostly no further than its
+    // value: have the words of the next 16 bytes ready.
+    if (__builtin_expect(end_ - pos_ >= 16, 1)) {
+      learnWords16();
+    } else {
+      forgetWords();
+    }
+    return true;
   }
-  skipToLastWord();
-  return false;
 }
 
 void WordReader::skipToLastWord() {
+  forgetWords();
   std::size_t last = end_;
   while (last > pos_ && isWordSpace(data_[last - 1]))
     --last;
@@ -403,6 +589,7 @@ void WordReader::skipToLastWord() {
 }
 
 void WordReader::skipToPossibleColon() {
+  forgetWords();
   const std::size_t at = findPossibleColon(data_, pos_, end_);
   if (at < end_) {
     pos_ = at;
@@ -412,7 +599,14 @@ void WordReader::skipToPossibleColon() {
 }
 
 void useSse2OnlyForTesting(bool sse2) {
-  sse2Only.store(sse2, std::memory_order_relaxed);
+  widestAllowed.store(sse2 ? kSse2 : kAvx512, std::memory_order_relaxed);
+}
+
+void limitSearchForTesting(int widest) {
+  widestAllowed.store(widest < kSse2     ? kSse2
+                      : widest > kAvx512 ? kAvx512
+                                         : widest,
+                      std::memory_order_relaxed);
 }
 
 WordReader openCpuinfo() {

@@ -58,20 +58,43 @@ void walkCpuinfo(Reader& in, Recorder& recorder) {
   } while (!in.eof());
 }
 
-// Records the walk's values into the processor and package tables.
-struct TableRecorder {
-  xrLogicalTable& table;
-  void processor(std::string_view v) { table.findOrAddProcessor(v); }
-  void cpuCores(std::string_view v) { table.setCpuCores(v); }
-  void coreId(std::string_view v) { table.addCoreId(v); }
-  void physicalId(std::string_view v) { table.findOrAddPackage(v); }
+// Records the walk's values into the processor and package tables, as the
+// table operations of xrLogicalTable would (findOrAddProcessor, setCpuCores,
+// addCoreId, findOrAddPackage): same entries, same limits, same *current*.
+// The recorder is the only writer of the tables while it lives, so it keeps
+// its own indexes of their lists in step, instead of checking the thread's
+// indexes against the table at every value.
+class TableRecorder {
+ public:
+  // Indexes what `table` holds already.
+  explicit TableRecorder(xrLogicalTable& table);
+  TableRecorder(const TableRecorder&) = delete;
+  TableRecorder& operator=(const TableRecorder&) = delete;
+
+  void processor(std::string_view v);
+  void cpuCores(std::string_view v) { table_.records[table_.current].cpuCores.assign(v); }
+  void coreId(std::string_view v);
+  void physicalId(std::string_view v);
+
+ private:
+  xrLogicalTable& table_;
+  TextIndex processors_;  // records[0, logical) by processor number
+  TextIndex packages_;    // packages[0, packageCount) by physical id
+  // The core ids of one record (coreIdsOf_), entries 0 .. coreIdsIndexed_ - 1,
+  // once a record has more than a few.
+  TextIndex coreIds_;
+  const xrLogicalData* coreIdsOf_ = nullptr;
+  std::int32_t coreIdsIndexed_ = 0;
 };
 
 // The tables of one scan, on the heap (about 40 KB), filled by the walk.
+// Made with `new T` rather than make_unique: every member has an initializer,
+// and value-initialization would first clear the 40 KB only to have the
+// initializers write it again.
 template <class Reader>
 std::unique_ptr<xrLogicalTable> scanCpuinfoTable(Reader& in) {
-  auto table = std::make_unique<xrLogicalTable>();
-  TableRecorder recorder{*table};
+  std::unique_ptr<xrLogicalTable> table(new xrLogicalTable);
+  TableRecorder recorder(*table);
   walkCpuinfo(in, recorder);
   return table;
 }
@@ -116,7 +139,7 @@ struct CpuinfoCounts {
 // 6.0: distinct texts of the three kinds.
 template <class Reader>
 CpuinfoCounts count60(Reader& in) {
-  auto lists = std::make_unique<DistinctTextLists>();
+  std::unique_ptr<DistinctTextLists> lists(new DistinctTextLists);  // as the tables above
   walkCpuinfo(in, *lists);
   return {lists->processorIds.count, lists->physicalIds.count, lists->coreIdList.count};
 }

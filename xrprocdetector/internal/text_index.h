@@ -60,17 +60,44 @@ class TextIndex {
  private:
   // Twice the texts that the index holds, so that a search runs into a free
   // slot soon; open addressing with linear probing.
-  static constexpr std::size_t kSlots = 2 * kMaxTexts;
+  static constexpr unsigned kSlotBits = 9;
+  static constexpr std::size_t kSlots = std::size_t{1} << kSlotBits;
+  static_assert(kSlots == 2 * kMaxTexts, "twice the texts");
   static constexpr std::size_t kMask = kSlots - 1;
 
-  // FNV-1a, folded; /proc/cpuinfo values are short, mostly decimal numbers.
+  // /proc/cpuinfo values are short, mostly decimal numbers: a text of up to
+  // eight bytes is gathered into one word with loads that do not wait for
+  // one another (overlapping for four to eight bytes; first, middle and last
+  // byte for one to three), longer ones eight bytes at a time, and the words
+  // are mixed by multiplication. Every text has one hash, so the index finds
+  // the same positions whatever the hash is; this one only takes fewer
+  // dependent steps than a byte-by-byte hash.
   static std::size_t hash(std::string_view v) {
-    std::uint64_t h = 14695981039346656037ull;
-    for (unsigned char c : v) {
-      h ^= c;
-      h *= 1099511628211ull;
+    constexpr std::uint64_t kMix = 0x9E3779B97F4A7C15ull;
+    const unsigned char* p = reinterpret_cast<const unsigned char*>(v.data());
+    std::size_t n = v.size();
+    std::uint64_t h = n;
+    for (; n > 8; n -= 8, p += 8)
+      h = (h ^ load64(p)) * kMix;
+    std::uint64_t w = 0;
+    if (n >= 4) {
+      w = load32(p) | load32(p + n - 4) << 32;
+    } else if (n > 0) {
+      w = std::uint64_t{p[0]} | std::uint64_t{p[n / 2]} << 8 | std::uint64_t{p[n - 1]} << 16;
     }
-    return static_cast<std::size_t>(h ^ (h >> 29));
+    h = (h ^ w) * kMix;
+    return static_cast<std::size_t>(h >> (64 - kSlotBits));  // the best-mixed bits
+  }
+  // The eight or four bytes at p as a number.
+  static std::uint64_t load64(const unsigned char* p) {
+    std::uint64_t w;
+    std::memcpy(&w, p, sizeof w);
+    return w;
+  }
+  static std::uint64_t load32(const unsigned char* p) {
+    std::uint32_t w;
+    std::memcpy(&w, p, sizeof w);
+    return w;
   }
 
   std::uint16_t slots_[kSlots] = {};  // position + 1; 0 is a free slot

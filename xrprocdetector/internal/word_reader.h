@@ -56,9 +56,14 @@ inline bool isTriggerWord(std::string_view w) {
 
 class WordReader {
  public:
-  // 64 KB takes a 256-processor /proc/cpuinfo in eight reads; a longer word
-  // grows the buffer to fit it.
-  static constexpr std::size_t kDefaultBufferSize = 64 * 1024;
+  // 256 KB takes a 256-processor /proc/cpuinfo in two reads (each read is a
+  // system call, which costs more than copying some kilobytes), and is small
+  // enough to stay in a second-level cache of today's size; a longer word
+  // grows the buffer to fit it. A buffer of this size is kept by the thread
+  // when its reader is done and taken up again by the thread's next reader,
+  // so that repeated scans neither allocate nor fault in a fresh one each
+  // time; it is released when the thread ends.
+  static constexpr std::size_t kDefaultBufferSize = 256 * 1024;
 
   // Reads the file at `path`; a file that cannot be opened gives a source
   // that never reaches end of file. `bufferSize` (at least 1) is the first
@@ -85,9 +90,25 @@ class WordReader {
   std::string_view word() const { return word_; }
 
  private:
-  // read() when the next word does not lie within the next 16 bytes of the
-  // buffer: long words, refills, end of file and failed sources.
+  // read() when the next word is not known whole: works out the words of
+  // the next 64 bytes, if the buffer has them, and takes the first from
+  // there, or else calls readSlow().
+  void readFurther();
+  // read() for what the words of 64 bytes do not show: long words, refills,
+  // end of file and failed sources.
   void readSlow();
+  // The words of the 64 bytes from pos_ on (which must be in the buffer)
+  // become the known ones.
+  void learnWords();
+  // The same for the 16 bytes from pos_ on, which hold the few words after
+  // a trigger word that the scans read next.
+  void learnWords16();
+  // Forgets the known words, when pos_ moves by other means than a read of
+  // them.
+  void forgetWords() {
+    starts_ = 0;
+    ends_ = 0;
+  }
   // Moves the unread bytes from `keepFrom` on to the front of the buffer and
   // reads more after them. False when the source has nothing more (or failed).
   bool refill(std::size_t keepFrom);
@@ -115,10 +136,17 @@ class WordReader {
   // pos_ to the start of the buffer's last word, if one starts at or after
   // pos_; else pos_ stays.
   void skipToLastWord();
-  // Queues the trigger candidates of the next stretch of the buffer.
+  // Marks the trigger candidates of the next stretch of the buffer.
   void findTriggerCandidates();
+  // For skipToTrigger() when no marked candidate is left: marks those of the
+  // next stretch and returns true, or, when the whole buffer has been
+  // searched, moves to its last word and returns false.
+  __attribute__((noinline, cold)) bool nextCandidates();
+  // Forgets what was worked out about the buffer's bytes, when they change.
+  void forgetBuffer();
 
   int fd_ = -1;
+  int search_ = 0;           // the vector search to use (see word_reader.cpp)
   bool failed_ = false;      // could not open, or a read error
   bool sourceDone_ = false;  // the source has no more bytes
   bool eof_ = false;         // the stream's end-of-file state
@@ -133,18 +161,36 @@ class WordReader {
   std::string_view word_;
   std::string held_;  // the word in hand when it had to leave the buffer
 
-  // Trigger candidates: positions of the buffer, in increasing order, that
-  // may start a trigger word (each is checked when it is taken). They are
-  // found in bulk, a stretch of the buffer at a time, so that passing over
-  // the many words between two trigger words costs few branches. Stored as
-  // offsets from candidateBase_; the queue is emptied when the buffer
-  // changes.
-  static constexpr std::size_t kCandidateQueue = 128;
-  std::uint32_t candidates_[kCandidateQueue];
-  std::size_t candidateBase_ = 0;
-  std::size_t candidateHead_ = 0;
-  std::size_t candidateTail_ = 0;
-  std::size_t candidatesFound_ = 0;  // the buffer before this has been searched
+  // The words known ahead, so that the few reads after a trigger word cost a
+  // few bit operations each: the words that start at or after pos_ within
+  // the 16 or 64 bytes from wordsAt_ on. Bit i of starts_ marks the first
+  // byte of such a word at wordsAt_ + i; the same bit of ends_ marks its
+  // last byte when the byte after it is a known separator. A read takes the
+  // lowest bit of each. A word that runs on past the known bytes has its
+  // start marked but no end, and is the last one marked, so "ends_ is not 0"
+  // means that the next word is known whole. Both are 0 whenever pos_ moves
+  // by other means than a read of them, or the buffer changes.
+  std::uint64_t starts_ = 0;
+  std::uint64_t ends_ = 0;
+  std::size_t wordsAt_ = 0;
+
+  // Trigger candidates: positions of the buffer that may start a trigger
+  // word (each is checked when it is taken). They are marked in bulk, a
+  // stretch of the buffer at a time, so that passing over the many words
+  // between two trigger words costs few branches. The stretch from
+  // stretchAt_ on is cut into groups of 64 bytes (only its last group may be
+  // shorter): bit i of groupCandidates_[g] marks the byte at
+  // stretchAt_ + 64 g + i, and groupsLeft_ has bit g set for each group with
+  // candidates not yet taken up. The candidates left of the group being
+  // taken are in taking_, that group starting at takingAt_. All of it is
+  // dropped when the buffer changes.
+  static constexpr std::size_t kStretchGroups = 64;
+  std::uint64_t groupCandidates_[kStretchGroups] = {};
+  std::uint64_t groupsLeft_ = 0;
+  std::uint64_t taking_ = 0;
+  std::size_t takingAt_ = 0;
+  std::size_t stretchAt_ = 0;
+  std::size_t searched_ = 0;  // the buffer before this has been searched
 };
 
 // The separators among the 16 bytes at `p`, as a mask: bit i stands for
@@ -158,25 +204,18 @@ inline unsigned wordSpaceBits16(const char* p) {
 }
 
 inline void WordReader::read() {
-  // The common case: the separators before the next word, the word and the
-  // separator after it all lie within the next 16 bytes of the buffer. At
-  // end of file and on a failed source pos_ is at end_, so those never get
-  // here. Anything else goes to readSlow().
-  if (end_ - pos_ >= 16) {
-    const unsigned spaces = wordSpaceBits16(data_ + pos_);
-    const unsigned wordBytes = ~spaces & 0xFFFF;
-    if (wordBytes != 0) {
-      const unsigned first = static_cast<unsigned>(__builtin_ctz(wordBytes));
-      const unsigned after = spaces >> first;
-      if (after != 0) {
-        const unsigned length = static_cast<unsigned>(__builtin_ctz(after));
-        word_ = std::string_view(data_ + pos_ + first, length);
-        pos_ += first + length;
-        return;
-      }
-    }
+  // The common case: the next word is known whole. Never at end of file or
+  // on a failed source, where no words are known.
+  if (ends_ != 0) {
+    const unsigned first = static_cast<unsigned>(__builtin_ctzll(starts_));
+    const unsigned last = static_cast<unsigned>(__builtin_ctzll(ends_));
+    word_ = std::string_view(data_ + wordsAt_ + first, last + 1 - first);
+    pos_ = wordsAt_ + last + 1;
+    starts_ &= starts_ - 1;
+    ends_ &= ends_ - 1;
+    return;
   }
-  readSlow();
+  readFurther();
 }
 
 inline void WordReader::readUntilTrigger() {
@@ -186,7 +225,9 @@ inline void WordReader::readUntilTrigger() {
   } while (!isTriggerWord(word_) && !eof_);
 }
 
-inline void WordReader::readUntilColon() {
+// Always inlined: the scans call it after most trigger words, and a call
+// costs more than the read that it nearly always comes down to.
+__attribute__((always_inline)) inline void WordReader::readUntilColon() {
   // In /proc/cpuinfo the colon is nearly always the next word, so the first
   // read goes without a skip.
   read();
@@ -222,6 +263,9 @@ class StreamWordReader {
 // For tests: search with SSE2 alone even where AVX2 is there, so that both
 // searches can be checked on one machine.
 void useSse2OnlyForTesting(bool sse2);
+// For tests: search with at most SSE2 (0), AVX2 (1) or AVX-512 (2), as far as
+// the processor has them, so that every search can be checked on one machine.
+void limitSearchForTesting(int widest);
 
 // Opens the source of the /proc/cpuinfo scans: the live file, or what an
 // XrCpuinfoRedirect of the calling thread names instead.

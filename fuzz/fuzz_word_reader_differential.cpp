@@ -1,7 +1,9 @@
 // WordReader against the reference, `stream >> word` on a std::istringstream
 // in the classic locale, over the same bytes: the bytes as a text in memory,
 // and the bytes as a file read through a buffer of a size the input picks
-// (down to one byte, so that words straddle refills and grow the buffer).
+// (down to one byte, so that words straddle refills and grow the buffer, and
+// the default size, whose buffer passes from reader to reader), with the
+// vector search for trigger words that the input picks.
 // Any difference in the words handed out, in the end-of-file state, or in
 // what the full scans make of the bytes is a failure. The full scans are
 // also checked against plain models of the tables (searches from the first
@@ -286,15 +288,19 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   static MemoryFile file;
   const std::string_view bytes(reinterpret_cast<const char*>(data), size);
   if (!file.write(bytes)) return 0;
-  // The file's buffer size: small ones make words straddle refills.
-  static const std::size_t kBufferSizes[] = {1, 2, 3, 5, 8, 16, 17, 64, 100, 4096, 65536};
+  // The file's buffer size: small ones make words straddle refills; the
+  // default one is taken over from the thread's previous reader, with what
+  // that reader left in it past the new input's bytes.
+  static const std::size_t kBufferSizes[] = {
+      1, 2, 3, 5, 8, 16, 17, 64, 100, 4096, 65536, WordReader::kDefaultBufferSize};
   const std::size_t pick = size == 0 ? 0 : static_cast<unsigned char>(bytes[size - 1]);
   std::size_t bufferSize = kBufferSizes[pick % (sizeof kBufferSizes / sizeof *kBufferSizes)];
   // At most some hundreds of refills, so that large inputs stay quick.
   while (bufferSize * 256 < size)
     bufferSize *= 2;
-  // Both searches for trigger words, on alternate inputs.
-  xrprocdetector::detail::useSse2OnlyForTesting(pick / 16 % 2 == 1);
+  // Each search for trigger words (SSE2, AVX2, AVX-512, as far as the
+  // processor has them), in turn over the inputs.
+  xrprocdetector::detail::limitSearchForTesting(static_cast<int>(pick / 16 % 3));
   compareScripts(bytes, file.path(), bufferSize);
   compareScans(bytes, file.path(), bufferSize);
   return 0;

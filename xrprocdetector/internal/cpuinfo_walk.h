@@ -58,33 +58,38 @@ void walkCpuinfo(Reader& in, Recorder& recorder) {
   } while (!in.eof());
 }
 
-// Records the walk's values into the processor and package tables, as the
-// table operations of xrLogicalTable would (findOrAddProcessor, setCpuCores,
-// addCoreId, findOrAddPackage): same entries, same limits, same *current*.
-// The recorder is the only writer of the tables while it lives, so it keeps
-// its own indexes of their lists in step, instead of checking the thread's
-// indexes against the table at every value.
+// Records values into the processor and package tables: the one
+// implementation of the table operations. The scans that fill the tables
+// record the walk's values through one recorder; xrLogicalTable's member
+// operations each run one value through a recorder of their own.
+//
+// A recorder finds texts in the tables' lists through ListFinders of its
+// own. Over a scan it is the only writer of the tables, so its indexes stay
+// in step with them from one value to the next; a recorder made for one
+// value indexes a long list afresh, whatever was done to the table before.
 class TableRecorder {
  public:
-  // Indexes what `table` holds already.
-  explicit TableRecorder(xrLogicalTable& table);
+  explicit TableRecorder(xrLogicalTable& table) : table_(table) {}
   TableRecorder(const TableRecorder&) = delete;
   TableRecorder& operator=(const TableRecorder&) = delete;
 
+  // Find or add processor: the record numbered `v` becomes current; a new
+  // number is added while the table has room.
   void processor(std::string_view v);
+  // Set cpu cores: `v` replaces the current record's cpu-cores text.
   void cpuCores(std::string_view v) { table_.records[table_.current].cpuCores.assign(v); }
+  // Add core id: `v` joins the current record's core ids unless there, while
+  // the record has room.
   void coreId(std::string_view v);
+  // Find or add package: a new physical id becomes a package while there is
+  // room; in every case it becomes the current record's physical id.
   void physicalId(std::string_view v);
 
  private:
   xrLogicalTable& table_;
-  TextIndex processors_;  // records[0, logical) by processor number
-  TextIndex packages_;    // packages[0, packageCount) by physical id
-  // The core ids of one record (coreIdsOf_), entries 0 .. coreIdsIndexed_ - 1,
-  // once a record has more than a few.
-  TextIndex coreIds_;
-  const xrLogicalData* coreIdsOf_ = nullptr;
-  std::int32_t coreIdsIndexed_ = 0;
+  ListFinder processors_;  // records[0, logical) by processor number
+  ListFinder packages_;    // packages[0, packageCount) by physical id
+  ListFinder coreIds_;     // the core ids of the record last added to
 };
 
 // The tables of one scan, on the heap (about 40 KB), filled by the walk.
@@ -101,10 +106,10 @@ std::unique_ptr<xrLogicalTable> scanCpuinfoTable(Reader& in) {
 
 // The 6.0 scan's lists of distinct texts: processor numbers, physical ids and
 // core ids over the whole file. A list keeps at most 256 values: a 257th
-// distinct value is not recorded, so that count stays at 256. Each list is
-// indexed by a hash of its texts, so recording a value costs the same with
-// 256 entries as with one; the lists hold the same values in the same order
-// as a search from the first entry would give.
+// distinct value is not recorded, so that count stays at 256. Long lists are
+// searched through a ListFinder, so recording a value costs about the same
+// with 256 entries as with one; the lists hold the same values in the same
+// order as a search from the first entry would give.
 class DistinctTextLists {
  public:
   static constexpr int kCapacity = 256;
@@ -112,7 +117,7 @@ class DistinctTextLists {
   struct List {
     std::string values[kCapacity];
     int count = 0;
-    TextIndex index;  // over values[0, count)
+    ListFinder finder;  // over values[0, count)
     void record(std::string_view v);
   };
 

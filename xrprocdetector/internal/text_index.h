@@ -103,6 +103,60 @@ class TextIndex {
   std::uint16_t slots_[kSlots] = {};  // position + 1; 0 is a free slot
 };
 
+// Finds texts in one of the lists of distinct texts that the scans keep (the
+// processor numbers, the packages' physical ids, a record's core ids, the 6.0
+// scan's lists), for a writer that appends a text when it is not found.
+// Up to kSearchedDirectly entries a list is searched from the first: the
+// usual one or two core ids of a record, or the few packages of a machine.
+// Past that it is searched through a TextIndex, built from the list when a
+// search first needs it, or when the list is not the one indexed last or has
+// another length than the index knows, and kept in step by appended().
+//
+// Where a list holds a text twice (only a table set up by hand can), the
+// index keeps the first position, as a search from the first entry finds it.
+class ListFinder {
+ public:
+  static constexpr std::int32_t kSearchedDirectly = 8;
+
+  // The position of `v` among entries 0 .. count - 1 of `list`, whose texts
+  // textAt(i) gives, or -1. At most the first kMaxTexts entries are looked at.
+  template <class TextAt>
+  int find(const void* list, std::int32_t count, std::string_view v, const TextAt& textAt) {
+    indexing_ = count > kSearchedDirectly;
+    if (!indexing_) {
+      for (std::int32_t i = 0; i < count; ++i) {
+        if (sameText(textAt(i), v)) return i;
+      }
+      return -1;
+    }
+    if (list != list_ || count != indexed_) {
+      index_.clear();
+      std::size_t slot = 0;
+      for (std::int32_t i = 0; i < count && i < TextIndex::kMaxTexts; ++i) {
+        if (index_.find(textAt(i), textAt, &slot) < 0) index_.insert(slot, i);
+      }
+      list_ = list;
+      indexed_ = count;
+    }
+    return index_.find(v, textAt, &slot_);
+  }
+
+  // After a find() of the same list that gave -1: the text sought is now
+  // entry `position`, which is the list's old count.
+  void appended(std::int32_t position) {
+    if (!indexing_) return;
+    index_.insert(slot_, position);
+    indexed_ = position + 1;
+  }
+
+ private:
+  TextIndex index_;
+  const void* list_ = nullptr;
+  std::int32_t indexed_ = 0;  // the entries that index_ covers, from the first
+  std::size_t slot_ = 0;      // where the text last not found goes in index_
+  bool indexing_ = false;     // the last find() went through index_
+};
+
 }  // namespace detail
 }  // namespace xrprocdetector
 

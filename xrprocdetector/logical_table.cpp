@@ -21,22 +21,30 @@ constexpr std::int32_t kSearchedDirectly = xrprocdetector::detail::ListFinder::k
 }  // namespace
 
 xrLogicalData::CoreIdArray::~CoreIdArray() {
-  // Last to first, as the record releases all of its texts.
-  while (!written_.empty())
-    written_.pop_back();
+  // Last to first, as the record releases all of its texts; first_ goes
+  // after rest_, being declared before it.
+  while (!rest_.empty())
+    rest_.pop_back();
 }
 
 const std::string& xrLogicalData::CoreIdArray::operator[](int i) const {
-  return i >= 0 && static_cast<std::size_t>(i) < written_.size() ? written_[i] : kNeverSeen;
+  if (i < 0 || i >= written_) return kNeverSeen;
+  return i == 0 ? first_ : rest_[static_cast<std::size_t>(i) - 1];
 }
 
 void xrLogicalData::CoreIdArray::append(std::string_view value) {
-  // Room for a few from the first: a record's core ids are few, and a block
-  // of this size stays out of the allocator's small-block lists, whose
-  // clearing on the scan's next large allocation (the tables) would cost a
-  // step per block.
-  if (written_.empty()) written_.reserve(4);
-  written_.emplace_back(value);
+  if (written_ >= kCapacity) return;
+  if (written_ == 0) {
+    first_.assign(value);
+  } else {
+    // Room for a few from the first: a record with more than one core id
+    // has a handful, and a block of this size stays out of the allocator's
+    // small-block lists, whose clearing on the scan's next large allocation
+    // (the tables) would cost a step per block.
+    if (rest_.empty()) rest_.reserve(4);
+    rest_.emplace_back(value);
+  }
+  ++written_;
 }
 
 // The four operations that record a value go through a recorder made for

@@ -129,9 +129,11 @@ XrProcDetector* getOSProcDetector();
 // until a value is seen; "x" counts as 0 cores.
 class xrLogicalData {
  public:
-  // The core-id list: 256 texts, each "x" until written. A slot is set up
-  // when it is first written, so a record that names one core id holds one
-  // text instead of 256; reading an unwritten slot gives "x" all the same.
+  // The core-id list: 256 texts, each "x" until written. Slot 0 is held in
+  // the record itself, the others are set up when first written, so a record
+  // that names one core id (as most do) holds one text instead of 256 and
+  // needs no memory of its own; reading an unwritten slot gives "x" all the
+  // same.
   class CoreIdArray {
    public:
     static constexpr int kCapacity = 256;
@@ -146,7 +148,9 @@ class xrLogicalData {
     void append(std::string_view value);
 
    private:
-    std::vector<std::string> written_;
+    std::string first_;              // slot 0, once written
+    std::vector<std::string> rest_;  // slots 1 .. written_ - 1
+    std::int32_t written_ = 0;       // slots written, from slot 0
   };
 
   xrLogicalData() = default;

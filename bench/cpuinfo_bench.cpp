@@ -1,9 +1,10 @@
 // Each /proc/cpuinfo generation's counting over synthetic machines of 8, 64,
 // 256 and 1024 logical processors, opening and reading the file included,
-// beside a plain open() + read() of the same file, and the set-up of the
-// per-call tables alone. After the run a summary gives each generation's time
-// as a multiple of the plain read, how time grows from 256 to 1024
-// processors, and the table set-up as a share of a whole count.
+// beside a plain open() + read() of the same file, the stages of a table
+// count, and the set-up of the per-call tables alone. After the run a summary
+// gives each generation's time as a multiple of the plain read, how time
+// grows from 256 to 1024 processors, where a table count's time goes, and
+// the table set-up as a share of a whole count.
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <unistd.h>
@@ -18,6 +19,7 @@
 #include <vector>
 
 #include "synthetic_cpuinfo.h"
+#include "xrprocdetector/internal/cpuinfo_walk.h"
 #include "xrprocdetector/internal/word_reader.h"
 #include "xrprocdetector/xrprocdetector.h"
 #include "xrprocdetector/xrprocdetector_legacy_6x.h"
@@ -111,12 +113,61 @@ void tableSetUp(benchmark::State& state) {
   }
 }
 
+// The stages of a table count, each including the ones before it: finding
+// the trigger words (readUntilTrigger to the end of the file), the whole
+// walk with a recorder that keeps nothing, and the walk into the tables.
+namespace stage {
+
+struct Discard {
+  std::size_t bytes = 0;
+  void processor(std::string_view v) { bytes += v.size(); }
+  void cpuCores(std::string_view v) { bytes += v.size(); }
+  void coreId(std::string_view v) { bytes += v.size(); }
+  void physicalId(std::string_view v) { bytes += v.size(); }
+};
+
+void findTriggers(benchmark::State& state, const MachineFile& file) {
+  for (auto _ : state) {
+    xrprocdetector::detail::WordReader in(file.path.c_str());
+    int triggers = 0;
+    do {
+      in.readUntilTrigger();
+      ++triggers;
+    } while (!in.eof());
+    benchmark::DoNotOptimize(triggers);
+  }
+}
+
+void walk(benchmark::State& state, const MachineFile& file) {
+  for (auto _ : state) {
+    xrprocdetector::detail::WordReader in(file.path.c_str());
+    Discard values;
+    xrprocdetector::detail::walkCpuinfo(in, values);
+    benchmark::DoNotOptimize(values.bytes);
+  }
+}
+
+void tables(benchmark::State& state, const MachineFile& file) {
+  for (auto _ : state) {
+    xrprocdetector::detail::WordReader in(file.path.c_str());
+    const auto table = xrprocdetector::detail::scanCpuinfoTable(in);
+    benchmark::DoNotOptimize(table->logical);
+  }
+}
+
+const char* const kNames[] = {"find_triggers", "walk", "tables"};
+
+}  // namespace stage
+
 // The names under which the summary finds the runs.
 std::string readName(int n) {
   return "plain_read/" + std::to_string(n);
 }
 std::string countName(const char* generation, int n) {
   return std::string("count/") + generation + "/" + std::to_string(n);
+}
+std::string stageName(const char* stage, int n) {
+  return std::string("stage/") + stage + "/" + std::to_string(n);
 }
 const char* const kGenerations[] = {"6.0", "6.1", "7.0", "default"};
 
@@ -153,6 +204,14 @@ void registerAll() {
           countWith<XrProcDetectorLinux32>(
               s, file, tzProcInfo71, [](XrProcDetectorLinux32& d) { return d.platformProcInfo(); });
         }));
+  }
+  for (const auto& file : gFiles) {
+    void (*const stages[])(benchmark::State&, const MachineFile&) = {stage::findTriggers,
+                                                                     stage::walk, stage::tables};
+    for (std::size_t k = 0; k < 3; ++k) {
+      withMinimum(benchmark::RegisterBenchmark(stageName(stage::kNames[k], file.logical).c_str(),
+                                               stages[k], file));
+    }
   }
   withMinimum(benchmark::RegisterBenchmark("table_set_up", tableSetUp));
 }
@@ -244,6 +303,27 @@ void printSummary(const SummaryReporter& r) {
     growth("read", readName(256), readName(1024));
     for (const char* g : kGenerations)
       growth(g, countName(g, 256), countName(g, 1024));
+  }
+
+  std::printf(
+      "\nWhere the time of a table count goes (us; each stage includes the ones before it):\n");
+  std::printf("%-10s %10s", "logical", "read");
+  for (const char* name : stage::kNames)
+    std::printf(" %14s", name);
+  std::printf("\n");
+  for (const auto& file : gFiles) {
+    const double read = r.seconds(readName(file.logical));
+    if (read <= 0) continue;
+    std::printf("%-10d %10.1f", file.logical, read * 1e6);
+    for (const char* name : stage::kNames) {
+      const double t = r.seconds(stageName(name, file.logical));
+      if (t > 0) {
+        std::printf(" %14.1f", t * 1e6);
+      } else {
+        std::printf(" %14s", "-");
+      }
+    }
+    std::printf("\n");
   }
 
   const double setUp = r.seconds("table_set_up");

@@ -174,7 +174,7 @@ struct xrPackageData {
 
 // The per-call working tables of the /proc/cpuinfo scans: 256 processor
 // records and 256 package entries, with the counters *logical*, *packages*
-// and *current*. About 40 KB: scans allocate them on the heap, never on the
+// and *current*. About 52 KB: scans allocate them on the heap, never on the
 // caller's stack. Texts are compared by exact equality ("0" is not "00").
 class xrLogicalTable {
  public:

@@ -89,12 +89,12 @@ class TableRecorder {
   xrLogicalTable& table_;
   ListFinder processors_;  // records[0, logical) by processor number
   ListFinder packages_;    // packages[0, packageCount) by physical id
-  ListFinder coreIds_;     // the core ids of the record last added to
+  ListFinder coreIds_;     // the core ids of the record last searched
 };
 
-// The tables of one scan, on the heap (about 40 KB), filled by the walk.
+// The tables of one scan, on the heap (about 52 KB), filled by the walk.
 // Made with `new T` rather than make_unique: every member has an initializer,
-// and value-initialization would first clear the 40 KB only to have the
+// and value-initialization would first clear the 52 KB only to have the
 // initializers write it again.
 template <class Reader>
 std::unique_ptr<xrLogicalTable> scanCpuinfoTable(Reader& in) {

@@ -33,6 +33,13 @@ class TextIndex {
  public:
   static constexpr int kMaxTexts = 256;
 
+  TextIndex() { clear(); }
+  // An index whose slots are left unset, for an owner that clears it before
+  // its first use: setting up 1 KB that is never searched is not free when
+  // the owner is made for one value.
+  struct Unset {};
+  explicit TextIndex(Unset) {}
+
   // The position of the text equal to `v`, or -1. `textAt(i)` gives the
   // table's text at position i (anything comparable with a string_view).
   // On -1, *slot is where insert() puts `v`.
@@ -100,7 +107,7 @@ class TextIndex {
     return w;
   }
 
-  std::uint16_t slots_[kSlots] = {};  // position + 1; 0 is a free slot
+  std::uint16_t slots_[kSlots];  // position + 1; 0 is a free slot
 };
 
 // Finds texts in one of the lists of distinct texts that the scans keep (the
@@ -150,7 +157,10 @@ class ListFinder {
   }
 
  private:
-  TextIndex index_;
+  // Set up when first built, not before: the index is searched only for a
+  // list of more than kSearchedDirectly entries, and the first such search
+  // finds indexed_ at 0, so it clears and builds the index first.
+  TextIndex index_{TextIndex::Unset{}};
   const void* list_ = nullptr;
   std::int32_t indexed_ = 0;  // the entries that index_ covers, from the first
   std::size_t slot_ = 0;      // where the text last not found goes in index_

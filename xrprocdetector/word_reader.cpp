@@ -399,9 +399,10 @@ XR_AVX512 void searchGroupsAvx512(const char* data, std::size_t at, std::size_t 
   const __m512i fourthLow = _mm512_load_si512(kByteTables.fourth);
   const __m512i fourthHigh = _mm512_load_si512(kByteTables.fourth + 64);
   const __m512i blank = _mm512_set1_epi8(' ');
-  // Bit 63 of `low`: the byte before the group is at most ' '. Each group's
-  // bytes of at most ' ', shifted by one, give the next bytes' "after such a
-  // byte", so a group takes three loads instead of four.
+  // `low` marks the bytes of at most ' ' of the group before (before the
+  // first group, only the byte before it, at bit 63). A candidate follows
+  // such a byte: the group's own marks shifted up one bit, with bit 63 of the
+  // group before as bit 0. So a group takes three loads, not four.
   std::uint64_t low = static_cast<unsigned char>(data[at - 1]) <= ' ' ? std::uint64_t{1} << 63 : 0;
   for (std::size_t g = 0; g < groups; ++g, at += kGroup) {
     const char* p = data + at;

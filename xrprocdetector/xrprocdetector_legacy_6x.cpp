@@ -43,20 +43,10 @@ int XrProcDetectorLegacy_6x::getCommonProcData() {
 
 void XrProcDetectorLegacy_6x::LinuxProcInfo60() {
   auto in = xrprocdetector::detail::openCpuinfo();
-  const auto counts = xrprocdetector::detail::count60(in);
-  logicalCount = counts.logical;
-  physicalCount = counts.physical;
-  coreCount = counts.cores;
+  xrprocdetector::detail::storeCounts(*this, xrprocdetector::detail::count60(in));
 }
 
 void XrProcDetectorLegacy_6x::LinuxProcInfo61() {
   auto in = xrprocdetector::detail::openCpuinfo();
-  const auto table = xrprocdetector::detail::scanCpuinfoTable(in);
-  logicalCount = table->logical;
-  physicalCount = table->packageCount;
-  coreCount = 0;
-  if (table->packageCount > 0) {
-    table->derivePackageCores();
-    coreCount = table->totalCores();
-  }
+  xrprocdetector::detail::storeCounts(*this, xrprocdetector::detail::countTable(in));
 }

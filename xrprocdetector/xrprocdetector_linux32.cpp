@@ -57,17 +57,13 @@ int XrProcDetectorLinux32::getProcData() {
 int XrProcDetectorLinux32::platformProcInfo() {
   auto in = xrprocdetector::detail::openCpuinfo();
   tzPrint(tzDebugTrace, "XrProcDetectorLinux32::enter\n");
-  const auto table = xrprocdetector::detail::scanCpuinfoTable(in);
-  if (table->packageCount == 0) {
+  const auto counts = xrprocdetector::detail::countTable(in);
+  if (counts.physical == 0) {
     tzPrint(tzDebugSteps, "\nNo physical processor Ids found in /proc/cpuinfo\n");
-    tzPrint(tzDebugSteps, "%i logical processors found in /proc/cpuinfo\n", table->logical);
+    tzPrint(tzDebugSteps, "%i logical processors found in /proc/cpuinfo\n", counts.logical);
     return -1;
   }
-  logicalCount = table->logical;
-  physicalCount = table->packageCount;
-  coreCount = 0;
-  table->derivePackageCores();
-  coreCount = table->totalCores();
+  xrprocdetector::detail::storeCounts(*this, counts);
   return 0;
 }
 

@@ -12,16 +12,9 @@ int XrProcDetectorLinux32_70::platformProcInfo() {
   auto in = xrprocdetector::detail::openCpuinfo();
   // The trace names the default detector's class: the text is kept as it is.
   tzPrint(tzDebugTrace, "XrProcDetectorLinux32::enter\n");
-  const auto table = xrprocdetector::detail::scanCpuinfoTable(in);
-  logicalCount = table->logical;
-  coreCount = 0;
-  if (table->packageCount == 0) {
-    // No physical id: one package and no cores, and still a success.
-    physicalCount = 1;
-    return 0;
-  }
-  physicalCount = table->packageCount;
-  table->derivePackageCores();
-  coreCount = table->totalCores();
+  auto counts = xrprocdetector::detail::countTable(in);
+  // No physical id: one package and no cores, and still a success.
+  if (counts.physical == 0) counts.physical = 1;
+  xrprocdetector::detail::storeCounts(*this, counts);
   return 0;
 }

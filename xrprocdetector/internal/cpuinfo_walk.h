@@ -1,6 +1,7 @@
-// The one walk over the words of /proc/cpuinfo that every scan shares. What
-// a scan does with the values it finds is up to its recorder; the walk itself
-// is the same for all.
+// The one walk over the words of /proc/cpuinfo that every scan shares, and
+// the counting of the generations that read the file. What a scan does with
+// the values it finds is up to its recorder; the walk itself is the same for
+// all.
 //
 // A pass seeks the next of the words "processor", "cpu", "core", "physical",
 // then tests the word in hand against them in that order, each test seeing
@@ -18,8 +19,10 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <unordered_map>
+#include <unordered_set>
+#include <vector>
 
-#include "xrprocdetector/internal/text_index.h"
 #include "xrprocdetector/xrprocdetector.h"
 
 namespace xrprocdetector {
@@ -58,67 +61,66 @@ void walkCpuinfo(Reader& in, Recorder& recorder) {
   } while (!in.eof());
 }
 
-// Records values into the processor and package tables: the one
-// implementation of the table operations. The scans that fill the tables
-// record the walk's values through one recorder; xrLogicalTable's member
-// operations each run one value through a recorder of their own.
-//
-// A recorder finds texts in the tables' lists through ListFinders of its
-// own. Over a scan it is the only writer of the tables, so its indexes stay
-// in step with them from one value to the next; a recorder made for one
-// value indexes a long list afresh, whatever was done to the table before.
+struct CpuinfoCounts {
+  int logical = 0;
+  int physical = 0;
+  int cores = 0;
+};
+
+// A scan's counts into the detector's logicalCount, physicalCount and
+// coreCount.
+inline void storeCounts(XrProcDetector& detector, const CpuinfoCounts& counts) {
+  detector.logicalCount = counts.logical;
+  detector.physicalCount = counts.physical;
+  detector.coreCount = counts.cores;
+}
+
+// Find or add processor, set cpu cores, add core id and find or add package:
+// the one implementation of the table operations, which the scans and
+// xrLogicalTable's member operations both run. Texts are found by linear
+// search from the first entry, but for processor numbers, of which a table
+// holds up to 256: those are found through an index of the records, set up
+// from the table when first needed and brought up to date before each
+// search, so a recorder made for one value sees a table filled by any means.
 class TableRecorder {
  public:
   explicit TableRecorder(xrLogicalTable& table) : table_(table) {}
-  TableRecorder(const TableRecorder&) = delete;
-  TableRecorder& operator=(const TableRecorder&) = delete;
-
-  // Find or add processor: the record numbered `v` becomes current; a new
-  // number is added while the table has room.
   void processor(std::string_view v);
-  // Set cpu cores: `v` replaces the current record's cpu-cores text.
-  void cpuCores(std::string_view v) { table_.records[table_.current].cpuCores.assign(v); }
-  // Add core id: `v` joins the current record's core ids unless there, while
-  // the record has room.
+  void cpuCores(std::string_view v);
   void coreId(std::string_view v);
-  // Find or add package: a new physical id becomes a package while there is
-  // room; in every case it becomes the current record's physical id.
   void physicalId(std::string_view v);
 
  private:
   xrLogicalTable& table_;
-  ListFinder processors_;  // records[0, logical) by processor number
-  ListFinder packages_;    // packages[0, packageCount) by physical id
-  ListFinder coreIds_;     // the core ids of the record last searched
+  std::unordered_map<std::string_view, std::int32_t> processors_;  // first record of each
+  std::int32_t indexed_ = 0;  // records 0 .. indexed_ - 1 are in processors_
 };
 
-// The tables of one scan, on the heap (about 52 KB), filled by the walk.
-// Made with `new T` rather than make_unique: every member has an initializer,
-// and value-initialization would first clear the 52 KB only to have the
-// initializers write it again.
+// The table scan of 6.1, 7.0 and the default detector: distinct processor
+// numbers, distinct physical ids (at most 256), and per package the
+// cpu-cores value of its first record, summed (0 without packages). Each
+// generation makes of these what it makes of them.
 template <class Reader>
-std::unique_ptr<xrLogicalTable> scanCpuinfoTable(Reader& in) {
+CpuinfoCounts countTable(Reader& in) {
+  // About 52 KB: on the heap, never on the caller's stack. `new T` rather
+  // than make_unique, which would clear it before the initializers run.
   std::unique_ptr<xrLogicalTable> table(new xrLogicalTable);
   TableRecorder recorder(*table);
   walkCpuinfo(in, recorder);
-  return table;
+  table->derivePackageCores();
+  return {table->logical, table->packageCount, table->totalCores()};
 }
 
-// The 6.0 scan's lists of distinct texts: processor numbers, physical ids and
-// core ids over the whole file. A list keeps at most 256 values: a 257th
-// distinct value is not recorded, so that count stays at 256. Long lists are
-// searched through a ListFinder, so recording a value costs about the same
-// with 256 entries as with one; the lists hold the same values in the same
-// order as a search from the first entry would give.
+// The 6.0 scan's lists of distinct texts over the whole file. A list keeps
+// at most 256 values: a 257th distinct value is not recorded, so that count
+// stays at 256.
 class DistinctTextLists {
  public:
-  static constexpr int kCapacity = 256;
-  static_assert(kCapacity <= TextIndex::kMaxTexts, "the index holds every entry of a list");
   struct List {
-    std::string values[kCapacity];
-    int count = 0;
-    ListFinder finder;  // over values[0, count)
+    List() { values.reserve(256); }  // never moved: `seen` views their texts
     void record(std::string_view v);
+    std::vector<std::string> values;
+    std::unordered_set<std::string_view> seen;
   };
 
   void processor(std::string_view v) { processorIds.record(v); }
@@ -132,21 +134,14 @@ class DistinctTextLists {
   List coreIdList;
 };
 
-// Each /proc/cpuinfo generation's counting, over any reader. These are the
-// scans the detectors run; they are templates so that the same code can run
-// over the reference StreamWordReader as well.
-struct CpuinfoCounts {
-  int logical = 0;
-  int physical = 0;
-  int cores = 0;
-};
-
-// 6.0: distinct texts of the three kinds.
+// 6.0: how many distinct processor, physical-id and core-id texts.
 template <class Reader>
 CpuinfoCounts count60(Reader& in) {
-  std::unique_ptr<DistinctTextLists> lists(new DistinctTextLists);  // as the tables above
-  walkCpuinfo(in, *lists);
-  return {lists->processorIds.count, lists->physicalIds.count, lists->coreIdList.count};
+  DistinctTextLists lists;
+  walkCpuinfo(in, lists);
+  return {static_cast<int>(lists.processorIds.values.size()),
+          static_cast<int>(lists.physicalIds.values.size()),
+          static_cast<int>(lists.coreIdList.values.size())};
 }
 
 }  // namespace detail

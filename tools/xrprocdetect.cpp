@@ -26,6 +26,12 @@ int usageError(const std::string& message) {
   return 2;
 }
 
+// The largest saved /proc/cpuinfo read. That of a machine of 8,192 logical
+// processors is about 16 MiB; an input past this one is no such text (a
+// device such as /dev/zero, or the wrong file) and is refused rather than
+// read until memory runs out.
+constexpr std::size_t kMaxInputBytes = 64 * 1024 * 1024;
+
 // Reads the whole of `name` ("-": standard input) into *text, or says why
 // it cannot.
 std::optional<std::string> readInput(const std::string& name, std::string* text) {
@@ -37,6 +43,11 @@ std::optional<std::string> readInput(const std::string& name, std::string* text)
   char buffer[64 * 1024];
   for (;;) {
     const ssize_t n = ::read(fd, buffer, sizeof buffer);
+    if (n > 0 && text->size() + static_cast<std::size_t>(n) > kMaxInputBytes) {
+      problem = shown + " is larger than " + std::to_string(kMaxInputBytes >> 20) +
+                " MiB, more than any /proc/cpuinfo";
+      break;
+    }
     if (n > 0) {
       text->append(buffer, static_cast<std::size_t>(n));
     } else if (n == 0) {

@@ -1,0 +1,148 @@
+// The word reader against `stream >> word`: texts that each test one rule of
+// the extraction, a file whose words straddle the buffer's refills, and the
+// sources that must never reach end of file.
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <sstream>
+#include <string>
+
+#include "support/stream_word_reader.h"
+#include "xrprocdetector/internal/word_reader.h"
+
+namespace {
+
+using xrprocdetector::detail::WordReader;
+
+std::string referenceTranscript(const std::string& bytes, const std::string& script) {
+  std::istringstream in(bytes);
+  testsupport::StreamWordReader reference(in);
+  return testsupport::transcript(reference, script);
+}
+
+// `bytes` bytes of words drawn from trigger words, their near misses and
+// other words, behind every kind of separator, the same for every run.
+std::string mixedWords(std::size_t bytes) {
+  static const char* const kWords[] = {"processor", "cpu",   "core",  "physical", ":",  "id",
+                                       "cores",     "pcid",  "cpuid", "c",        "p",  "0",
+                                       "flags",     "model", "fpu",   "proc",     "x:", "16"};
+  static const char kSeparators[] = " \t\n\v\f\r";
+  std::string text;
+  for (unsigned n = 1; text.size() < bytes; n = n * 1103515245u + 12345u) {
+    text += kWords[(n >> 8) % 18];
+    text.append(1 + (n >> 20) % 3, kSeparators[(n >> 16) % 6]);
+  }
+  return text;
+}
+
+TEST(WordReader, ReadsAsStreamExtractionDoes) {
+  // Script bytes: 0 read, 1 until a trigger word, 2 until a colon.
+  const struct {
+    const char* name;
+    std::string text;
+    std::string script;
+  } cases[] = {
+      {"empty", "", std::string(3, '\0')},
+      {"separators only", " \t\n\v\f\r", std::string(3, '\0')},
+      {"the six separators", "a b\tc\nd\ve\ff\rg", std::string(9, '\0')},
+      {"NUL and high bytes are word bytes", std::string("a\0b \x80\xff c", 8),
+       std::string(4, '\0')},
+      {"word at the very end sets end of file", "x y", std::string(3, '\0')},
+      {"reads after end of file keep the word", "last  \n", std::string(4, '\0')},
+      {"trigger words whole and exact", "cpuid Processor cores cpu, core physical processor",
+       std::string(4, '\1')},
+      {"trigger word last", "flags : fpu cpu", "\1\1"},
+      {"colon on a later line", "processor\n\nx\n:\n7", "\1\2\0"},
+      {"no colon", "processor a b", "\1\2\2"},
+      {"candidate letters inside words", "xcpu apcore ccc ppp cpu", "\1\1"},
+      {"no trigger word after the last", "processor : 0 flags : fpu sse\n", "\1\1"},
+      {"short texts", "x processor : 1", "\1"},
+      {"mixed words", mixedWords(4096), "\1\2\0\1\1\0\2"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    WordReader reader(c.text);
+    EXPECT_EQ(testsupport::transcript(reader, c.script), referenceTranscript(c.text, c.script));
+  }
+}
+
+TEST(WordReader, FileWordsStraddleRefillsAndOutgrowTheBuffer) {
+  // Blocks whose words fall on every offset of a buffer, then one word three
+  // buffers long, then more blocks: the walk must see what the stream sees.
+  std::string text;
+  for (int n = 0; text.size() < 3 * WordReader::kBufferSize; ++n) {
+    text += "processor\t: " + std::to_string(n) + "\ncpu MHz : 2.0\nflags : fpu pcid cx8" +
+            std::string(static_cast<std::size_t>(n % 7), ' ') +
+            "\ncore id\t: " + std::to_string(n % 5) + "\nphysical id : " + std::to_string(n % 3) +
+            "\n\n";
+  }
+  text += std::string(3 * WordReader::kBufferSize, 'p') + "\ncpu cores : 4\n";
+  // And a last word whose bytes the refills overwrite with separators.
+  const std::string texts[] = {
+      text, mixedWords(3 * WordReader::kBufferSize),
+      mixedWords(100) + "last" + std::string(2 * WordReader::kBufferSize, '\n')};
+  for (const std::string& t : texts) {
+    char path[] = "/tmp/xrprocdetector-reader-XXXXXX";
+    const int fd = mkstemp(path);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(write(fd, t.data(), t.size()), static_cast<ssize_t>(t.size()));
+    close(fd);
+    for (const std::string script : {"", "\0\0\1\2\0\1"}) {
+      WordReader reader(path);
+      EXPECT_EQ(testsupport::transcript(reader, script), referenceTranscript(t, script));
+    }
+    unlink(path);
+  }
+}
+
+TEST(WordReader, UnreadableSourcesNeverReachEndOfFile) {
+  for (const char* path : {"/nonexistent/cpuinfo", "/"}) {
+    SCOPED_TRACE(path);
+    WordReader reader(path);
+    for (int i = 0; i < 3; ++i)
+      reader.read();
+    EXPECT_FALSE(reader.eof());
+    EXPECT_EQ(reader.word(), "");
+  }
+}
+
+#if defined(__SANITIZE_ADDRESS__)
+#define XRPROCDETECTOR_ASAN 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define XRPROCDETECTOR_ASAN 1
+#endif
+#endif
+
+TEST(WordReader, AWordThatOutgrowsMemoryFailsWithoutThrowing) {
+#ifdef XRPROCDETECTOR_ASAN
+  GTEST_SKIP() << "AddressSanitizer reserves more address space than the limit allows";
+#else
+  // /dev/zero is one endless word. With 256 MB of address space the buffer
+  // cannot keep doubling; the read must then fail as a stream's does: no
+  // exception, no end of file, ever.
+  const pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    const rlimit limit{256u << 20, 256u << 20};
+    if (setrlimit(RLIMIT_AS, &limit) != 0) _exit(3);
+    try {
+      WordReader reader("/dev/zero");
+      reader.read();
+      reader.read();
+      _exit(reader.eof() ? 1 : 0);
+    } catch (...) {
+      _exit(2);
+    }
+  }
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  ASSERT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 0) << "1: end of file, 2: threw, 3: no limit";
+#endif
+}
+
+}  // namespace

@@ -52,6 +52,26 @@ install(FILES ${XRPROCDETECTOR_PC_FILE} DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgc
 
 if(XRPROCDETECTOR_BUILD_TOOLS)
   install(TARGETS xrprocdetect RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+
+  # The manual page, compressed as Debian ships manual pages (gzip -9n: no
+  # name or time stamp, so the same page gives the same bytes).
+  find_program(XRPROCDETECTOR_GZIP gzip)
+  mark_as_advanced(XRPROCDETECTOR_GZIP)
+  set(XRPROCDETECTOR_MAN_PAGE ${PROJECT_SOURCE_DIR}/tools/xrprocdetect.1)
+  if(XRPROCDETECTOR_GZIP)
+    set(_xrprocdetector_man_gz ${CMAKE_CURRENT_BINARY_DIR}/man/xrprocdetect.1.gz)
+    add_custom_command(OUTPUT ${_xrprocdetector_man_gz}
+        COMMAND ${CMAKE_COMMAND} -E copy ${XRPROCDETECTOR_MAN_PAGE} man/xrprocdetect.1
+        COMMAND ${XRPROCDETECTOR_GZIP} -9nf man/xrprocdetect.1
+        DEPENDS ${XRPROCDETECTOR_MAN_PAGE}
+        WORKING_DIRECTORY ${CMAKE_CURRENT_BINARY_DIR}
+        COMMENT "Compressing the manual page xrprocdetect.1"
+        VERBATIM)
+    add_custom_target(xrprocdetect_man_page ALL DEPENDS ${_xrprocdetector_man_gz})
+    install(FILES ${_xrprocdetector_man_gz} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+  else()
+    install(FILES ${XRPROCDETECTOR_MAN_PAGE} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+  endif()
 endif()
 
 # Packaging (cpack -G DEB) is set up in cmake/Packaging.cmake when present.

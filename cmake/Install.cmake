@@ -72,6 +72,30 @@ if(XRPROCDETECTOR_BUILD_TOOLS)
   else()
     install(FILES ${XRPROCDETECTOR_MAN_PAGE} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
   endif()
+
+  # The bash completion goes where bash-completion loads it from on demand:
+  # its pkg-config variable completionsdir, taken relative to this prefix so
+  # that `cmake --install --prefix` and CPack's staging keep it inside.
+  set(_xrprocdetector_completions ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
+  find_package(PkgConfig QUIET)
+  if(PKG_CONFIG_FOUND)
+    execute_process(
+        COMMAND ${PKG_CONFIG_EXECUTABLE} --define-variable=prefix=${CMAKE_INSTALL_PREFIX}
+            --define-variable=datadir=${CMAKE_INSTALL_FULL_DATADIR}
+            --variable=completionsdir bash-completion
+        OUTPUT_VARIABLE _xrprocdetector_found RESULT_VARIABLE _xrprocdetector_result
+        OUTPUT_STRIP_TRAILING_WHITESPACE ERROR_QUIET)
+    if(_xrprocdetector_result EQUAL 0 AND IS_ABSOLUTE "${_xrprocdetector_found}")
+      file(RELATIVE_PATH _xrprocdetector_found ${CMAKE_INSTALL_PREFIX} ${_xrprocdetector_found})
+      if(_xrprocdetector_found AND NOT _xrprocdetector_found MATCHES "^\\.\\./")
+        set(_xrprocdetector_completions ${_xrprocdetector_found})
+      endif()
+    endif()
+  endif()
+  set(XRPROCDETECTOR_BASH_COMPLETION_DIR ${_xrprocdetector_completions} CACHE STRING
+      "Where the bash completion of xrprocdetect is installed (relative to the prefix)")
+  install(FILES ${PROJECT_SOURCE_DIR}/tools/bash-completion/xrprocdetect
+      DESTINATION ${XRPROCDETECTOR_BASH_COMPLETION_DIR})
 endif()
 
 # Packaging (cpack -G DEB) is set up in cmake/Packaging.cmake when present.

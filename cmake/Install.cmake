@@ -1,19 +1,33 @@
 # Install rules: the library, its public headers, an exported CMake package
-# (find_package(XrProcDetector)) and a pkg-config file (xrprocdetector.pc).
+# (find_package(XrProcDetector)), a pkg-config file (xrprocdetector.pc) and
+# the tool with its manual page and bash completion.
+#
+# Every rule names the component, and so the Debian package, it belongs to:
+#   runtime  the shared object (libxrprocdetector.so.1 and .so.1.0.0)
+#   dev      headers, the static library, the libxrprocdetector.so link,
+#            the CMake package and xrprocdetector.pc
+#   tool     xrprocdetect, xrprocdetect(1) and its bash completion
 include(CMakePackageConfigHelpers)
 
 install(TARGETS xrprocdetector
     EXPORT XrProcDetectorTargets
-    ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
-    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
-    RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+    ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT dev
+    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT dev
+    RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT runtime)
+if(TARGET xrprocdetector_static)
+  install(TARGETS xrprocdetector_static
+      EXPORT XrProcDetectorTargets
+      ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT dev)
+endif()
 install(FILES ${XRPROCDETECTOR_PUBLIC_HEADERS}
-    DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/xrprocdetector)
+    DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/xrprocdetector
+    COMPONENT dev)
 
 set(XRPROCDETECTOR_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/XrProcDetector)
 install(EXPORT XrProcDetectorTargets
     NAMESPACE XrProcDetector::
-    DESTINATION ${XRPROCDETECTOR_CMAKE_DIR})
+    DESTINATION ${XRPROCDETECTOR_CMAKE_DIR}
+    COMPONENT dev)
 configure_package_config_file(
     ${CMAKE_CURRENT_LIST_DIR}/XrProcDetectorConfig.cmake.in
     ${CMAKE_CURRENT_BINARY_DIR}/XrProcDetectorConfig.cmake
@@ -24,7 +38,8 @@ write_basic_package_version_file(
 install(FILES
     ${CMAKE_CURRENT_BINARY_DIR}/XrProcDetectorConfig.cmake
     ${CMAKE_CURRENT_BINARY_DIR}/XrProcDetectorConfigVersion.cmake
-    DESTINATION ${XRPROCDETECTOR_CMAKE_DIR})
+    DESTINATION ${XRPROCDETECTOR_CMAKE_DIR}
+    COMPONENT dev)
 
 # The .pc file must hold absolute paths whether CMAKE_INSTALL_LIBDIR is
 # relative (the usual case) or absolute.
@@ -47,11 +62,59 @@ install(CODE "
   set(XRPROCDETECTOR_PC_LIBDIR [[${XRPROCDETECTOR_PC_LIBDIR}]])
   set(XRPROCDETECTOR_PC_INCLUDEDIR [[${XRPROCDETECTOR_PC_INCLUDEDIR}]])
   configure_file([[${CMAKE_CURRENT_LIST_DIR}/xrprocdetector.pc.in]]
-      [[${XRPROCDETECTOR_PC_FILE}]] @ONLY)")
-install(FILES ${XRPROCDETECTOR_PC_FILE} DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+      [[${XRPROCDETECTOR_PC_FILE}]] @ONLY)"
+    COMPONENT dev)
+install(FILES ${XRPROCDETECTOR_PC_FILE} DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig
+    COMPONENT dev)
 
 if(XRPROCDETECTOR_BUILD_TOOLS)
-  install(TARGETS xrprocdetect RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+  install(TARGETS xrprocdetect RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tool)
+
+  # The manual page, compressed as Debian ships manual pages (gzip -9n: no
+  # name or time stamp, so the same page gives the same bytes).
+  find_program(XRPROCDETECTOR_GZIP gzip)
+  mark_as_advanced(XRPROCDETECTOR_GZIP)
+  set(XRPROCDETECTOR_MAN_PAGE ${PROJECT_SOURCE_DIR}/tools/xrprocdetect.1)
+  if(XRPROCDETECTOR_GZIP)
+    set(_xrprocdetector_man_gz ${CMAKE_CURRENT_BINARY_DIR}/man/xrprocdetect.1.gz)
+    add_custom_command(OUTPUT ${_xrprocdetector_man_gz}
+        COMMAND ${CMAKE_COMMAND} -E copy ${XRPROCDETECTOR_MAN_PAGE} man/xrprocdetect.1
+        COMMAND ${XRPROCDETECTOR_GZIP} -9nf man/xrprocdetect.1
+        DEPENDS ${XRPROCDETECTOR_MAN_PAGE}
+        WORKING_DIRECTORY ${CMAKE_CURRENT_BINARY_DIR}
+        COMMENT "Compressing the manual page xrprocdetect.1"
+        VERBATIM)
+    add_custom_target(xrprocdetect_man_page ALL DEPENDS ${_xrprocdetector_man_gz})
+    install(FILES ${_xrprocdetector_man_gz} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tool)
+  else()
+    install(FILES ${XRPROCDETECTOR_MAN_PAGE} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1
+        COMPONENT tool)
+  endif()
+
+  # The bash completion goes where bash-completion loads it from on demand:
+  # its pkg-config variable completionsdir, taken relative to this prefix so
+  # that `cmake --install --prefix` and CPack's staging keep it inside.
+  set(_xrprocdetector_completions ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
+  find_package(PkgConfig QUIET)
+  if(PKG_CONFIG_FOUND)
+    execute_process(
+        COMMAND ${PKG_CONFIG_EXECUTABLE} --define-variable=prefix=${CMAKE_INSTALL_PREFIX}
+            --define-variable=datadir=${CMAKE_INSTALL_FULL_DATADIR}
+            --variable=completionsdir bash-completion
+        OUTPUT_VARIABLE _xrprocdetector_found RESULT_VARIABLE _xrprocdetector_result
+        OUTPUT_STRIP_TRAILING_WHITESPACE ERROR_QUIET)
+    if(_xrprocdetector_result EQUAL 0 AND IS_ABSOLUTE "${_xrprocdetector_found}")
+      file(RELATIVE_PATH _xrprocdetector_found ${CMAKE_INSTALL_PREFIX} ${_xrprocdetector_found})
+      if(_xrprocdetector_found AND NOT _xrprocdetector_found MATCHES "^\\.\\./")
+        set(_xrprocdetector_completions ${_xrprocdetector_found})
+      endif()
+    endif()
+  endif()
+  set(XRPROCDETECTOR_BASH_COMPLETION_DIR ${_xrprocdetector_completions} CACHE STRING
+      "Where the bash completion of xrprocdetect is installed (relative to the prefix)")
+  install(FILES ${PROJECT_SOURCE_DIR}/tools/bash-completion/xrprocdetect
+      DESTINATION ${XRPROCDETECTOR_BASH_COMPLETION_DIR}
+      COMPONENT tool)
 endif()
 
 # Packaging (cpack -G DEB) is set up in cmake/Packaging.cmake when present.

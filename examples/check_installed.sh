@@ -1,25 +1,36 @@
 #!/usr/bin/env bash
-# Checks the installed package and the Debian package, for the static library
+# Checks the installed package and the Debian packages, for the static library
 # (the default) and for the shared one:
 #
 #   examples/check_installed.sh [BUILD_DIR_PARENT]
 #
 # For each library type it configures and builds the project (Release, no
 # tests) in BUILD_DIR_PARENT/package-static or BUILD_DIR_PARENT/package-shared
-# (BUILD_DIR_PARENT defaults to build/ in the repository), installs it with
-# `cmake --install` into a temporary prefix and checks what was installed
-# (library, public headers, CMake package, xrprocdetector.pc, xrprocdetect),
-# builds examples/host.cpp against that prefix once with find_package() and
-# once with pkg-config, runs both programs and the installed tool (each must
-# exit 0), then builds the Debian package with `cpack -G DEB` and checks its
-# control fields and that it holds the same files under /usr.
+# (BUILD_DIR_PARENT defaults to build/ in the repository), configured as the
+# README's Debian recipe is (prefix /usr, so the library goes to the multiarch
+# directory). It installs the build with `cmake --install` into a temporary
+# prefix and checks what was installed
+# (library, public headers, CMake package, xrprocdetector.pc, xrprocdetect,
+# its manual page and bash completion), builds examples/host.cpp against that
+# prefix once with find_package() and once with pkg-config, and runs both
+# programs and the installed tool (each must exit 0).
+#
+# Then it builds the Debian packages with `cpack -G DEB`: libxrprocdetector-dev
+# and xrprocdetect, and from the shared build libxrprocdetector1 as well. It
+# checks their control fields, that each holds its share of the installed
+# files and nothing else but its copyright and changelog.Debian.gz, and runs
+# lintian on them: no error, and no warning but the ones the README lists.
+# Last, the shared build's three packages are installed with dpkg into a
+# scratch root (a dpkg database of its own; nothing goes to this system), and
+# the example is built against them with find_package() (shared and static
+# library) and with pkg-config, and run.
 #
 # XRPROCDETECTOR_WERROR=ON builds with warnings as errors (default OFF); the
 # example is always built with -Wall -Wextra -Wpedantic -Werror. Missing tools
-# (cmake, make, g++, pkg-config, dpkg-dev, file) are installed from Debian's
-# packages with apt-get when running as root; nothing else is fetched. Exits
-# non-zero, naming the failed check, on any failure; removes its temporary
-# directories in every case.
+# (cmake, make, g++, pkg-config, dpkg-dev, file, binutils, lintian) are
+# installed from Debian's packages with apt-get when running as root; nothing
+# else is fetched. Exits non-zero, naming the failed check, on any failure;
+# removes its temporary directories in every case.
 set -euo pipefail
 
 root=$(cd "$(dirname "$0")/.." && pwd)
@@ -52,6 +63,7 @@ command -v pkg-config >/dev/null || missing+=(pkg-config)
 command -v dpkg-shlibdeps >/dev/null || missing+=(dpkg-dev)
 command -v file >/dev/null || missing+=(file)
 command -v readelf >/dev/null || missing+=(binutils)
+command -v lintian >/dev/null || missing+=(lintian)
 if [ ${#missing[@]} -gt 0 ]; then
   if [ "$(id -u)" -ne 0 ]; then
     fail "missing: ${missing[*]}; install them (apt-get install ${missing[*]}) or run as root"
@@ -60,7 +72,7 @@ if [ ${#missing[@]} -gt 0 ]; then
   DEBIAN_FRONTEND=noninteractive apt-get update -qq
   DEBIAN_FRONTEND=noninteractive apt-get install -y -qq "${missing[@]}" >/dev/null
 fi
-for tool in cmake cpack g++ pkg-config dpkg-deb dpkg-shlibdeps file readelf ldd; do
+for tool in cmake cpack g++ pkg-config dpkg dpkg-deb dpkg-shlibdeps file readelf ldd lintian; do
   command -v "$tool" >/dev/null || fail "$tool is not available"
 done
 
@@ -71,7 +83,12 @@ version=$(sed -n 's/^project(XrProcDetector VERSION \([0-9.]*\).*/\1/p' "$root/C
 [ -n "$version" ] || fail "no project version found in CMakeLists.txt"
 soversion=${version%%.*}
 arch=amd64
-deb_name="xrprocdetector_${version}-1_${arch}.deb"
+runtime_pkg=libxrprocdetector$soversion
+dev_pkg=libxrprocdetector-dev
+tool_pkg=xrprocdetect
+# The lintian warnings the README lists, with their reasons; any other
+# warning, and any error, fails the check.
+lintian_known_warnings=initial-upload-closes-no-bugs
 
 # The public headers: those beside the library's sources (internal/ holds the
 # ones hosts never see).
@@ -79,22 +96,33 @@ headers=()
 for h in "$root"/xrprocdetector/*.h; do headers+=("$(basename "$h")"); done
 [ ${#headers[@]} -ge 5 ] || fail "expected at least 5 public headers, found ${#headers[@]}"
 
-# The files the install must hold, relative to the prefix.
+# expected_files KIND LIBDIR: the files the install must hold, relative to
+# the prefix.
 expected_files() {
-  local kind=$1 h
+  local kind=$1 libdir=$2 h
   for h in "${headers[@]}"; do echo "include/xrprocdetector/$h"; done
-  echo lib/cmake/XrProcDetector/XrProcDetectorConfig.cmake
-  echo lib/cmake/XrProcDetector/XrProcDetectorConfigVersion.cmake
-  echo lib/cmake/XrProcDetector/XrProcDetectorTargets.cmake
-  echo lib/pkgconfig/xrprocdetector.pc
+  echo "$libdir/cmake/XrProcDetector/XrProcDetectorConfig.cmake"
+  echo "$libdir/cmake/XrProcDetector/XrProcDetectorConfigVersion.cmake"
+  echo "$libdir/cmake/XrProcDetector/XrProcDetectorTargets.cmake"
+  echo "$libdir/pkgconfig/xrprocdetector.pc"
+  echo "$libdir/libxrprocdetector.a"
   echo bin/xrprocdetect
-  if [ "$kind" = static ]; then
-    echo lib/libxrprocdetector.a
-  else
-    echo "lib/libxrprocdetector.so.$version"
-    echo "lib/libxrprocdetector.so.$soversion"
-    echo lib/libxrprocdetector.so
+  echo share/man/man1/xrprocdetect.1.gz
+  echo share/bash-completion/completions/xrprocdetect
+  if [ "$kind" = shared ]; then
+    echo "$libdir/libxrprocdetector.so.$version"
+    echo "$libdir/libxrprocdetector.so.$soversion"
+    echo "$libdir/libxrprocdetector.so"
   fi
+}
+
+# package_of FILE LIBDIR: the Debian package an installed file belongs to.
+package_of() {
+  case $1 in
+    bin/* | share/man/* | share/bash-completion/*) echo "$tool_pkg" ;;
+    "$2"/libxrprocdetector.so.*) echo "$runtime_pkg" ;;
+    *) echo "$dev_pkg" ;;
+  esac
 }
 
 # run_host NAME BINARY: runs an example program, which must exit 0 and print
@@ -108,10 +136,10 @@ run_host() {
   ok "$name ran and exited 0"
 }
 
-# check_linkage NAME BINARY KIND PREFIX: a static host does not need the
-# shared library; a shared one needs it and finds it in PREFIX/lib.
+# check_linkage NAME BINARY KIND LIBDIR: a static host does not need the
+# shared library; a shared one needs it and finds it in LIBDIR.
 check_linkage() {
-  local name=$1 binary=$2 kind=$3 prefix=$4 needed resolved
+  local name=$1 binary=$2 kind=$3 libdir=$4 needed resolved
   needed=$(readelf -d "$binary" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p')
   if [ "$kind" = static ]; then
     if grep -q '^libxrprocdetector' <<<"$needed"; then fail "$name needs the shared library"; fi
@@ -120,25 +148,138 @@ check_linkage() {
     grep -qx "libxrprocdetector.so.$soversion" <<<"$needed" ||
       fail "$name does not need libxrprocdetector.so.$soversion"
     resolved=$(ldd "$binary" | sed -n "s/^[[:space:]]*libxrprocdetector\.so\.$soversion => \([^ ]*\).*/\1/p")
-    [ "$resolved" = "$prefix/lib/libxrprocdetector.so.$soversion" ] ||
-      fail "$name loads libxrprocdetector.so.$soversion from '${resolved:-nowhere}', not $prefix/lib"
-    ok "$name loads the installed libxrprocdetector.so.$soversion"
+    [ "$resolved" = "$libdir/libxrprocdetector.so.$soversion" ] ||
+      fail "$name loads libxrprocdetector.so.$soversion from '${resolved:-nowhere}', not $libdir"
+    ok "$name loads libxrprocdetector.so.$soversion from $libdir"
   fi
 }
 
+# build_host_cmake NAME KIND PREFIX LIBDIR [CMAKE ARGS...]: the example with
+# find_package(XrProcDetector) from PREFIX, which must find the package there.
+build_host_cmake() {
+  local name=$1 kind=$2 prefix=$3 libdir=$4 found
+  shift 4
+  cmake -S "$root/examples" -B "$work/$name" -DCMAKE_BUILD_TYPE=Release \
+    -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_CXX_FLAGS=-Werror "$@" >/dev/null ||
+    fail "configuring $name with find_package"
+  found=$(sed -n 's/^XrProcDetector_DIR:PATH=//p' "$work/$name/CMakeCache.txt")
+  [ "$found" = "$libdir/cmake/XrProcDetector" ] ||
+    fail "find_package used '$found', not $libdir/cmake/XrProcDetector"
+  cmake --build "$work/$name" >/dev/null || fail "building $name with CMake"
+  check_linkage "$name (CMake)" "$work/$name/host" "$kind" "$libdir"
+  run_host "$name (CMake)" "$work/$name/host"
+}
+
+# build_host_pkg_config NAME KIND LIBDIR: the example with the flags
+# pkg-config gives (PKG_CONFIG_PATH and the like set by the caller). A shared
+# library outside the loader's directories: the program carries LIBDIR as its
+# run path.
+build_host_pkg_config() {
+  local name=$1 kind=$2 libdir=$3 flags rpath=()
+  [ "$(pkg-config --modversion xrprocdetector)" = "$version" ] ||
+    fail "pkg-config does not report version $version"
+  flags=$(pkg-config --cflags --libs xrprocdetector)
+  echo "pkg-config --cflags --libs xrprocdetector: $flags"
+  [ "$kind" = shared ] && rpath=("-Wl,-rpath,$libdir")
+  # shellcheck disable=SC2086  # the flags are words
+  g++ -std=c++17 -O2 -Wall -Wextra -Wpedantic -Werror "$root/examples/host.cpp" $flags \
+    "${rpath[@]}" -o "$work/$name" || fail "building $name with pkg-config"
+  check_linkage "$name (pkg-config)" "$work/$name" "$kind" "$libdir"
+  run_host "$name (pkg-config)" "$work/$name"
+}
+
+# check_package KIND DEB PACKAGE SECTION LIBDIR INSTALLED: the control fields
+# and files of one Debian package, against the files the install tree holds.
+check_package() {
+  local kind=$1 deb=$2 pkg=$3 section=$4 libdir=$5 installed=$6 depends controls
+  local contents packed expected f
+  [ -f "$deb" ] || fail "cpack did not write $(basename "$deb")"
+  field() { dpkg-deb -f "$deb" "$1"; }
+  [ "$(field Package)" = "$pkg" ] || fail "$pkg: Package is '$(field Package)'"
+  [ "$(field Version)" = "$version-1" ] || fail "$pkg: Version is not $version-1"
+  [ "$(field Architecture)" = "$arch" ] || fail "$pkg: Architecture is not $arch"
+  [ "$(field Section)" = "$section" ] || fail "$pkg: Section is not $section"
+  [ "$(field Priority)" = optional ] || fail "$pkg: Priority is not optional"
+  [ "$(field Source)" = xrprocdetector ] || fail "$pkg: Source is not xrprocdetector"
+  grep -Eq '^[^<>]+ <[^@<> ]+@[^@<> ]+>$' <<<"$(field Maintainer)" ||
+    fail "$pkg: Maintainer '$(field Maintainer)' is not 'name <address>'"
+  [ -z "$(field Homepage)" ] || fail "$pkg: a Homepage field"
+  [ "$(field Description | wc -l)" -ge 3 ] || fail "$pkg: no long description"
+  depends=$(field Depends | tr ',' '\n' | sed 's/^ *//')
+  controls=$(dpkg-deb --ctrl-tarfile "$deb" | tar -t | sed 's|^\./||')
+  if grep -Eqx 'preinst|postinst|prerm|postrm' <<<"$controls"; then
+    fail "$pkg has maintainer scripts: $(tr '\n' ' ' <<<"$controls")"
+  fi
+  case $pkg in
+    "$runtime_pkg")
+      for dep in libc6 libstdc++6; do
+        grep -q "^$dep\( \|$\)" <<<"$depends" || fail "$pkg: Depends does not name $dep"
+      done
+      dpkg-deb --ctrl-tarfile "$deb" | tar -xO ./shlibs |
+        grep -qx "libxrprocdetector $soversion $runtime_pkg (>= $version)" ||
+        fail "$pkg: the shlibs file does not name libxrprocdetector $soversion"
+      dpkg-deb --ctrl-tarfile "$deb" | tar -xO ./triggers | grep -qx 'activate-noawait ldconfig' ||
+        fail "$pkg: no ldconfig trigger"
+      ;;
+    "$dev_pkg")
+      if [ "$kind" = shared ]; then
+        grep -qxF "$runtime_pkg (= $version-1)" <<<"$depends" ||
+          fail "$pkg: Depends does not name $runtime_pkg (= $version-1): $depends"
+      elif grep -q "^$runtime_pkg" <<<"$depends"; then
+        fail "$pkg of a static build depends on $runtime_pkg"
+      fi
+      ;;
+    "$tool_pkg")
+      grep -q '^libc6 ' <<<"$depends" || fail "$pkg: Depends does not name libc6"
+      if [ "$kind" = shared ]; then
+        grep -qxF "$runtime_pkg (>= $version)" <<<"$depends" ||
+          fail "$pkg: Depends does not name $runtime_pkg (>= $version): $depends"
+      elif grep -q "^$runtime_pkg" <<<"$depends"; then
+        fail "$pkg of a static build depends on $runtime_pkg"
+      fi
+      ;;
+  esac
+
+  contents=$(dpkg-deb -c "$deb") || fail "dpkg-deb -c $(basename "$deb")"
+  packed=$(awk '$1 !~ /^d/ {print $6}' <<<"$contents" | sed 's|^\./usr/||' | sort)
+  if awk '$1 !~ /^d/ {print $6}' <<<"$contents" | grep -v '^\./usr/' | grep -q . ||
+    grep -q '^local/' <<<"$packed"; then
+    fail "$pkg: files outside /usr or under /usr/local"
+  fi
+  expected=$( (
+    while read -r f; do
+      [ "$(package_of "$f" "$libdir")" = "$pkg" ] && echo "$f"
+    done <<<"$installed"
+    echo "share/doc/$pkg/copyright"
+    echo "share/doc/$pkg/changelog.Debian.gz"
+  ) | sort)
+  [ "$packed" = "$expected" ] ||
+    fail "$pkg holds other files than expected: $(diff <(echo "$expected") <(echo "$packed") | grep '^[<>]' | tr '\n' ' ')"
+  dpkg-deb --fsys-tarfile "$deb" | tar -xO "./usr/share/doc/$pkg/copyright" >"$work/copyright"
+  head -n 1 "$work/copyright" |
+    grep -qx 'Format: https://www.debian.org/doc/packaging-manuals/copyright-format/1.0/' ||
+    fail "$pkg: the copyright file is not machine-readable (DEP-5)"
+  grep -qx 'License: Apache-2.0' "$work/copyright" || fail "$pkg: the copyright file names no licence"
+  dpkg-deb --fsys-tarfile "$deb" | tar -xO "./usr/share/doc/$pkg/changelog.Debian.gz" |
+    gzip -dc | head -n 1 | grep -q "^xrprocdetector ($version-1) " ||
+    fail "$pkg: changelog.Debian.gz does not begin with version $version-1"
+  ok "$pkg: control fields, dependencies and files"
+}
+
 check() {
-  local kind=$1 shared build prefix installed deb info contents pc_prefix
+  local kind=$1 shared build prefix installed libdir pc_prefix packages debs=()
   [ "$kind" = shared ] && shared=ON || shared=OFF
   build=$parent/package-$kind
   prefix=$work/$kind/prefix
 
   step "$kind library: configure and build ($build)"
-  cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=Release -DXRPROCDETECTOR_BUILD_TESTS=OFF \
-    -DXRPROCDETECTOR_BUILD_TOOLS=ON -DXRPROCDETECTOR_INSTALL=ON -DBUILD_SHARED_LIBS="$shared" \
-    -DCMAKE_INSTALL_LIBDIR=lib -DXRPROCDETECTOR_WERROR="$werror" >/dev/null ||
+  cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX=/usr \
+    -DXRPROCDETECTOR_BUILD_TESTS=OFF -DXRPROCDETECTOR_BUILD_TOOLS=ON -DXRPROCDETECTOR_INSTALL=ON \
+    -DBUILD_SHARED_LIBS="$shared" -DXRPROCDETECTOR_WERROR="$werror" >/dev/null ||
     fail "configuring the $kind build"
   cmake --build "$build" -j2 >/dev/null || fail "building the $kind library and tool"
-  ok "built"
+  libdir=$(sed -n 's/^CMAKE_INSTALL_LIBDIR:PATH=//p' "$build/CMakeCache.txt")
+  ok "built; library directory $libdir"
 
   step "$kind library: cmake --install into a temporary prefix"
   cmake --install "$build" --prefix "$prefix" >/dev/null || fail "installing the $kind build"
@@ -146,111 +287,104 @@ check() {
   printf '%s\n' "$installed"
   while read -r f; do
     [ -e "$prefix/$f" ] || fail "not installed: $f"
-  done < <(expected_files "$kind")
+  done < <(expected_files "$kind" "$libdir")
   ok "every expected file is installed"
   if grep -q '^include/xrprocdetector/internal/' <<<"$installed"; then
     fail "internal headers were installed"
   fi
+  if grep -q '^share/doc/' <<<"$installed"; then
+    fail "a plain install installed the Debian packages' documentation"
+  fi
   if [ "$kind" = static ]; then
-    if grep -q '^lib/libxrprocdetector\.so' <<<"$installed"; then
+    if grep -q "^$libdir/libxrprocdetector\.so" <<<"$installed"; then
       fail "the static build installed a shared library"
     fi
   else
-    [ "$(readlink "$prefix/lib/libxrprocdetector.so")" = "libxrprocdetector.so.$soversion" ] ||
+    [ "$(readlink "$prefix/$libdir/libxrprocdetector.so")" = "libxrprocdetector.so.$soversion" ] ||
       fail "libxrprocdetector.so does not point to libxrprocdetector.so.$soversion"
-    readelf -d "$prefix/lib/libxrprocdetector.so.$version" |
+    readelf -d "$prefix/$libdir/libxrprocdetector.so.$version" |
       grep -q "(SONAME).*\[libxrprocdetector\.so\.$soversion\]" ||
       fail "the shared library's SONAME is not libxrprocdetector.so.$soversion"
-    ok "shared library, symlinks and SONAME"
+    if readelf -d "$prefix/bin/xrprocdetect" | grep -Eq '\((RPATH|RUNPATH)\)'; then
+      fail "the installed xrprocdetect has a run path"
+    fi
+    ok "shared library, symlinks and SONAME; the tool has no run path"
   fi
   [ -x "$prefix/bin/xrprocdetect" ] || fail "bin/xrprocdetect is not executable"
+  gzip -dc "$prefix/share/man/man1/xrprocdetect.1.gz" |
+    grep -q "^\.TH XRPROCDETECT 1 .*\"xrprocdetector $version\"" ||
+    fail "the manual page does not name version $version"
   for h in "${headers[@]}"; do
     g++ -std=c++17 -Wall -Wextra -Wpedantic -Werror -fsyntax-only -I"$prefix/include" \
       -x c++ - <<<"#include <xrprocdetector/$h>" || fail "installed header $h does not compile alone"
   done
   ok "each installed header compiles on its own"
-  LD_LIBRARY_PATH="$prefix/lib" "$prefix/bin/xrprocdetect" >/dev/null ||
+  LD_LIBRARY_PATH="$prefix/$libdir" "$prefix/bin/xrprocdetect" >/dev/null ||
     fail "the installed xrprocdetect exited with status $?"
   ok "the installed xrprocdetect ran and exited 0"
 
-  step "$kind library: example with find_package(XrProcDetector)"
-  cmake -S "$root/examples" -B "$work/$kind/host-cmake" -DCMAKE_BUILD_TYPE=Release \
-    -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_CXX_FLAGS=-Werror >/dev/null ||
-    fail "configuring the example with find_package"
-  local found
-  found=$(sed -n 's/^XrProcDetector_DIR:PATH=//p' "$work/$kind/host-cmake/CMakeCache.txt")
-  [ "$found" = "$prefix/lib/cmake/XrProcDetector" ] ||
-    fail "find_package used '$found', not the installed package"
-  cmake --build "$work/$kind/host-cmake" >/dev/null || fail "building the example with CMake"
-  check_linkage "host (CMake)" "$work/$kind/host-cmake/host" "$kind" "$prefix"
-  run_host "host (CMake)" "$work/$kind/host-cmake/host"
-
-  step "$kind library: example with pkg-config"
-  export PKG_CONFIG_PATH="$prefix/lib/pkgconfig"
-  [ "$(pkg-config --modversion xrprocdetector)" = "$version" ] ||
-    fail "pkg-config does not report version $version"
+  step "$kind library: the example against the install tree"
+  build_host_cmake "host-$kind" "$kind" "$prefix" "$prefix/$libdir"
+  export PKG_CONFIG_PATH="$prefix/$libdir/pkgconfig"
   pc_prefix=$(pkg-config --variable=prefix xrprocdetector)
   [ "$pc_prefix" = "$prefix" ] || fail "xrprocdetector.pc names prefix '$pc_prefix', not $prefix"
-  local flags
-  flags=$(pkg-config --cflags --libs xrprocdetector)
-  echo "pkg-config --cflags --libs xrprocdetector: $flags"
-  # A shared library outside the loader's directories: the program carries
-  # the installed library directory as its run path.
-  local rpath=()
-  [ "$kind" = shared ] && rpath=("-Wl,-rpath,$(pkg-config --variable=libdir xrprocdetector)")
-  # shellcheck disable=SC2086  # the flags are words
-  g++ -std=c++17 -O2 -Wall -Wextra -Wpedantic -Werror "$root/examples/host.cpp" $flags \
-    "${rpath[@]}" -o "$work/$kind/host-pc" || fail "building the example with pkg-config"
+  build_host_pkg_config "host-$kind-pc" "$kind" "$prefix/$libdir"
   unset PKG_CONFIG_PATH
-  check_linkage "host (pkg-config)" "$work/$kind/host-pc" "$kind" "$prefix"
-  run_host "host (pkg-config)" "$work/$kind/host-pc"
 
   step "$kind library: cpack -G DEB"
   rm -f "$build"/*.deb
   (cd "$build" && cpack -G DEB >/dev/null) || fail "cpack -G DEB in $build"
-  deb=$build/$deb_name
-  [ -f "$deb" ] || fail "cpack did not write $deb_name"
-  info=$(dpkg-deb -I "$deb") || fail "dpkg-deb -I $deb_name"
-  printf '%s\n' "$info"
-  field() { dpkg-deb -f "$deb" "$1"; }
-  [ "$(field Package)" = xrprocdetector ] || fail "Package is not xrprocdetector"
-  [ "$(field Version)" = "$version-1" ] || fail "Version is not $version-1"
-  [ "$(field Architecture)" = "$arch" ] || fail "Architecture is not $arch"
-  [ -n "$(field Maintainer)" ] || fail "no Maintainer"
-  [ -n "$(field Section)" ] || fail "no Section"
-  [ -n "$(field Description)" ] || fail "no Description"
-  local depends
-  depends=$(field Depends)
-  for dep in libc6 libstdc++6; do
-    tr ',' '\n' <<<"$depends" | sed 's/^ *//; s/ .*//' | grep -qxF "$dep" || fail "Depends does not name $dep: '$depends'"
+  packages=("$dev_pkg" "$tool_pkg")
+  [ "$kind" = shared ] && packages=("$runtime_pkg" "${packages[@]}")
+  [ "$(find "$build" -maxdepth 1 -name '*.deb' | wc -l)" = ${#packages[@]} ] ||
+    fail "cpack wrote $(find "$build" -maxdepth 1 -name '*.deb' | wc -l) packages, not ${#packages[@]}"
+  local pkg section deb
+  for pkg in "${packages[@]}"; do
+    case $pkg in
+      "$runtime_pkg") section=libs ;;
+      "$dev_pkg") section=libdevel ;;
+      *) section=utils ;;
+    esac
+    deb=$build/${pkg}_${version}-1_${arch}.deb
+    debs+=("$deb")
+    dpkg-deb -I "$deb" | sed -n '/^ Package:/,$p'
+    check_package "$kind" "$deb" "$pkg" "$section" "$libdir" "$installed"
   done
-  if grep -q xrprocdetector <<<"$depends"; then fail "the package depends on itself: '$depends'"; fi
-  if [ "$kind" = shared ]; then
-    dpkg-deb --ctrl-tarfile "$deb" | tar -xO ./shlibs |
-      grep -qx "libxrprocdetector $soversion xrprocdetector (>= $version-1)" ||
-      fail "the shlibs file does not name libxrprocdetector $soversion"
-    dpkg-deb --ctrl-tarfile "$deb" | tar -xO ./postinst | grep -q ldconfig ||
-      fail "postinst does not run ldconfig"
-    ok "shlibs file and ldconfig call"
-  fi
-  ok "control fields"
-  contents=$(dpkg-deb -c "$deb") || fail "dpkg-deb -c $deb_name"
-  printf '%s\n' "$contents"
-  local packed
-  packed=$(awk '$1 !~ /^d/ {print $6}' <<<"$contents" | sed 's|^\./usr/||' | sort)
-  local misplaced
-  misplaced=$(awk '$1 !~ /^d/ && ($6 !~ /^\.\/usr\// || $6 ~ /^\.\/usr\/local\//) {print $6}' \
-    <<<"$contents")
-  [ -z "$misplaced" ] || fail "files outside /usr or under /usr/local: $(tr '\n' ' ' <<<"$misplaced")"
-  while read -r f; do
-    grep -qx "$f" <<<"$packed" || fail "not in the package: /usr/$f"
-  done < <(expected_files "$kind")
-  [ "$packed" = "$installed" ] ||
-    fail "the package and the install differ: $(diff <(echo "$installed") <(echo "$packed") | grep '^[<>]' | tr '\n' ' ')"
-  ok "the package holds every installed file under /usr, and nothing else"
-  dpkg-deb --fsys-tarfile "$deb" | tar -xO ./usr/lib/pkgconfig/xrprocdetector.pc |
-    grep -qx 'prefix=/usr' || fail "the packaged xrprocdetector.pc does not name prefix /usr"
-  ok "the packaged xrprocdetector.pc names prefix /usr"
+  dpkg-deb --fsys-tarfile "$build/${dev_pkg}_${version}-1_${arch}.deb" |
+    tar -xO "./usr/$libdir/pkgconfig/xrprocdetector.pc" >"$work/packaged.pc"
+  grep -qx 'prefix=/usr' "$work/packaged.pc" || fail "the packaged xrprocdetector.pc does not name prefix /usr"
+  grep -qx 'License: Apache-2.0' "$work/packaged.pc" || fail "the packaged xrprocdetector.pc names no licence"
+  ok "the packaged xrprocdetector.pc names prefix /usr and the licence"
+
+  step "$kind library: lintian"
+  lintian --fail-on error,warning --suppress-tags "$lintian_known_warnings" "${debs[@]}" \
+    2> >(grep -v 'running with root privileges' >&2) ||
+    fail "lintian found errors or warnings the README does not list (above)"
+  ok "lintian: no errors, no warnings but $lintian_known_warnings"
+
+  [ "$kind" = shared ] || return 0
+  step "$kind library: the packages installed with dpkg into a scratch root"
+  local sysroot=$work/root multiarch_libdir
+  mkdir -p "$sysroot/var/lib/dpkg/info" "$sysroot/var/lib/dpkg/updates" "$sysroot/var/log"
+  : >"$sysroot/var/lib/dpkg/status"
+  # The scratch root's database knows no libc6 and libstdc++6: their
+  # dependencies are left unmet on purpose, the files are this system's.
+  dpkg --root="$sysroot" --force-not-root --force-depends -i "${debs[@]}" >"$work/dpkg.log" 2>&1 ||
+    { cat "$work/dpkg.log" && fail "dpkg -i into the scratch root"; }
+  for pkg in "${packages[@]}"; do
+    [ "$(dpkg-query --root="$sysroot" -W -f='${Status}' "$pkg")" = "install ok installed" ] ||
+      fail "$pkg is not installed in the scratch root"
+  done
+  ok "dpkg installed ${packages[*]}"
+  multiarch_libdir=$sysroot/usr/$libdir
+  build_host_cmake "host-deb" shared "$sysroot/usr" "$multiarch_libdir"
+  build_host_cmake "host-deb-static" static "$sysroot/usr" "$multiarch_libdir" -DHOST_LINK_STATIC=ON
+  export PKG_CONFIG_PATH="$multiarch_libdir/pkgconfig" PKG_CONFIG_SYSROOT_DIR="$sysroot"
+  build_host_pkg_config "host-deb-pc" shared "$multiarch_libdir"
+  unset PKG_CONFIG_PATH PKG_CONFIG_SYSROOT_DIR
+  LD_LIBRARY_PATH="$multiarch_libdir" "$sysroot/usr/bin/xrprocdetect" --all >/dev/null ||
+    fail "the packaged xrprocdetect exited with status $?"
+  ok "the packaged xrprocdetect ran and exited 0"
 }
 
 check static

@@ -64,6 +64,7 @@ command -v dpkg-shlibdeps >/dev/null || missing+=(dpkg-dev)
 command -v file >/dev/null || missing+=(file)
 command -v readelf >/dev/null || missing+=(binutils)
 command -v lintian >/dev/null || missing+=(lintian)
+command -v man >/dev/null || missing+=(man-db)
 if [ ${#missing[@]} -gt 0 ]; then
   if [ "$(id -u)" -ne 0 ]; then
     fail "missing: ${missing[*]}; install them (apt-get install ${missing[*]}) or run as root"
@@ -389,5 +390,10 @@ check() {
 
 check static
 check shared
+
+step "the manual page"
+warnings=$(LC_ALL=C.UTF-8 MANROFFSEQ='' MANWIDTH=80 man --warnings -l "$root/tools/xrprocdetect.1" 2>&1 >/dev/null)
+[ -z "$warnings" ] || fail "man --warnings on tools/xrprocdetect.1: $warnings"
+ok "man --warnings -l tools/xrprocdetect.1 prints no warning"
 
 step "all checks passed in $((SECONDS - started)) s"

@@ -126,7 +126,10 @@ bool load(const std::string& dir, XrMachineSnapshot* s, std::string* error) {
     }
   }
 
+  // A CPUID folder given by itself (as its gathering tool writes it) is a
+  // snapshot of CPUID alone.
   path = dir + "/cpuid";
+  if (!s->cpuinfo && !s->hasMetadata && ::access((dir + "/pu0").c_str(), F_OK) == 0) path = dir;
   DIR* folder = ::opendir(path.c_str());
   if (folder == nullptr) {
     if (errno == ENOENT) return true;

@@ -1,6 +1,6 @@
 #!/bin/sh
 # A snapshot of this machine replays every generation exactly: the debug
-# bytes at level 2 and the JSON fields of --all are those of the live run
+# bytes at level 2 (with --summary) and the JSON fields of --all are those of the live run
 # (the JSON's "source" and "file" aside). With "cpuid" the same is done in a
 # private mount namespace whose /proc/cpuinfo has no physical id, so that the
 # default detector's CPUID estimate runs live and in the replay (root and
@@ -14,7 +14,7 @@ mode=${2:-}
 # Saves, runs live: the commands of one namespace.
 run() {
   "$tool" --save "$1/snap" >/dev/null || exit 2
-  "$tool" --all -d2 >/dev/null 2>"$1/live.err" || exit 2
+  "$tool" --all -d2 --summary >/dev/null 2>"$1/live.err" || exit 2
   "$tool" --all -J | grep -vE '^ *"(source|file)":' >"$1/live.json" || exit 2
 }
 if [ "$mode" = inside ]; then
@@ -38,7 +38,7 @@ else
 fi
 
 failed=0
-"$tool" --all -d2 --snapshot "$work/snap" >/dev/null 2>"$work/replay.err"
+"$tool" --all -d2 --summary --snapshot "$work/snap" >/dev/null 2>"$work/replay.err"
 cmp "$work/live.err" "$work/replay.err" ||
   { diff "$work/live.err" "$work/replay.err"; failed=1; }
 "$tool" --all -J --snapshot "$work/snap" | grep -vE '^ *"(source|file)":' >"$work/replay.json"

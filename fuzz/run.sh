@@ -43,6 +43,11 @@ for target in "${targets[@]}"; do
   { printf 'processor\t: 0\nphysical id\t: 0\ncpu cores\t: 4\n'
     for ((n = 0; n < 300; n++)); do printf 'core id\t\t: %d\n' "$n"; done
   } >"$corpus/seed-300-core-ids"
+  # The snapshot readers also start from the snapshots' own files.
+  if [[ $name == fuzz_snapshot_readers ]]; then
+    find "$seeds/snapshots" -type f -exec sh -c 'cp "$1" "$2/snapshot-$(echo "$1" | tr / _)"' \
+      sh {} "$corpus" \;
+  fi
   echo "=== $name: ${seconds}s"
   if ! "$target" "$corpus" \
       -max_total_time="$seconds" -timeout=20 -rss_limit_mb=2048 -max_len=16384 \

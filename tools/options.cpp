@@ -19,6 +19,8 @@ enum : int {
   kEcho,
   kSummary,
   kVersionIndex,
+  kSave,
+  kSnapshot,
 };
 
 const option kLongOptions[] = {
@@ -30,6 +32,8 @@ const option kLongOptions[] = {
     {"json", no_argument, nullptr, 'J'},
     {"summary", no_argument, nullptr, kSummary},
     {"version-index", required_argument, nullptr, kVersionIndex},
+    {"save", required_argument, nullptr, kSave},
+    {"snapshot", required_argument, nullptr, kSnapshot},
     {"help", no_argument, nullptr, 'h'},
     {"version", no_argument, nullptr, 'V'},
     {nullptr, 0, nullptr, 0},
@@ -113,6 +117,14 @@ Parsed parseOptions(int argc, char** argv) {
         }
         o.cpuinfo = optarg;
         break;
+      case kSave:
+      case kSnapshot:
+        if (*optarg == '\0') {
+          parsed.error = std::string(c == kSave ? "--save" : "--snapshot") + " needs a directory";
+          return parsed;
+        }
+        (c == kSave ? o.save : o.snapshot) = optarg;
+        break;
       case kEcho:
         o.echo = true;
         break;
@@ -150,6 +162,15 @@ Parsed parseOptions(int argc, char** argv) {
       parsed.error += "; a debug level goes right after the option: -d2 or --debug=2";
     return parsed;
   }
+  if (o.save && (o.all || algorithmGiven || o.versionIndex || o.debugLevel || o.echo || o.summary ||
+                 o.json || o.cpuinfo || o.snapshot)) {
+    parsed.error = "--save saves a snapshot and runs no detector; give it alone";
+    return parsed;
+  }
+  if (o.snapshot && o.cpuinfo) {
+    parsed.error = "--snapshot and --cpuinfo each name the input; give one";
+    return parsed;
+  }
   if (o.echo && o.json) {
     parsed.error =
         "--echo puts debug lines into standard output, which would break the JSON; "
@@ -177,7 +198,8 @@ Parsed parseOptions(int argc, char** argv) {
 std::string usageText() {
   return R"(Usage: xrprocdetect [OPTION]...
 Count the processor packages, cores and logical processors of this machine
-(or of a saved /proc/cpuinfo) with one or every detector generation.
+(or of a saved /proc/cpuinfo or snapshot) with one or every detector
+generation, or save a snapshot of this machine.
 
   -a, --algorithm NAME    the generation to run: default (the platform's
                           detector), 7.0, 6.1, 6.0 or 5.3; default: default
@@ -186,6 +208,12 @@ Count the processor packages, cores and logical processors of this machine
                           machine (- reads standard input); generations that
                           would go on to CPUID or to the operating system's
                           counts say so instead of giving numbers
+      --snapshot DIR      run on the snapshot in DIR instead of this machine:
+                          every generation sees its /proc/cpuinfo, processor
+                          counts, affinity, CPUID answers and VMware answer;
+                          rows that need a part DIR lacks say so
+      --save DIR          save a snapshot of this machine into DIR (new or
+                          empty) and exit; give it alone
       --version-index N   the version index (0 to 6) given to the detectors'
                           constructors; 6.0 always runs with 1, and 6.1 with
                           N unless N is 1
@@ -201,7 +229,7 @@ Count the processor packages, cores and logical processors of this machine
   -V, --version           print the version and exit
 
 Exit status: 0 on success, 1 when a detector's getProcData is negative,
-2 on a usage error or an unreadable input.
+2 on a usage error, an unreadable input or snapshot, or a failed save.
 )";
 }
 

@@ -21,6 +21,9 @@ struct Options {
   bool json = false;     // -J/--json
   // --cpuinfo FILE: count a saved /proc/cpuinfo ("-": standard input).
   std::optional<std::string> cpuinfo;
+  // --snapshot DIR: run on a saved snapshot; --save DIR: save one.
+  std::optional<std::string> snapshot;
+  std::optional<std::string> save;
   bool help = false;
   bool version = false;
 };

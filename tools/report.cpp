@@ -71,6 +71,7 @@ std::string noteColumn(const Row& row) {
 
 std::string sourceWords(const Source& source) {
   if (source.live) return "this machine (live)";
+  if (source.snapshot) return source.file + " (a snapshot)";
   return (source.file == "-" ? std::string("standard input") : source.file) +
          " (a saved /proc/cpuinfo)";
 }
@@ -140,7 +141,7 @@ std::string jsonRow(const Row& row, const Source& source, int indent, bool withS
   o.string("generation", row.generation->name);
   o.string("class", row.generation->className);
   o.number("procInfoIndex", row.procInfoIndex);
-  o.string("source", source.live ? "live" : "file");
+  o.string("source", source.live ? "live" : source.snapshot ? "snapshot" : "file");
   if (source.live) {
     o.null("file");
   } else {

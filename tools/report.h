@@ -10,10 +10,11 @@
 
 namespace xrprocdetect {
 
-// Where the counts came from: this machine, or a saved /proc/cpuinfo
-// (`file`, "-" for standard input).
+// Where the counts came from: this machine, a saved /proc/cpuinfo (`file`,
+// "-" for standard input), or a snapshot (`file` is its directory).
 struct Source {
   bool live = true;
+  bool snapshot = false;
   std::string file;
 };
 

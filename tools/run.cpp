@@ -123,19 +123,37 @@ const Generation* findGeneration(std::string_view name) {
   return nullptr;
 }
 
-Row runGeneration(const Generation& g, const RunSettings& settings, bool offline) {
+Row runGeneration(const Generation& g, const RunSettings& settings, const Inputs& inputs) {
   Row row;
   row.generation = &g;
   Capture capture;
   const std::unique_ptr<XrProcDetector> detector = makeDetector(g, settings, capture.file());
   row.procInfoIndex = detector->procInfoIndex;
+  const bool offline = !inputs.live;
 
-  if (offline && g.id == GenerationId::k53) {
+  if (!inputs.counts && g.id == GenerationId::k53) {
     row.counted = false;
-    row.note = "needs the system's processor count, which the file does not hold";
+    row.note = inputs.snapshot
+                   ? "needs the configured processor count, which the snapshot does not hold"
+                   : "needs the system's processor count, which the file does not hold";
     return row;
   }
-  if (offline && g.id == GenerationId::kDefault) {
+  if (!inputs.cpuinfo && g.readsCpuinfo) {
+    row.counted = false;
+    row.note = "needs /proc/cpuinfo, which the snapshot does not hold";
+    return row;
+  }
+  if (inputs.snapshot && g.id == GenerationId::kDefault && !inputs.cpuidMissing.empty()) {
+    // Whether the scan ends it, asked of a silent detector first.
+    XrProcDetectorLinux32 scout(tzDebugNone, 0, nullptr, nullptr);
+    if (scout.getUnixProcData() < 0) {
+      row.counted = false;
+      row.note = "no physical id; the CPUID estimate needs " + inputs.cpuidMissing +
+                 ", which the snapshot does not hold";
+      return row;
+    }
+  }
+  if (offline && !inputs.snapshot && g.id == GenerationId::kDefault) {
     // Only the first strategy reads /proc/cpuinfo: the scan, then the
     // verdict, as getProcData runs them before it would turn to CPUID.
     if (detector->getUnixProcData() < 0) {
@@ -156,7 +174,7 @@ Row runGeneration(const Generation& g, const RunSettings& settings, bool offline
     case GenerationId::k53:
       break;
     case GenerationId::kDefault:
-      if (!offline) row.endedBy = strategyOf(row.debug);
+      if (inputs.live || inputs.snapshot) row.endedBy = strategyOf(row.debug);
       if (row.endedBy == Strategy::kCpuinfo) row.reportedVerdict = row.hyperThreadState;
       break;
     default:

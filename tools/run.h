@@ -62,10 +62,19 @@ struct Row {
   std::string summary;  // what printSummary wrote, with RunSettings::summary
 };
 
-// Runs one generation. Offline, the caller has redirected the /proc/cpuinfo
-// scans of this thread to the saved text (XrCpuinfoRedirect): generations
-// that do not read it, or that would go on to CPUID, are not run and say so.
-Row runGeneration(const Generation& generation, const RunSettings& settings, bool offline);
+// What a run can see. Offline, the caller has redirected this thread's
+// detectors to the saved text (XrCpuinfoRedirect) or snapshot
+// (XrSnapshotReplay): generations that need a part the input lacks are not
+// run and say so.
+struct Inputs {
+  bool live = true;
+  bool snapshot = false;     // a snapshot rather than a saved /proc/cpuinfo
+  bool cpuinfo = true;       // a /proc/cpuinfo text
+  bool counts = true;        // the configured and online processor counts
+  std::string cpuidMissing;  // what the CPUID estimate needs and lacks, if anything
+};
+
+Row runGeneration(const Generation& generation, const RunSettings& settings, const Inputs& inputs);
 
 // Whether /proc/cpuinfo can be opened and read; otherwise the reason. A
 // generation that reads it would never return if it cannot.

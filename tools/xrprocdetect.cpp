@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include <xrprocdetector/xrprocdetector_snapshot.h>
 #include <xrprocdetector/xrprocdetector_source.h>
 
 #include "options.h"
@@ -61,6 +62,17 @@ std::optional<std::string> readInput(const std::string& name, std::string* text)
   return problem;
 }
 
+// What the default detector's CPUID estimate needs and the snapshot lacks,
+// or nothing.
+std::string cpuidMissing(const XrMachineSnapshot& s) {
+  if (!s.configured) return "the configured processor count";
+  if (!s.affinity) return "the affinity";
+  for (const unsigned p : *s.affinity) {
+    if (s.cpuid.count(p) == 0) return "cpuid/pu" + std::to_string(p);
+  }
+  return "";
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -76,6 +88,16 @@ int main(int argc, char** argv) {
     return 0;
   }
 
+  if (options.save) {
+    std::string error;
+    if (!xrSaveSnapshot(*options.save, "xrprocdetect " XRPROCDETECTOR_VERSION, &error)) {
+      std::fprintf(stderr, "xrprocdetect: cannot save the snapshot: %s\n", error.c_str());
+      return 2;
+    }
+    std::printf("Saved a snapshot of this machine in %s\n", options.save->c_str());
+    return 0;
+  }
+
   std::vector<const Generation*> selected;
   if (options.all) {
     for (const Generation& g : allGenerations())
@@ -85,8 +107,24 @@ int main(int argc, char** argv) {
   }
 
   Source source;
+  Inputs inputs;
   std::string text;
-  if (options.cpuinfo) {
+  XrMachineSnapshot snapshot;
+  if (options.snapshot) {
+    source.live = inputs.live = false;
+    source.snapshot = inputs.snapshot = true;
+    source.file = *options.snapshot;
+    std::string error;
+    if (!xrLoadSnapshot(*options.snapshot, &snapshot, &error)) {
+      std::fprintf(stderr, "xrprocdetect: cannot read the snapshot: %s\n", error.c_str());
+      return 2;
+    }
+    inputs.cpuinfo = snapshot.cpuinfo.has_value();
+    inputs.counts = snapshot.configured.has_value();
+    inputs.cpuidMissing = cpuidMissing(snapshot);
+  } else if (options.cpuinfo) {
+    inputs.live = false;
+    inputs.counts = false;
     source.live = false;
     source.file = *options.cpuinfo;
     if (auto problem = readInput(*options.cpuinfo, &text)) {
@@ -121,12 +159,17 @@ int main(int argc, char** argv) {
   const bool passDebugOn = options.debugLevel && !options.echo && userLevel >= 1;
 
   std::optional<XrCpuinfoRedirect> redirect;
-  if (!source.live) redirect.emplace(XrCpuinfoRedirect::kText, std::move(text));
+  std::optional<XrSnapshotReplay> replay;
+  if (options.snapshot) {
+    replay.emplace(snapshot);
+  } else if (!source.live) {
+    redirect.emplace(XrCpuinfoRedirect::kText, std::move(text));
+  }
 
   std::vector<Row> rows;
   int status = 0;
   for (const Generation* g : selected) {
-    rows.push_back(runGeneration(*g, settings, !source.live));
+    rows.push_back(runGeneration(*g, settings, inputs));
     const Row& row = rows.back();
     if (passDebugOn) {
       std::fputs(row.debug.c_str(), stderr);

@@ -8,9 +8,10 @@
 
 #include "xrprocdetector/internal/cpuinfo_walk.h"
 #include "xrprocdetector/internal/hardware.h"
+#include "xrprocdetector/internal/snapshot.h"
 #include "xrprocdetector/internal/word_reader.h"
 
-using xrprocdetector::detail::cpuid;
+using xrprocdetector::detail::queryCpuid;
 
 namespace {
 
@@ -71,33 +72,33 @@ int XrProcDetectorLinux32::platformProcInfo() {
 // CPUID probes
 
 unsigned int XrProcDetectorLinux32::CpuIDSupported() {
-  return cpuid(0, 0).eax;
+  return queryCpuid(0, 0).eax;
 }
 
 unsigned int XrProcDetectorLinux32::LogicalProcPerPhysicalProc() {
   if (CpuIDSupported() == 0) return 1;
-  const unsigned int perPackage = (cpuid(1, 0).ebx >> 16) & 0xFF;
+  const unsigned int perPackage = (queryCpuid(1, 0).ebx >> 16) & 0xFF;
   return perPackage == 0 ? 1 : perPackage;
 }
 
 unsigned int XrProcDetectorLinux32::HWD_MTSupported() {
   if (CpuIDSupported() == 0) return 0;
-  return cpuid(1, 0).edx & 0x10000000;
+  return queryCpuid(1, 0).edx & 0x10000000;
 }
 
 unsigned int XrProcDetectorLinux32::GetAPIC_ID() {
   if (CpuIDSupported() == 0) return 0;
-  return cpuid(1, 0).ebx >> 24;
+  return queryCpuid(1, 0).ebx >> 24;
 }
 
 unsigned int XrProcDetectorLinux32::IsMultiCoreCapable() {
   const unsigned int maxLeaf = CpuIDSupported();
   unsigned int zeroTest = maxLeaf;
   if (maxLeaf > 10) {
-    const auto level0 = cpuid(11, 0);
+    const auto level0 = queryCpuid(11, 0);
     // The second query asks the leaf named by the first one's EAX (the SMT
     // level's shift width), not leaf 11, at sub-leaf 1. Kept as it is.
-    const auto second = cpuid(level0.eax, 1);
+    const auto second = queryCpuid(level0.eax, 1);
     tzPrint(tzDebugSteps, "Leaf11 - numLogical: %d, numThreads: %d\n", static_cast<int>(level0.ebx),
             static_cast<int>(level0.ebx));
     const unsigned int low = level0.ebx & 0xFFFF;
@@ -107,14 +108,14 @@ unsigned int XrProcDetectorLinux32::IsMultiCoreCapable() {
     zeroTest = second.ebx;
   }
   if (zeroTest == 0) return 1;
-  const auto leaf0 = cpuid(0, 0);
+  const auto leaf0 = queryCpuid(0, 0);
   if (isAuthenticAMD(leaf0)) {
-    return (cpuid(0x80000008, 0).ecx & 0xFF) + 1;
+    return (queryCpuid(0x80000008, 0).ecx & 0xFF) + 1;
   }
   // The guard against a highest leaf below 4 tests the first vendor word,
   // so it never fires for a real vendor string. Kept as it is.
   if (leaf0.ebx < 4) return 1;
-  return (cpuid(4, 0).eax >> 26) + 1;
+  return (queryCpuid(4, 0).eax >> 26) + 1;
 }
 
 unsigned int XrProcDetectorLinux32::CorePerPhysicalProc() {
@@ -137,7 +138,7 @@ __attribute__((noinline, no_sanitize_address)) bool XrProcDetectorLinux32::IsIns
   // _setjmp does not save the signal mask: after a fault SIGSEGV stays
   // blocked in this thread, as the handler left it.
   if (_setjmp(jmpbuf) == 0) {
-    answer = xrprocdetector::detail::vmwareBackdoorVersion();
+    answer = xrprocdetector::detail::queryBackdoor();
   }
   // The default disposition, not whatever the host had before the probe.
   signal(SIGSEGV, SIG_DFL);
@@ -150,7 +151,7 @@ __attribute__((noinline, no_sanitize_address)) bool XrProcDetectorLinux32::IsIns
 bool XrProcDetectorLinux32::setAffinityMaskToLevel4CPU(cpu_set_t* savedMask) {
   cpu_set_t set;
   CPU_ZERO(&set);
-  if (sched_getaffinity(0, sizeof set, &set) < 0) return false;
+  if (xrprocdetector::detail::queryGetAffinity(&set) < 0) return false;
   *savedMask = set;
   const int n = bosGetLogicalProcessorCount();
   if (n < 1) {
@@ -164,7 +165,7 @@ bool XrProcDetectorLinux32::setAffinityMaskToLevel4CPU(cpu_set_t* savedMask) {
     CPU_ZERO(&one);
     if (i < CPU_SETSIZE) CPU_SET(i, &one);
     // On failure the thread keeps the affinity of the last pinning.
-    if (sched_setaffinity(0, sizeof one, &one) < 0) return false;
+    if (xrprocdetector::detail::querySetAffinity(&one) < 0) return false;
     sleep(0);  // let the scheduler move the thread onto processor i
     level = CpuIDSupported();
     if (level > 3) {
@@ -177,12 +178,12 @@ bool XrProcDetectorLinux32::setAffinityMaskToLevel4CPU(cpu_set_t* savedMask) {
           static_cast<int>(CpuIDSupported()));
   if (level == 0) return false;
   // Both outcomes agree here; the vendor test is kept as it is.
-  if (isAuthenticAMD(cpuid(0, 0))) return false;
+  if (isAuthenticAMD(queryCpuid(0, 0))) return false;
   return level > 3;
 }
 
 void XrProcDetectorLinux32::restoreProcessMask(cpu_set_t mask) {
-  sched_setaffinity(0, sizeof mask, &mask);
+  xrprocdetector::detail::querySetAffinity(&mask);
 }
 
 int XrProcDetectorLinux32::getCPUIDProcData() {

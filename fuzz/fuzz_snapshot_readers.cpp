@@ -1,0 +1,47 @@
+// The snapshot readers on arbitrary bytes: the CPUID dump parser (and a
+// lookup in what it accepted), the processor-list parser (whose output must
+// be sorted, bounded and survive a round trip through its formatter), and
+// the metadata parser. None may crash, hang or accept what it then cannot
+// hold.
+#include <cstdint>
+#include <cstdlib>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "xrprocdetector/internal/snapshot.h"
+
+namespace dt = xrprocdetector::detail;
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  const std::string_view text(reinterpret_cast<const char*>(data), size);
+  std::string error;
+
+  std::vector<XrCpuidLine> lines;
+  if (dt::parseCpuidDump(text, &lines, &error)) {
+    dt::dumpAnswer(lines, 0, 0);
+    dt::dumpAnswer(lines, 0xb, 1);
+  } else if (error.empty()) {
+    std::abort();  // a refusal always says why
+  }
+
+  std::vector<unsigned> processors;
+  if (dt::parseProcessorList(text, &processors, &error)) {
+    for (std::size_t i = 0; i < processors.size(); ++i) {
+      if (processors[i] >= kSnapshotMaxProcessors || (i > 0 && processors[i] <= processors[i - 1]))
+        std::abort();
+    }
+    std::vector<unsigned> again;
+    if (!dt::parseProcessorList(dt::formatProcessorList(processors), &again, &error) ||
+        again != processors)
+      std::abort();
+  }
+
+  dt::SnapshotMetadata metadata;
+  if (dt::parseMetadata(text, &metadata, &error)) {
+    for (const unsigned p : metadata.affinity) {
+      if (p >= kSnapshotMaxProcessors) std::abort();
+    }
+  }
+  return 0;
+}

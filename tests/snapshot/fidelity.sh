@@ -1,0 +1,47 @@
+#!/bin/sh
+# A snapshot of this machine replays every generation exactly: the debug
+# bytes at level 2 (with --summary) and the JSON fields of --all are those
+# of the live run (the JSON's "source" and "file" aside). With "cpuid" the same is done in a
+# private mount namespace whose /proc/cpuinfo has no physical id, so that the
+# default detector's CPUID estimate runs live and in the replay (root and
+# unshare needed; otherwise skipped with status 77).
+#
+#   fidelity.sh TOOL [cpuid]
+set -u
+tool=$1
+mode=${2:-}
+
+# Saves, runs live: the commands of one namespace.
+run() {
+  "$tool" --save "$1/snap" >/dev/null || exit 2
+  "$tool" --all -d2 --summary >/dev/null 2>"$1/live.err" || exit 2
+  "$tool" --all -J | grep -vE '^ *"(source|file)":' >"$1/live.json" || exit 2
+}
+if [ "$mode" = inside ]; then
+  run "$3"
+  exit 0
+fi
+
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+if [ "$mode" = cpuid ]; then
+  if [ "$(id -u)" -ne 0 ] || ! unshare -m true 2>/dev/null; then
+    echo "needs root and mount namespaces: skipped"
+    exit 77
+  fi
+  grep -v '^physical id' /proc/cpuinfo >"$work/cpuinfo"
+  unshare -m sh -c 'mount --make-rprivate / && mount --bind "$3/cpuinfo" /proc/cpuinfo &&
+    sh "$1" "$2" inside "$3"' sh "$0" "$tool" "$work" || exit 1
+  grep -q ' cpuid$' "$work/live.err" || { echo "the live run did not reach CPUID"; exit 1; }
+else
+  run "$work"
+fi
+
+failed=0
+"$tool" --all -d2 --summary --snapshot "$work/snap" >/dev/null 2>"$work/replay.err"
+cmp "$work/live.err" "$work/replay.err" ||
+  { diff "$work/live.err" "$work/replay.err"; failed=1; }
+"$tool" --all -J --snapshot "$work/snap" | grep -vE '^ *"(source|file)":' >"$work/replay.json"
+cmp "$work/live.json" "$work/replay.json" ||
+  { diff "$work/live.json" "$work/replay.json"; failed=1; }
+exit $failed

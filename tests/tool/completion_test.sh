@@ -27,6 +27,7 @@ check() {
 
 check --al -- --algorithm --all
 check --v -- --version-index --version
+check --s -- --snapshot --save --summary
 check -a '' -- default 7.0 6.1 6.0 5.3
 check --algorithm 6 -- 6.1 6.0
 check --algorithm = 7 -- 7.0

@@ -26,6 +26,21 @@ long querySysconf(int name);
 int queryGetAffinity(cpu_set_t* set);  // sched_getaffinity(0, 128, set)
 int querySetAffinity(const cpu_set_t* set);
 
+// Reads the file `name` under the directory `dirFd` (or the path itself
+// with AT_FDCWD) into *text, up to 64 MiB; kAbsent when it does not exist,
+// kFailed with *error saying why otherwise.
+enum class Read { kOk, kAbsent, kFailed };
+Read readFile(int dirFd, const std::string& name, std::string* text, std::string* error);
+
+// "line N: message".
+std::string atLine(int line, const std::string& message);
+// A hexadecimal number of 1 to 8 digits, without 0x.
+bool hexWord(std::string_view word, std::uint32_t* value);
+// The CPUID dump of the processor the thread runs on: every standard and
+// extended leaf up to the highest it names, with the sub-leaves of 4, 0xb
+// and 0x1f up to their terminators.
+std::string dumpThisProcessor();
+
 // The readers. On failure each returns false and sets *error to a message
 // that starts with "line N: " where a line is to blame.
 
@@ -51,6 +66,8 @@ struct SnapshotMetadata {
 // xrprocdetect.json: one JSON object with the format, version, counts,
 // affinity and VMware keys; other keys are ignored.
 bool parseMetadata(std::string_view text, SnapshotMetadata* metadata, std::string* error);
+// The text of xrprocdetect.json for `metadata`, saved now by `savedBy`.
+std::string formatMetadata(const SnapshotMetadata& metadata, const std::string& savedBy);
 
 }  // namespace detail
 }  // namespace xrprocdetector

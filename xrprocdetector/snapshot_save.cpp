@@ -1,4 +1,4 @@
-// Loading a snapshot directory, and saving this machine into one.
+// Saving this machine into a snapshot directory.
 #include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
@@ -16,168 +16,10 @@
 #include "xrprocdetector/xrprocdetector_linux32.h"
 
 namespace dt = xrprocdetector::detail;
+using dt::Read;
+using dt::readFile;
 
 namespace {
-
-// The largest file read: a /proc/cpuinfo of 8,192 processors is about
-// 16 MiB; every other file of a snapshot is far smaller.
-constexpr std::size_t kMaxFileBytes = 64u << 20;
-
-enum class Read { kOk, kAbsent, kFailed };
-
-// Reads the file `name` under the directory `dirFd` (or the path itself with
-// AT_FDCWD) into *text; kAbsent when it does not exist.
-Read readFile(int dirFd, const std::string& name, std::string* text, std::string* error) {
-  text->clear();
-  const int fd = ::openat(dirFd, name.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) {
-    if (errno == ENOENT) return Read::kAbsent;
-    *error = "cannot open: " + std::string(std::strerror(errno));
-    return Read::kFailed;
-  }
-  char buffer[16384];
-  for (;;) {
-    const ssize_t n = ::read(fd, buffer, sizeof buffer);
-    if (n > 0 && text->size() + static_cast<std::size_t>(n) > kMaxFileBytes) {
-      *error = "larger than " + std::to_string(kMaxFileBytes >> 20) + " MiB";
-      break;
-    }
-    if (n > 0) {
-      text->append(buffer, static_cast<std::size_t>(n));
-      continue;
-    }
-    if (n == 0) {
-      ::close(fd);
-      return Read::kOk;
-    }
-    if (errno != EINTR) {
-      *error = "cannot read: " + std::string(std::strerror(errno));
-      break;
-    }
-  }
-  ::close(fd);
-  return Read::kFailed;
-}
-
-// A processor list file of the snapshot; kAbsent leaves *list empty.
-Read readList(const std::string& dir, const char* name, std::vector<unsigned>* list,
-              std::string* error) {
-  std::string text;
-  const std::string path = dir + "/" + name;
-  const Read r = readFile(AT_FDCWD, path, &text, error);
-  if (r == Read::kOk && !dt::parseProcessorList(text, list, error)) {
-    *error = path + " " + *error;
-    return Read::kFailed;
-  }
-  if (r == Read::kFailed) *error = path + ": " + *error;
-  return r;
-}
-
-bool load(const std::string& dir, XrMachineSnapshot* s, std::string* error) {
-  *s = XrMachineSnapshot();
-  struct stat st;
-  if (::stat(dir.c_str(), &st) != 0) {
-    *error = dir + ": " + std::strerror(errno);
-    return false;
-  }
-  if (!S_ISDIR(st.st_mode)) {
-    *error = dir + ": not a directory";
-    return false;
-  }
-  std::string text;
-  std::string path = dir + "/proc/cpuinfo";
-  Read r = readFile(AT_FDCWD, path, &text, error);
-  if (r == Read::kFailed) {
-    *error = path + ": " + *error;
-    return false;
-  }
-  if (r == Read::kOk) s->cpuinfo = std::move(text);
-
-  path = dir + "/xrprocdetect.json";
-  r = readFile(AT_FDCWD, path, &text, error);
-  if (r == Read::kFailed) {
-    *error = path + ": " + *error;
-    return false;
-  }
-  if (r == Read::kOk) {
-    dt::SnapshotMetadata m;
-    if (!dt::parseMetadata(text, &m, error)) {
-      *error = path + " " + *error;
-      return false;
-    }
-    s->hasMetadata = true;
-    s->configured = m.configured;
-    s->online = m.online;
-    s->affinity = std::move(m.affinity);
-    s->vmwareBackdoor = m.vmwareBackdoor;
-  } else {
-    // As glibc counts them, and the affinity of a process that nothing
-    // restricted.
-    std::vector<unsigned> possible;
-    std::vector<unsigned> online;
-    r = readList(dir, "sys/devices/system/cpu/possible", &possible, error);
-    if (r == Read::kFailed) return false;
-    if (r == Read::kOk) s->configured = static_cast<long>(possible.size());
-    r = readList(dir, "sys/devices/system/cpu/online", &online, error);
-    if (r == Read::kFailed) return false;
-    if (r == Read::kOk) {
-      s->online = static_cast<long>(online.size());
-      s->affinity = std::move(online);
-    }
-  }
-
-  // A CPUID folder given by itself (as its gathering tool writes it) is a
-  // snapshot of CPUID alone.
-  path = dir + "/cpuid";
-  if (!s->cpuinfo && !s->hasMetadata && ::access((dir + "/pu0").c_str(), F_OK) == 0) path = dir;
-  DIR* folder = ::opendir(path.c_str());
-  if (folder == nullptr) {
-    if (errno == ENOENT) return true;
-    *error = path + ": " + std::strerror(errno);
-    return false;
-  }
-  std::vector<unsigned> processors;
-  bool ok = true;
-  while (const dirent* entry = ::readdir(folder)) {
-    // pu0, pu1, ...; anything else (such as an information file) is not a
-    // dump.
-    const char* name = entry->d_name;
-    if (std::strncmp(name, "pu", 2) != 0 || name[2] == '\0') continue;
-    unsigned n = 0;
-    bool digits = true;
-    for (const char* c = name + 2; *c != '\0' && digits; ++c) {
-      digits = *c >= '0' && *c <= '9' && n < kSnapshotMaxProcessors;
-      n = n * 10 + static_cast<unsigned>(*c - '0');
-    }
-    if (!digits) continue;
-    if (n >= kSnapshotMaxProcessors) {
-      *error = path + "/" + name + ": processor number above " +
-               std::to_string(kSnapshotMaxProcessors - 1);
-      ok = false;
-      break;
-    }
-    processors.push_back(n);
-  }
-  ::closedir(folder);
-  if (!ok) return false;
-  std::sort(processors.begin(), processors.end());
-  for (const unsigned n : processors) {
-    const std::string file = path + "/pu" + std::to_string(n);
-    r = readFile(AT_FDCWD, file, &text, error);
-    if (r != Read::kOk) {
-      *error = file + ": " + (r == Read::kAbsent ? "cannot open: vanished" : *error);
-      return false;
-    }
-    if (!dt::parseCpuidDump(text, &s->cpuid[n], error)) {
-      *error = file + " " + *error;
-      return false;
-    }
-  }
-  return true;
-}
-
-// ---------------------------------------------------------------------------
-// Saving
 
 class Fd {
  public:
@@ -253,44 +95,6 @@ class Saver {
   std::string* error_;
 };
 
-std::string hex(std::uint32_t v) {
-  char text[16];
-  std::snprintf(text, sizeof text, "%x", v);
-  return text;
-}
-
-std::string dumpLine(std::uint32_t mask, std::uint32_t leaf, std::uint32_t subleaf,
-                     const dt::CpuidRegisters& r) {
-  return hex(mask) + " " + hex(leaf) + " 0 " + hex(subleaf) + " 0 => " + hex(r.eax) + " " +
-         hex(r.ebx) + " " + hex(r.ecx) + " " + hex(r.edx) + "\n";
-}
-
-// Every standard and extended leaf up to the highest the processor names,
-// with the sub-leaves of 4, 0xb and 0x1f up to their terminators.
-std::string dumpThisProcessor() {
-  constexpr std::uint32_t kMaxLeaves = 0x100;
-  constexpr std::uint32_t kMaxSubleaves = 64;
-  std::string out = "# mask e[abcd]x => e[abcd]x\n";
-  for (const std::uint32_t base : {0u, 0x80000000u}) {
-    const std::uint32_t highest = dt::cpuid(base, 0).eax;
-    if (highest < base) continue;
-    const std::uint32_t last = std::min(highest, base + kMaxLeaves - 1);
-    for (std::uint32_t leaf = base; leaf <= last; ++leaf) {
-      if (leaf != 4 && leaf != 0xb && leaf != 0x1f) {
-        out += dumpLine(1, leaf, 0, dt::cpuid(leaf, 0));
-        continue;
-      }
-      for (std::uint32_t sub = 0; sub < kMaxSubleaves; ++sub) {
-        const dt::CpuidRegisters r = dt::cpuid(leaf, sub);
-        out += dumpLine(5, leaf, sub, r);
-        const bool end = leaf == 4 ? (r.eax & 0x1F) == 0 : (r.ecx >> 8 & 0xFF) == 0;
-        if (end) break;
-      }
-    }
-  }
-  return out;
-}
-
 // The VMware probe as the default detector runs it, with the thread's
 // SIGSEGV disposition and signal mask given back afterwards.
 bool probeVmware() {
@@ -303,23 +107,6 @@ bool probeVmware() {
   sigaction(SIGSEGV, &before, nullptr);
   pthread_sigmask(SIG_SETMASK, &mask, nullptr);
   return answered;
-}
-
-std::string quoted(const std::string& text) {
-  std::string out = "\"";
-  for (const unsigned char c : text) {
-    if (c == '"' || c == '\\') {
-      out += '\\';
-      out += static_cast<char>(c);
-    } else if (c < 0x20) {
-      char escaped[8];
-      std::snprintf(escaped, sizeof escaped, "\\u%04x", c);
-      out += escaped;
-    } else {
-      out += static_cast<char>(c);
-    }
-  }
-  return out + "\"";
 }
 
 bool isNumbered(const char* name, const char* prefix) {
@@ -460,7 +247,8 @@ bool save(const std::string& dir, const std::string& savedBy, std::string* error
       break;
     }
     const std::string name = "pu" + std::to_string(p);
-    if (!saver.writeFile(cpuid.get(), name.c_str(), shown + "cpuid/" + name, dumpThisProcessor())) {
+    if (!saver.writeFile(cpuid.get(), name.c_str(), shown + "cpuid/" + name,
+                         dt::dumpThisProcessor())) {
       ok = false;
       break;
     }
@@ -469,33 +257,16 @@ bool save(const std::string& dir, const std::string& savedBy, std::string* error
   if (!ok) return false;
 
   const bool vmware = probeVmware();
-  char when[32];
-  const std::time_t now = std::time(nullptr);
-  std::tm utc;
-  gmtime_r(&now, &utc);
-  std::strftime(when, sizeof when, "%Y-%m-%dT%H:%M:%SZ", &utc);
-  const std::string metadata =
-      "{\n  \"format\": \"xrprocdetect-snapshot\",\n  \"version\": 1,\n"
-      "  \"configuredProcessors\": " +
-      std::to_string(sysconf(_SC_NPROCESSORS_CONF)) +
-      ",\n  \"onlineProcessors\": " + std::to_string(sysconf(_SC_NPROCESSORS_ONLN)) +
-      ",\n  \"affinity\": \"" + dt::formatProcessorList(affinity) +
-      "\",\n  \"vmwareBackdoor\": " + (vmware ? "true" : "false") +
-      ",\n  \"savedBy\": " + quoted(savedBy) + ",\n  \"savedAt\": \"" + when + "\"\n}\n";
-  return saver.writeFile(root.get(), "xrprocdetect.json", shown + "xrprocdetect.json", metadata);
+  dt::SnapshotMetadata metadata;
+  metadata.configured = sysconf(_SC_NPROCESSORS_CONF);
+  metadata.online = sysconf(_SC_NPROCESSORS_ONLN);
+  metadata.affinity = affinity;
+  metadata.vmwareBackdoor = vmware;
+  return saver.writeFile(root.get(), "xrprocdetect.json", shown + "xrprocdetect.json",
+                         dt::formatMetadata(metadata, savedBy));
 }
 
 }  // namespace
-
-bool xrLoadSnapshot(const std::string& dir, XrMachineSnapshot* snapshot,
-                    std::string* error) noexcept {
-  try {
-    return load(dir, snapshot, error);
-  } catch (const std::bad_alloc&) {
-    *error = dir + ": out of memory";
-    return false;
-  }
-}
 
 bool xrSaveSnapshot(const std::string& dir, const std::string& savedBy,
                     std::string* error) noexcept {

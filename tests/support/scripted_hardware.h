@@ -1,43 +1,62 @@
-// Scripted CPUID and VMware answers for the unit tests, linked in place of
-// the real instructions. Each test states the answers of the processor it
-// pretends to run on; every CPUID query is logged, so a test can also check
-// which leaves were asked for, and in what order.
+// Scripted CPUID, VMware backdoor and processor affinity for the unit tests,
+// linked in place of the real instructions and of the C library's affinity
+// calls (scripted_hardware.cpp): each test states the machine it pretends to
+// run on.
 #ifndef XRPROCDETECTOR_TESTS_SUPPORT_SCRIPTED_HARDWARE_H
 #define XRPROCDETECTOR_TESTS_SUPPORT_SCRIPTED_HARDWARE_H
 
-#include <cstdint>
-#include <string>
-#include <utility>
-#include <vector>
+#include <sched.h>
 
+#include <cstdint>
+#include <cstring>
+#include <map>
+
+#include "support/test_support.h"
 #include "xrprocdetector/internal/hardware.h"
 
 namespace scripted {
 
-using xrprocdetector::detail::CpuidRegisters;
-
-struct Answer {
-  std::uint32_t leaf;
-  std::uint32_t subleaf;
-  CpuidRegisters regs;
-};
-
-// Replaces the processor's answers and clears the query log. A (leaf,
-// sub-leaf) pair given twice fails the test: a script must say what it means.
-// Queries that the script does not answer return all zeros.
-void setCpuid(const std::vector<Answer>& answers);
-
-// Every CPUID query since the last setCpuid, as (leaf, sub-leaf).
-std::vector<std::pair<std::uint32_t, std::uint32_t>> cpuidLog();
-
-// Leaf 0 of a processor with the given highest leaf and 12-byte vendor string.
-Answer vendor(std::uint32_t maxLeaf, const std::string& name);
-
-// What the VMware backdoor port does: fault (SIGSEGV, as outside VMware),
-// answer with the magic (VMware), or answer with something else.
+using Registers = xrprocdetector::detail::CpuidRegisters;
+// What the VMware backdoor port does: fault with SIGSEGV (outside VMware),
+// answer with the magic (VMware), or answer something else.
 enum class Backdoor { kFault, kMagic, kOtherAnswer };
-void setBackdoor(Backdoor behaviour);
-int backdoorQueries();
+
+inline std::map<std::pair<std::uint32_t, std::uint32_t>, Registers> cpuid;  // by leaf, sub-leaf
+inline Backdoor backdoor;
+inline int cpuidQueries, backdoorQueries;
+inline cpu_set_t allowed, affinity;
+
+// The machine from now on: CPUID answers by (leaf, sub-leaf), all zeros for
+// any other query; the backdoor; and the processors that the thread may be
+// pinned to (a bit mask), which are also its affinity to begin with: a
+// pinning that names none of them is refused, as the kernel refuses it.
+// Resets the query counts and unblocks SIGSEGV.
+inline void setMachine(std::map<std::pair<std::uint32_t, std::uint32_t>, Registers> answers,
+                       Backdoor port = Backdoor::kFault, std::uint32_t processors = 0xF) {
+  cpuid = std::move(answers);
+  backdoor = port;
+  cpuidQueries = backdoorQueries = 0;
+  CPU_ZERO(&allowed);
+  for (int cpu = 0; cpu < 32; ++cpu)
+    if (processors >> cpu & 1) CPU_SET(cpu, &allowed);
+  affinity = allowed;
+  testsupport::unblockSegv();
+}
+
+// Leaf 0's registers: the highest leaf and the 12-letter vendor name.
+inline Registers vendor(std::uint32_t maxLeaf, const char* name) {
+  std::uint32_t words[3];
+  std::memcpy(words, name, sizeof words);
+  return {maxLeaf, words[0], words[2], words[1]};
+}
+
+// The thread's affinity, e.g. "0 1 2 3".
+inline std::string affinityText() {
+  std::string cpus;
+  for (int cpu = 0; cpu < CPU_SETSIZE; ++cpu)
+    if (CPU_ISSET(cpu, &affinity)) cpus += (cpus.empty() ? "" : " ") + std::to_string(cpu);
+  return cpus;
+}
 
 }  // namespace scripted
 

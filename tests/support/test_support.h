@@ -1,74 +1,107 @@
-// Helpers shared by the test programs: capturing what a detector writes,
-// finding fixtures, and running a detection in a child process.
+// What the test programs share: Google Test, the files of tests/data, a
+// detector of each generation, its counts, and a capture of what a detector
+// writes.
 #ifndef XRPROCDETECTOR_TESTS_SUPPORT_TEST_SUPPORT_H
 #define XRPROCDETECTOR_TESTS_SUPPORT_TEST_SUPPORT_H
 
 #include <gtest/gtest.h>
-#include <sched.h>
+#include <signal.h>
+#include <unistd.h>
 
-#include <cstdio>
-#include <functional>
-#include <string>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <memory>
+#include <regex>
+
+#include "xrprocdetector/xrprocdetector_legacy_53.h"
+#include "xrprocdetector/xrprocdetector_legacy_6x.h"
+#include "xrprocdetector/xrprocdetector_linux32.h"
+#include "xrprocdetector/xrprocdetector_linux32_70.h"
+#include "xrprocdetector/xrprocdetector_source.h"
 
 namespace testsupport {
 
-// The path of a fixture in tests/data.
-std::string fixture(const std::string& name);
-// The bytes of a file.
-std::string readFile(const std::string& path);
+// The path of tests/data/NAME.
+inline std::string fixture(const std::string& name) {
+  return XRPROCDETECTOR_TEST_DATA "/" + name;
+}
 
-// Captures standard output and a debug stream of its own while it lives.
-// Both are unbuffered and write into one log, so the order in which a
-// detector wrote to them is kept: log() reads "out:" and "stream:" runs.
-class OutputCapture {
- public:
-  OutputCapture();
-  ~OutputCapture();
-  OutputCapture(const OutputCapture&) = delete;
-  OutputCapture& operator=(const OutputCapture&) = delete;
+// The bytes of a file ("" when it cannot be read).
+inline std::string readFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(in), {}};
+}
 
-  FILE* stream() const { return stream_; }
-  // What went to standard output, and what went to the stream.
-  const std::string& out() const { return out_; }
-  const std::string& streamText() const { return stream_text_; }
-  // Both, in the order written: e.g. "out:A|stream:A|".
-  const std::string& log() const { return log_; }
+// tests/data/expected/NAME.txt without its lines that start with "#", and
+// with @CONF@ and @ONLN@ replaced by this machine's configured and online
+// processor counts.
+inline std::string expected(const std::string& name) {
+  const std::string conf = std::to_string(sysconf(_SC_NPROCESSORS_CONF));
+  const std::string online = std::to_string(sysconf(_SC_NPROCESSORS_ONLN));
+  std::string text = "\n" + readFile(fixture("expected/" + name + ".txt"));
+  text = std::regex_replace(text, std::regex("\n#[^\n]*(?=\n)"), "").substr(1);
+  text = std::regex_replace(text, std::regex("@CONF@"), conf);
+  return std::regex_replace(text, std::regex("@ONLN@"), online);
+}
 
- private:
-  static ssize_t writeOut(void* self, const char* data, size_t size);
-  static ssize_t writeStream(void* self, const char* data, size_t size);
-  void append(const char* tag, std::string* text, const char* data, size_t size);
+template <class Detector>
+std::unique_ptr<XrProcDetector> make(tz_debuglevel level, FILE* stream, __tz_procInfoIndex index) {
+  if (index == tzProcInfo71) return std::make_unique<Detector>(level, 0, stream, nullptr);
+  return std::make_unique<Detector>(level, 0, index, stream, nullptr);
+}
 
-  FILE* saved_stdout_;
-  FILE* out_file_;
-  FILE* stream_;
-  std::string out_;
-  std::string stream_text_;
-  std::string log_;
-  const char* last_tag_ = nullptr;
+// A detector of `generation` ("5.3", "6.0", "6.1", "7.0" or "default"), made
+// with constructor A when `index` is 4 (its default), with constructor B
+// otherwise; 6.0 always gets index 1.
+inline std::unique_ptr<XrProcDetector> makeDetector(const std::string& generation,
+                                                    tz_debuglevel level, FILE* stream,
+                                                    __tz_procInfoIndex index = tzProcInfo71) {
+  if (generation == "5.3") return make<XrProcDetectorLegacy_53>(level, stream, index);
+  if (generation[0] == '6')
+    return make<XrProcDetectorLegacy_6x>(level, stream, generation == "6.0" ? tzProcInfo60 : index);
+  if (generation == "7.0") return make<XrProcDetectorLinux32_70>(level, stream, index);
+  return make<XrProcDetectorLinux32>(level, stream, index);
+}
+
+// "logical physical cores".
+inline std::string counts(const XrProcDetector& d) {
+  return std::to_string(d.logicalCount) + " " + std::to_string(d.physicalCount) + " " +
+         std::to_string(d.coreCount);
+}
+
+// Unblocks SIGSEGV in the calling thread, as a VMware probe that faulted
+// leaves it blocked by design.
+inline void unblockSegv() {
+  sigset_t segv;
+  sigemptyset(&segv);
+  sigaddset(&segv, SIGSEGV);
+  pthread_sigmask(SIG_UNBLOCK, &segv, nullptr);
+}
+
+// While it lives, each write to standard output or to stream() is kept in
+// `log` as "out:TEXT|" or "stream:TEXT|", in the order written, and what
+// goes to stream() also in `text`. Both are unbuffered.
+struct OutputCapture {
+  OutputCapture() { std::fflush(stdout), active = this, stdout = open("out:"); }
+  ~OutputCapture() { std::fclose(stdout), stdout = saved, std::fclose(debug); }
+  FILE* stream() const { return debug; }
+
+  static FILE* open(const char* tag) {
+    auto write = [](void* tag, const char* data, size_t size) -> ssize_t {
+      if (*static_cast<char*>(tag) == 's') active->text.append(data, size);
+      active->log.append(static_cast<char*>(tag)).append(data, size).append("|");
+      return static_cast<ssize_t>(size);
+    };
+    FILE* f = fopencookie(const_cast<char*>(tag), "w", {nullptr, write, nullptr, nullptr});
+    std::setvbuf(f, nullptr, _IONBF, 0);
+    return f;
+  }
+  inline static OutputCapture* active;
+  std::string text, log;
+  FILE* saved = stdout;
+  FILE* debug = open("stream:");
 };
-
-// Unblocks SIGSEGV in the calling thread, as a test must after a VMware
-// probe that faulted (the probe leaves it blocked by design).
-void unblockSegv();
-
-// A test that may leave the thread pinned (the CPUID search does when it
-// fails, by design) or SIGSEGV blocked (a faulted VMware probe does): the
-// thread gets its affinity back and SIGSEGV unblocked after each test.
-class ThreadStateTest : public ::testing::Test {
- protected:
-  void SetUp() override;
-  void TearDown() override;
-  // Whether the thread's affinity is the one it had before the test.
-  bool affinityIsSaved() const;
-  cpu_set_t saved_;
-};
-
-// Runs `body` in a child process; the child's exit status comes back. Used
-// where a test changes process-wide state (mounts, signal masks) or may not
-// return. When the child has not finished after `seconds`, it is killed and
-// -1 is returned.
-int runInChild(const std::function<int()>& body, double seconds = 20.0);
 
 }  // namespace testsupport
 

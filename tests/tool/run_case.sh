@@ -1,38 +1,21 @@
 #!/bin/sh
-# Runs xrprocdetect from tests/data and compares what it did with what is
-# expected: its exit status, its standard output with expected/NAME.out, and
-# its standard error with expected/NAME.err (empty when there is no such
-# file).
+# run_case.sh TOOL DATA_DIR EXPECTED_DIR NAME STATUS STDIN [ARGS...]
 #
-#   run_case.sh TOOL DATA_DIR EXPECTED_DIR NAME STATUS STDIN [ARGS...]
-#
-# STDIN is a file of DATA_DIR to read as standard input, or - for none.
+# Runs xrprocdetect ARGS in DATA_DIR, with the file STDIN there as standard
+# input (- for none), and checks its exit status, its standard output against
+# EXPECTED_DIR/NAME.out and its standard error against NAME.err (empty
+# when there is none).
 set -u
-tool=$1 data=$2 expected=$3 name=$4 status=$5 input=$6
+tool=$1 expected=$3/$4 status=$5 input=$6
+cd "$2" || exit 1
 shift 6
+[ "$input" = - ] && input=/dev/null
+[ -f "$expected.err" ] && want_err=$expected.err || want_err=/dev/null
 out=$(mktemp) err=$(mktemp)
 trap 'rm -f "$out" "$err"' EXIT
-cd "$data" || exit 1
-if [ "$input" = - ]; then
-  "$tool" "$@" >"$out" 2>"$err" </dev/null
-else
-  "$tool" "$@" >"$out" 2>"$err" <"$input"
-fi
-got=$?
-failed=0
-if [ "$got" != "$status" ]; then
-  echo "exit status $got, expected $status"
-  failed=1
-fi
-if ! diff -u "$expected/$name.out" "$out"; then
-  echo "standard output differs from $name.out (above)"
-  failed=1
-fi
-if [ -f "$expected/$name.err" ]; then
-  diff -u "$expected/$name.err" "$err" || { echo "standard error differs from $name.err"; failed=1; }
-elif [ -s "$err" ]; then
-  echo "unexpected standard error:"
-  cat "$err"
-  failed=1
-fi
+"$tool" "$@" <"$input" >"$out" 2>"$err"
+got=$? failed=0
+[ "$got" = "$status" ] || { echo "exit status $got, expected $status"; failed=1; }
+diff -u "$expected.out" "$out" || failed=1
+diff -u "$want_err" "$err" || failed=1
 exit $failed

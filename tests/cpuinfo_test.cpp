@@ -1,0 +1,68 @@
+// The /proc/cpuinfo scans: the operations of the logical processor table,
+// and each generation's counts on every fixture of tests/data.
+
+#include <set>
+
+#include "support/test_support.h"
+
+TEST(LogicalTable, RecordsByProcessorAndPackageCoresFromTheFirstRecord) {
+  auto t = std::make_unique<xrLogicalTable>();
+  // Processor, core id, cpu cores and physical id of each block. Processor 2
+  // comes twice again: it keeps one record, which gathers core ids 0 and 1
+  // and moves to package c, leaving package b with no record. Package a
+  // counts its first record's 6 cores. Past 32 bits, cpu cores count the
+  // value of strtol, clamped to the range of long, narrowed.
+  // clang-format off
+  const char* blocks[][4] = {
+      {"0", "0", "6", "a"}, {"1", "0", "8", "a"}, {"2", "0", "5", "b"}, {"2", "1", "x", "c"},
+      {"2", "0", "x", "c"}, {"3", "0", "4abc", "d"}, {"4", "0", "-2", "e"}, {"5", "0", "+3", "f"},
+      {"6", "0", " 7", "g"}, {"7", "0", "0x10", "h"}, {"8", "0", "cores", "i"},
+      {"9", "0", "4294967297", "j"}, {"10", "0", "99999999999999999999", "k"},
+      {"11", "0", "-99999999999999999999", "l"}, {"12", "0", "2147483647", "m"},
+      {"13", "0", "2147483647", "n"}};
+  // clang-format on
+  for (const auto& b : blocks) {
+    t->findOrAddProcessor(b[0]);
+    t->addCoreId(b[1]);
+    t->setCpuCores(b[2]);
+    t->findOrAddPackage(b[3]);
+  }
+  const xrLogicalData& two = t->records[2];
+  EXPECT_EQ(std::to_string(t->logical) + " " + std::to_string(two.coreIdCount), "14 2");
+  EXPECT_EQ(two.coreIds[0] + two.coreIds[1] + two.coreIds[2], "01x");
+  t->derivePackageCores();
+  std::string cores;
+  for (int i = 0; i < t->packageCount; ++i)
+    cores += std::to_string(t->packages[i].cores) + " ";
+  EXPECT_EQ(cores, "6 0 0 4 -2 3 7 0 0 1 -1 0 2147483647 2147483647 ");
+  EXPECT_EQ(t->totalCores(), 16);  // 18 + 2^32 - 2, in 32 bits
+}
+
+// One generation's scan of a fixture: 6.0 and 6.1 alone, before the 6.x
+// frame raises zero counts to 1; 7.0 and the default detector through
+// platformProcInfo.
+static std::string scan(const std::string& generation, const std::string& file) {
+  const XrCpuinfoRedirect redirect(XrCpuinfoRedirect::kText, testsupport::readFile(file));
+  auto d = testsupport::makeDetector(generation, tzDebugNone, nullptr);
+  if (generation[0] == '6') {
+    auto& sixX = static_cast<XrProcDetectorLegacy_6x&>(*d);
+    generation == "6.0" ? sixX.LinuxProcInfo60() : sixX.LinuxProcInfo61();
+    return testsupport::counts(*d);
+  }
+  const int result = d->platformProcInfo();
+  return testsupport::counts(*d) + (result == 0 ? "" : " (" + std::to_string(result) + ")");
+}
+
+TEST(Scan, EachGenerationOnEachFixture) {
+  const std::set<std::filesystem::path> files(
+      std::filesystem::directory_iterator(testsupport::fixture("")), {});
+  std::string table;  // tests/data/expected/scans.txt
+  for (const auto& file : files) {
+    if (file.extension() != ".cpuinfo") continue;
+    std::string row;
+    for (const char* generation : {"6.0", "6.1", "7.0", "default"})
+      row += " | " + scan(generation, file);
+    table += file.stem().string() + ":" + row.substr(2) + "\n";
+  }
+  EXPECT_EQ(table, testsupport::expected("scans"));
+}

@@ -25,8 +25,13 @@ def fail(args, why):
     failures.append("xrprocdetect %s: %s" % (" ".join(args), why))
 
 
+KERNEL_KEYS = ["packages", "cores", "logicalProcessors", "smt", "virtualMachine"]
+
+
 def check_row(args, row, summary):
-    keys = KEYS + (["summary"] if summary else [])
+    # A live row has the kernel's topology beside it; a saved /proc/cpuinfo not.
+    kernel = ["kernel", "agreesWithKernel"] if row.get("source") == "live" else []
+    keys = KEYS + kernel + (["summary"] if summary else [])
     if list(row) != keys:
         return fail(args, "keys %s" % list(row))
     if row["schemaVersion"] != 1 or row["generation"] not in GENERATIONS:
@@ -39,6 +44,11 @@ def check_row(args, row, summary):
                 fail(args, "%s is %r, not a number" % (key, value))
         elif value is not None:
             fail(args, "%s is %r in a row that was not counted" % (key, value))
+    for key in kernel:
+        if list(row[key]) != KERNEL_KEYS:
+            fail(args, "%s keys %s" % (key, list(row[key])))
+    if kernel and row["kernel"]["smt"] not in ("on", "off", "notsupported", None):
+        fail(args, "kernel smt %r" % row["kernel"]["smt"])
     if not row["counted"] and not row["note"]:
         fail(args, "a row that was not counted says nothing of why")
     if row["source"] == "live" and (row["file"] is not None or not row["counted"]):

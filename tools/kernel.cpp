@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <iterator>
 #include <map>
 #include <set>
 #include <tuple>
@@ -101,19 +102,22 @@ bool readNumber(int dir, const char* path, long* value) {
 }
 
 // The online processors sharing a core with `cpu` (itself included), by
-// the first of the kernel's sibling files that is there.
-bool coreSiblings(int dir, unsigned cpu, std::vector<unsigned>* out) {
-  static const char* const kLists[] = {"core_cpus_list", "thread_siblings_list"};
-  static const char* const kMasks[] = {"core_cpus", "thread_siblings"};
+// the first of the kernel's sibling files that is there. *first is where to
+// start looking: the kind that the previous processor had, as a machine's
+// processors all have the same files.
+bool coreSiblings(int dir, unsigned cpu, std::size_t* first, std::vector<unsigned>* out) {
+  // Lists, then the masks of older kernels.
+  static const char* const kFiles[] = {"core_cpus_list", "thread_siblings_list", "core_cpus",
+                                       "thread_siblings"};
+  constexpr std::size_t kCount = std::size(kFiles);
   char path[96];
   std::string text;
-  for (const char* name : kLists) {
-    std::snprintf(path, sizeof path, "sys/devices/system/cpu/cpu%u/topology/%s", cpu, name);
-    if (readSmall(dir, path, &text)) return parseList(text, out);
-  }
-  for (const char* name : kMasks) {
-    std::snprintf(path, sizeof path, "sys/devices/system/cpu/cpu%u/topology/%s", cpu, name);
-    if (readSmall(dir, path, &text)) return parseMask(text, out);
+  for (std::size_t i = 0; i < kCount; ++i) {
+    const std::size_t kind = (*first + i) % kCount;
+    std::snprintf(path, sizeof path, "sys/devices/system/cpu/cpu%u/topology/%s", cpu, kFiles[kind]);
+    if (!readSmall(dir, path, &text)) continue;
+    *first = kind;
+    return kind < 2 ? parseList(text, out) : parseMask(text, out);
   }
   return false;
 }
@@ -132,6 +136,7 @@ void countTopology(int dir, const std::vector<unsigned>& online, KernelTopology*
   bool coresKnown = true;
   char path[96];
   std::vector<unsigned> siblings;
+  std::size_t kind = 0;
   for (const unsigned c : online) {
     long package = 0;
     std::snprintf(path, sizeof path, "sys/devices/system/cpu/cpu%u/topology/physical_package_id",
@@ -140,7 +145,7 @@ void countTopology(int dir, const std::vector<unsigned>& online, KernelTopology*
     if (havePackage) packages.insert(package);
     packagesKnown = packagesKnown && havePackage;
     if (coreOf[c] >= 0 || !coresKnown) continue;
-    if (coreSiblings(dir, c, &siblings)) {
+    if (coreSiblings(dir, c, &kind, &siblings)) {
       // Each sibling that is online belongs to this core; their own files
       // need not be read.
       const int core = static_cast<int>(threads.size());

@@ -38,11 +38,11 @@ void Tally::add(const std::string& input, const std::vector<Row>& rows,
 std::string Tally::text() const {
   std::string out = "Agreement with the kernel over " + std::to_string(inputs_) + " input" +
                     (inputs_ == 1 ? "" : "s") +
-                    " (agree/differ/not compared; a field the kernel or the generation\n"
-                    "does not give is not compared)";
+                    ", as agree/differ/not compared (a field that the kernel\n"
+                    "or the generation does not give is not compared).\n";
   if (failed_ > 0)
-    out += "; " + std::to_string(failed_) + " more could not be read (see standard error)";
-  out += ":\n\n";
+    out += std::to_string(failed_) + " more could not be read (see standard error).\n";
+  out += "\n";
   std::vector<std::vector<std::string>> cells(
       1, std::vector<std::string>(std::begin(kHeader), std::end(kHeader)));
   for (const Line& line : lines_) {

@@ -2,6 +2,7 @@
 
 #include <getopt.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <limits>
@@ -21,6 +22,9 @@ enum : int {
   kVersionIndex,
   kSave,
   kSnapshot,
+  kCheck,
+  kTally,
+  kJsonLines,
 };
 
 const option kLongOptions[] = {
@@ -34,6 +38,9 @@ const option kLongOptions[] = {
     {"version-index", required_argument, nullptr, kVersionIndex},
     {"save", required_argument, nullptr, kSave},
     {"snapshot", required_argument, nullptr, kSnapshot},
+    {"check", no_argument, nullptr, kCheck},
+    {"tally", no_argument, nullptr, kTally},
+    {"json-lines", no_argument, nullptr, kJsonLines},
     {"help", no_argument, nullptr, 'h'},
     {"version", no_argument, nullptr, 'V'},
     {nullptr, 0, nullptr, 0},
@@ -115,7 +122,7 @@ Parsed parseOptions(int argc, char** argv) {
           parsed.error = "--cpuinfo needs a file name (or - for standard input)";
           return parsed;
         }
-        o.cpuinfo = optarg;
+        o.cpuinfo.push_back(optarg);
         break;
       case kSave:
       case kSnapshot:
@@ -123,7 +130,20 @@ Parsed parseOptions(int argc, char** argv) {
           parsed.error = std::string(c == kSave ? "--save" : "--snapshot") + " needs a directory";
           return parsed;
         }
-        (c == kSave ? o.save : o.snapshot) = optarg;
+        if (c == kSave) {
+          o.save = optarg;
+        } else {
+          o.snapshot.push_back(optarg);
+        }
+        break;
+      case kCheck:
+        o.check = true;
+        break;
+      case kTally:
+        o.tally = true;
+        break;
+      case kJsonLines:
+        o.json = o.jsonLines = true;
         break;
       case kEcho:
         o.echo = true;
@@ -156,6 +176,12 @@ Parsed parseOptions(int argc, char** argv) {
     }
   }
   if (o.help || o.version) return parsed;
+  // Operands are more inputs of the kind --cpuinfo or --snapshot named.
+  std::vector<std::string>* more = !o.cpuinfo.empty()    ? &o.cpuinfo
+                                   : !o.snapshot.empty() ? &o.snapshot
+                                                         : nullptr;
+  for (; more != nullptr && optind < argc; ++optind)
+    more->push_back(argv[optind]);
   if (optind < argc) {
     parsed.error = "unexpected argument '" + std::string(argv[optind]) + "'";
     if (wholeNumber(argv[optind]))
@@ -163,12 +189,27 @@ Parsed parseOptions(int argc, char** argv) {
     return parsed;
   }
   if (o.save && (o.all || algorithmGiven || o.versionIndex || o.debugLevel || o.echo || o.summary ||
-                 o.json || o.cpuinfo || o.snapshot)) {
+                 o.json || !o.cpuinfo.empty() || !o.snapshot.empty() || o.check || o.tally)) {
     parsed.error = "--save saves a snapshot and runs no detector; give it alone";
     return parsed;
   }
-  if (o.snapshot && o.cpuinfo) {
-    parsed.error = "--snapshot and --cpuinfo each name the input; give one";
+  if (!o.snapshot.empty() && !o.cpuinfo.empty()) {
+    parsed.error = "--snapshot and --cpuinfo each name the inputs; give one";
+    return parsed;
+  }
+  if (std::count(o.cpuinfo.begin(), o.cpuinfo.end(), "-") > 1) {
+    parsed.error = "standard input (-) can be read once only";
+    return parsed;
+  }
+  if ((o.check || o.tally) && !o.cpuinfo.empty()) {
+    parsed.error = std::string(o.check ? "--check" : "--tally") +
+                   " compares with the kernel's topology, which a saved /proc/cpuinfo does not "
+                   "hold; use --snapshot";
+    return parsed;
+  }
+  if (o.tally && (o.json || o.summary)) {
+    parsed.error = std::string("--tally prints only the tally; leave out ") +
+                   (o.json ? "-J (each JSON row carries agreesWithKernel)" : "--summary");
     return parsed;
   }
   if (o.echo && o.json) {
@@ -196,7 +237,7 @@ Parsed parseOptions(int argc, char** argv) {
 }
 
 std::string usageText() {
-  return R"(Usage: xrprocdetect [OPTION]...
+  return R"(Usage: xrprocdetect [OPTION]... [--cpuinfo FILE... | --snapshot DIR...]
 Count the processor packages, cores and logical processors of this machine
 (or of a saved /proc/cpuinfo or snapshot) with one or every detector
 generation, or save a snapshot of this machine.
@@ -208,10 +249,21 @@ generation, or save a snapshot of this machine.
                           machine (- reads standard input); generations that
                           would go on to CPUID or to the operating system's
                           counts say so instead of giving numbers
-      --snapshot DIR      run on the snapshot in DIR instead of this machine:
-                          every generation sees its /proc/cpuinfo, processor
-                          counts, affinity, CPUID answers and VMware answer;
-                          rows that need a part DIR lacks say so
+      --snapshot DIR      run on the snapshot (or system root) in DIR instead
+                          of this machine: every generation sees its
+                          /proc/cpuinfo, processor counts, affinity, CPUID
+                          answers and VMware answer; rows that need a part
+                          DIR lacks say so
+                          Both may be repeated, and the operands after them
+                          are more inputs of the same kind: --snapshot a b c
+      --check             exit with status 3 when a selected generation's
+                          packages, cores or logical processors differ from
+                          the kernel's (live or on snapshots)
+      --tally             print, per generation and field, how many inputs
+                          agree with the kernel and which do not, instead of
+                          each input's report
+      --json-lines        JSON Lines: one object a line for each input and
+                          generation (what -J writes for several inputs)
       --save DIR          save a snapshot of this machine into DIR (new or
                           empty) and exit; give it alone
       --version-index N   the version index (0 to 6) given to the detectors'
@@ -224,12 +276,18 @@ generation, or save a snapshot of this machine.
                           standard output instead (at LEVEL, or 1)
       --summary           also call printSummary after detection and show
                           what it writes
-  -J, --json              print JSON: one object, or with --all an array
+  -J, --json              print JSON: one object, or with --all an array;
+                          JSON Lines for several inputs
   -h, --help              print this help and exit
   -V, --version           print the version and exit
 
+Each report of a live run or a snapshot shows the kernel's own topology
+(/sys/devices/system/cpu) beside the generations, and marks what differs.
+
 Exit status: 0 on success, 1 when a detector's getProcData is negative,
-2 on a usage error, an unreadable input or snapshot, or a failed save.
+2 on a usage error, an unreadable input or snapshot (the others are still
+run), or a failed save, 3 with --check when a count differs from the
+kernel's.
 )";
 }
 

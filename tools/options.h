@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace xrprocdetect {
 
@@ -19,11 +20,15 @@ struct Options {
   bool echo = false;     // --echo: the detectors' echo switch instead
   bool summary = false;  // --summary: printSummary after detection
   bool json = false;     // -J/--json
-  // --cpuinfo FILE: count a saved /proc/cpuinfo ("-": standard input).
-  std::optional<std::string> cpuinfo;
-  // --snapshot DIR: run on a saved snapshot; --save DIR: save one.
-  std::optional<std::string> snapshot;
-  std::optional<std::string> save;
+  // --cpuinfo FILE: count saved /proc/cpuinfo texts ("-": standard input);
+  // --snapshot DIR: run on saved snapshots. Each option may be repeated,
+  // and the operands are more inputs of the kind given.
+  std::vector<std::string> cpuinfo;
+  std::vector<std::string> snapshot;
+  std::optional<std::string> save;  // --save DIR: save a snapshot
+  bool check = false;               // --check: exit status 3 when a count differs from the kernel's
+  bool tally = false;               // --tally: agreement with the kernel over all inputs
+  bool jsonLines = false;           // --json-lines, or -J with several inputs
   bool help = false;
   bool version = false;
 };

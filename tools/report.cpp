@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <optional>
 
 namespace xrprocdetect {
 
@@ -87,6 +88,53 @@ std::string generationWords(const Row& row) {
          std::to_string(row.procInfoIndex) + ")";
 }
 
+// The kernel's states in the words of the generations' columns.
+std::string kernelSmtWords(const std::optional<Smt>& smt) {
+  if (!smt) return "not available";
+  return *smt == Smt::kOn ? "enabled" : *smt == Smt::kOff ? "disabled" : "not capable";
+}
+
+std::string kernelVmWords(const std::optional<Vm>& vm) {
+  if (!vm) return "not available";
+  return *vm == Vm::kVmware ? "VMware" : *vm == Vm::kOther ? "another hypervisor" : "none";
+}
+
+std::string countWords(const std::optional<std::int32_t>& n) {
+  return n ? std::to_string(*n) : "not available";
+}
+
+// "yes", or "no: ..." naming each field that differs, with what the row and
+// the kernel say; then the fields that could not be compared.
+std::string agreementWords(const Row& row, const KernelTopology& k) {
+  if (!row.counted) return "not compared: the generation did not count";
+  const Agreement a = compareWithKernel(row, k);
+  std::string differ;
+  std::string unknown;
+  const auto note = [&](Same same, const char* field, const std::string& mine,
+                        const std::string& theirs) {
+    if (same == Same::kUnknown) {
+      unknown += (unknown.empty() ? "" : ", ") + std::string(field);
+    } else if (same == Same::kNo) {
+      differ += (differ.empty() ? "" : ", ") + std::string(field) + " " + mine + " (kernel " +
+                theirs + ")";
+    }
+  };
+  note(a.packages, "packages", std::to_string(row.physicalCount), countWords(k.packages));
+  note(a.cores, "cores", std::to_string(row.coreCount), countWords(k.cores));
+  note(a.logical, "logical processors", std::to_string(row.logicalCount), countWords(k.logical));
+  note(a.smt, "hyper-threading", kernelSmtWords(smtOf(row)), kernelSmtWords(k.smt));
+  note(a.vm, "virtual machine", kernelVmWords(vmOf(row)), kernelVmWords(k.vm));
+  const bool none = a.packages == Same::kUnknown && a.cores == Same::kUnknown &&
+                    a.logical == Same::kUnknown && a.smt == Same::kUnknown &&
+                    a.vm == Same::kUnknown;
+  if (none) return "not compared: the kernel row has none of the row's fields";
+  std::string out = !differ.empty()   ? "no: " + differ
+                    : unknown.empty() ? "yes"
+                                      : "yes, where compared";
+  if (!unknown.empty()) out += "; not compared: " + unknown;
+  return out;
+}
+
 // ---------------------------------------------------------------------------
 // JSON
 
@@ -119,21 +167,58 @@ std::string quoted(const std::string& text) {
   return out + "\"";
 }
 
+// An object, pretty-printed at `indent`, or on one line when `indent` < 0.
 class JsonObject {
  public:
-  explicit JsonObject(int indent) : pad_(static_cast<std::size_t>(indent), ' ') {}
+  explicit JsonObject(int indent)
+      : compact_(indent < 0), pad_(compact_ ? 0 : static_cast<std::size_t>(indent), ' ') {}
   void add(const char* key, const std::string& rawValue) {
-    text_ += (text_.empty() ? "" : ",\n") + pad_ + "  \"" + key + "\": " + rawValue;
+    if (!text_.empty()) text_ += compact_ ? ", " : ",\n";
+    text_ += (compact_ ? "\"" : pad_ + "  \"") + key + "\": " + rawValue;
   }
   void number(const char* key, long long value) { add(key, std::to_string(value)); }
   void string(const char* key, const std::string& value) { add(key, quoted(value)); }
   void null(const char* key) { add(key, "null"); }
-  std::string done() const { return pad_ + "{\n" + text_ + "\n" + pad_ + "}"; }
+  template <class T, class Show>
+  void maybe(const char* key, const std::optional<T>& value, Show show) {
+    add(key, value ? show(*value) : "null");
+  }
+  // The object; `inner` leaves out the padding before its opening brace.
+  std::string done(bool inner = false) const {
+    if (compact_) return "{" + text_ + "}";
+    return (inner ? "" : pad_) + "{\n" + text_ + "\n" + pad_ + "}";
+  }
 
  private:
+  bool compact_;
   std::string pad_;
   std::string text_;
 };
+
+// The kernel row and the row's agreement with it, as two keys of `o`.
+void addKernel(JsonObject& o, const Row& row, const KernelTopology& k, int indent) {
+  const int inner = indent < 0 ? -1 : indent + 2;
+  const auto number = [](std::int32_t v) { return std::to_string(v); };
+  const auto word = [](const char* w) { return quoted(w); };
+  JsonObject kernel(inner);
+  kernel.maybe("packages", k.packages, number);
+  kernel.maybe("cores", k.cores, number);
+  kernel.maybe("logicalProcessors", k.logical, number);
+  kernel.maybe("smt", k.smt, [&](Smt v) { return word(smtKey(v)); });
+  kernel.maybe("virtualMachine", k.vm, [&](Vm v) { return word(vmKey(v)); });
+  o.add("kernel", kernel.done(true));
+  const Agreement a = compareWithKernel(row, k);
+  const auto boolean = [](Same v) {
+    return std::string(v == Same::kYes ? "true" : v == Same::kNo ? "false" : "null");
+  };
+  JsonObject agrees(inner);
+  agrees.add("packages", boolean(a.packages));
+  agrees.add("cores", boolean(a.cores));
+  agrees.add("logicalProcessors", boolean(a.logical));
+  agrees.add("smt", boolean(a.smt));
+  agrees.add("virtualMachine", boolean(a.vm));
+  o.add("agreesWithKernel", agrees.done(true));
+}
 
 std::string jsonRow(const Row& row, const Source& source, int indent, bool withSummary) {
   JsonObject o(indent);
@@ -177,6 +262,7 @@ std::string jsonRow(const Row& row, const Source& source, int indent, bool withS
   } else {
     o.string("note", row.note);
   }
+  if (source.kernel) addKernel(o, row, *source.kernel, indent);
   if (withSummary) {
     if (row.counted) {
       o.string("summary", row.summary);
@@ -189,10 +275,30 @@ std::string jsonRow(const Row& row, const Source& source, int indent, bool withS
 
 }  // namespace
 
+// The kernel row and whether `row` agrees with it, for a report.
+std::string kernelLines(const Row& row, const Source& source) {
+  std::string out;
+  if (const auto& k = source.kernel) {
+    if (!k->packages && !k->cores && !k->logical && !k->smt && !k->vm) {
+      out += line("Kernel", "not available" + (k->missing.empty() ? "" : ": " + k->missing));
+    } else {
+      out += line("Kernel",
+                  "packages " + countWords(k->packages) + ", cores " + countWords(k->cores) +
+                      ", logical processors " + countWords(k->logical) + ", hyper-threading " +
+                      kernelSmtWords(k->smt) + ", virtual machine " + kernelVmWords(k->vm));
+    }
+    out += line("Agrees with kernel", agreementWords(row, *k));
+  }
+  return out;
+}
+
 std::string humanReport(const Row& row, const Source& source) {
   std::string out = line("Generation", generationWords(row));
   out += line("Counted from", sourceWords(source));
-  if (!row.counted) return out + line("Not counted", row.note);
+  if (!row.counted) {
+    out += line("Not counted", row.note);
+    return out + kernelLines(row, source);
+  }
   out += line("Packages", std::to_string(row.physicalCount));
   out += line("Cores", std::to_string(row.coreCount));
   out += line("Logical processors", std::to_string(row.logicalCount));
@@ -207,6 +313,7 @@ std::string humanReport(const Row& row, const Source& source) {
               std::string(vmWords(row)) + " (vmState " + std::to_string(row.vmState) + ")");
   if (row.endedBy != Strategy::kNone) out += line("Ended by", strategyWords(row.endedBy));
   out += line("getProcData", std::to_string(row.result));
+  out += kernelLines(row, source);
   return out;
 }
 
@@ -218,12 +325,34 @@ std::string table(const std::vector<Row>& rows, const Source& source) {
   const bool rightAligned[] = {false, true, true, true, false, false, true, false};
   std::vector<std::vector<std::string>> cells = {header};
   bool anyNotStored = false;
+  bool anyMarked = false;
+  const std::optional<KernelTopology>& k = source.kernel;
   for (const Row& row : rows) {
+    const Agreement a = k ? compareWithKernel(row, *k) : Agreement();
+    // A field that differs from the kernel's is marked; with a kernel row,
+    // the other numbers keep a blank in the mark's place.
+    const auto mark = [&](Same same) {
+      anyMarked = anyMarked || same == Same::kNo;
+      return same == Same::kNo ? "*" : k && row.counted ? " " : "";
+    };
     auto number = [&row](long long v) { return row.counted ? std::to_string(v) : "-"; };
-    cells.push_back({row.generation->name, number(row.physicalCount), number(row.coreCount),
-                     number(row.logicalCount), hyperThreadingColumn(row),
-                     row.counted ? vmWords(row) : "-", number(row.result), noteColumn(row)});
+    std::string ht = hyperThreadingColumn(row);
+    std::string vm = row.counted ? vmWords(row) : "-";
+    if (a.smt == Same::kNo) ht += mark(a.smt);
+    if (a.vm == Same::kNo) vm += mark(a.vm);
+    cells.push_back({row.generation->name, number(row.physicalCount) + mark(a.packages),
+                     number(row.coreCount) + mark(a.cores),
+                     number(row.logicalCount) + mark(a.logical), ht, vm, number(row.result),
+                     noteColumn(row)});
     anyNotStored = anyNotStored || (row.counted && verdictNotStored(row));
+  }
+  if (k) {
+    const auto count = [](const std::optional<std::int32_t>& n) {
+      return n ? std::to_string(*n) + " " : "-";
+    };
+    cells.push_back({"kernel", count(k->packages), count(k->cores), count(k->logical),
+                     kernelSmtWords(k->smt), kernelVmWords(k->vm), "-",
+                     k->missing.empty() ? "" : "not available: " + k->missing});
   }
   std::vector<std::size_t> width(header.size(), 0);
   for (const auto& r : cells) {
@@ -240,6 +369,8 @@ std::string table(const std::vector<Row>& rows, const Source& source) {
     text.erase(text.find_last_not_of(' ') + 1);
     out += text + "\n";
   }
+  if (anyMarked)
+    out += "\n*: differs from the kernel row, the machine's topology as the kernel gives it.\n";
   if (anyNotStored)
     out +=
         "\n(not stored): the generation's report states this verdict, but it leaves "
@@ -257,8 +388,14 @@ std::string summaries(const std::vector<Row>& rows) {
   return out;
 }
 
-std::string json(const std::vector<Row>& rows, const Source& source, bool asArray,
-                 bool withSummary) {
+std::string json(const std::vector<Row>& rows, const Source& source, bool asArray, bool withSummary,
+                 bool lines) {
+  if (lines) {
+    std::string out;
+    for (const Row& row : rows)
+      out += jsonRow(row, source, -1, withSummary) + "\n";
+    return out;
+  }
   if (!asArray)
     return rows.empty() ? "null\n" : jsonRow(rows.front(), source, 0, withSummary) + "\n";
   std::string out = "[\n";

@@ -6,6 +6,9 @@
 #include <string>
 #include <vector>
 
+#include <optional>
+
+#include "kernel.h"
 #include "run.h"
 
 namespace xrprocdetect {
@@ -16,6 +19,9 @@ struct Source {
   bool live = true;
   bool snapshot = false;
   std::string file;
+  // The kernel's topology: live and on a snapshot, never on a saved
+  // /proc/cpuinfo alone.
+  std::optional<KernelTopology> kernel;
 };
 
 // A few lines for one generation: its name, the counts, the states in words.
@@ -27,9 +33,10 @@ std::string table(const std::vector<Row>& rows, const Source& source);
 std::string summaries(const std::vector<Row>& rows);
 // JSON: one object for a row, or an array of objects. Numbers are numbers;
 // what a row does not have is null. The keys are stable; "summary" is there
-// only `withSummary`.
-std::string json(const std::vector<Row>& rows, const Source& source, bool asArray,
-                 bool withSummary);
+// only `withSummary`, "kernel" and "agreesWithKernel" only with a kernel row.
+// `lines`: JSON Lines instead, one object a row on a line of its own.
+std::string json(const std::vector<Row>& rows, const Source& source, bool asArray, bool withSummary,
+                 bool lines = false);
 
 }  // namespace xrprocdetect
 

@@ -1,5 +1,6 @@
 // xrprocdetect: runs, compares and explains the detector generations, on
-// this machine or on a saved /proc/cpuinfo. See `xrprocdetect --help`.
+// this machine, on saved /proc/cpuinfo texts or on snapshots, beside the
+// kernel's own topology. See `xrprocdetect --help`.
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -14,9 +15,11 @@
 #include <xrprocdetector/xrprocdetector_snapshot.h>
 #include <xrprocdetector/xrprocdetector_source.h>
 
+#include "kernel.h"
 #include "options.h"
 #include "report.h"
 #include "run.h"
+#include "tally.h"
 
 namespace {
 
@@ -73,6 +76,92 @@ std::string cpuidMissing(const XrMachineSnapshot& s) {
   return "";
 }
 
+enum class Kind { kLive, kCpuinfo, kSnapshot };
+
+// What is the same for every input.
+struct Run {
+  const Options* options = nullptr;
+  std::vector<const Generation*> selected;
+  RunSettings settings;
+  bool passDebugOn = false;
+  bool lines = false;  // JSON Lines
+};
+
+// Runs the selected generations on one input and writes its report (or adds
+// it to `tally`). Returns the exit status it calls for: 2 when the input
+// cannot be read (said on standard error), 1 when a getProcData is
+// negative, else 0; sets *differs when a count differs from the kernel's.
+int runInput(const Run& run, Kind kind, const std::string& name, Tally* tally, bool* differs) {
+  const Options& options = *run.options;
+  Source source;
+  Inputs inputs;
+  std::string text;
+  XrMachineSnapshot snapshot;
+  if (kind == Kind::kSnapshot) {
+    source.live = inputs.live = false;
+    source.snapshot = inputs.snapshot = true;
+    source.file = name;
+    std::string error;
+    if (!xrLoadSnapshot(name, &snapshot, &error)) {
+      std::fprintf(stderr, "xrprocdetect: cannot read the snapshot: %s\n", error.c_str());
+      return 2;
+    }
+    inputs.cpuinfo = snapshot.cpuinfo.has_value();
+    inputs.counts = snapshot.configured.has_value();
+    inputs.cpuidMissing = cpuidMissing(snapshot);
+    source.kernel = readKernelTopology(name, snapshot.cpuinfo ? &*snapshot.cpuinfo : nullptr);
+  } else if (kind == Kind::kCpuinfo) {
+    inputs.live = false;
+    inputs.counts = false;
+    source.live = false;
+    source.file = name;
+    if (auto problem = readInput(name, &text)) {
+      std::fprintf(stderr, "xrprocdetect: %s\n", problem->c_str());
+      return 2;
+    }
+  } else {
+    std::string cpuinfo;
+    const bool haveCpuinfo = !readInput("/proc/cpuinfo", &cpuinfo);
+    source.kernel = readKernelTopology("/", haveCpuinfo ? &cpuinfo : nullptr);
+  }
+
+  std::optional<XrCpuinfoRedirect> redirect;
+  std::optional<XrSnapshotReplay> replay;
+  if (kind == Kind::kSnapshot) {
+    replay.emplace(snapshot);
+  } else if (kind == Kind::kCpuinfo) {
+    redirect.emplace(XrCpuinfoRedirect::kText, std::move(text));
+  }
+
+  std::vector<Row> rows;
+  int status = 0;
+  for (const Generation* g : run.selected) {
+    rows.push_back(runGeneration(*g, run.settings, inputs));
+    const Row& row = rows.back();
+    if (run.passDebugOn) {
+      std::fputs(row.debug.c_str(), stderr);
+      std::fputs(row.summary.c_str(), stderr);
+    }
+    if (row.counted && row.result < 0) status = 1;
+    if (source.kernel && compareWithKernel(row, *source.kernel).countsDiffer()) *differs = true;
+  }
+
+  if (options.tally) {
+    if (source.kernel) tally->add(source.live ? "live" : name, rows, *source.kernel);
+    return status;
+  }
+  std::string out;
+  if (options.json) {
+    out = json(rows, source, options.all, options.summary, run.lines);
+  } else {
+    out = options.all ? table(rows, source) : humanReport(rows.front(), source);
+    if (options.summary) out += summaries(rows);
+  }
+  std::fwrite(out.data(), 1, out.size(), stdout);
+  std::fflush(stdout);
+  return status;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -106,32 +195,7 @@ int main(int argc, char** argv) {
     selected.push_back(findGeneration(options.algorithm));
   }
 
-  Source source;
-  Inputs inputs;
-  std::string text;
-  XrMachineSnapshot snapshot;
-  if (options.snapshot) {
-    source.live = inputs.live = false;
-    source.snapshot = inputs.snapshot = true;
-    source.file = *options.snapshot;
-    std::string error;
-    if (!xrLoadSnapshot(*options.snapshot, &snapshot, &error)) {
-      std::fprintf(stderr, "xrprocdetect: cannot read the snapshot: %s\n", error.c_str());
-      return 2;
-    }
-    inputs.cpuinfo = snapshot.cpuinfo.has_value();
-    inputs.counts = snapshot.configured.has_value();
-    inputs.cpuidMissing = cpuidMissing(snapshot);
-  } else if (options.cpuinfo) {
-    inputs.live = false;
-    inputs.counts = false;
-    source.live = false;
-    source.file = *options.cpuinfo;
-    if (auto problem = readInput(*options.cpuinfo, &text)) {
-      std::fprintf(stderr, "xrprocdetect: %s\n", problem->c_str());
-      return 2;
-    }
-  } else {
+  if (options.cpuinfo.empty() && options.snapshot.empty()) {
     // A generation that reads /proc/cpuinfo waits forever for the end of a
     // file it cannot read, so such a run is refused before it starts.
     for (const Generation* g : selected) {
@@ -151,44 +215,44 @@ int main(int argc, char** argv) {
   // lines reach the user only where asked for, at the level asked for. At a
   // level of 0 or below a detector writes nothing, so nothing is passed on.
   const std::int32_t userLevel = options.debugLevel.value_or(1);
-  RunSettings settings;
-  settings.versionIndex = options.versionIndex;
-  settings.level = std::max<std::int32_t>(userLevel, 1);
-  settings.echo = options.echo && userLevel >= 1;
-  settings.summary = options.summary;
-  const bool passDebugOn = options.debugLevel && !options.echo && userLevel >= 1;
+  Run run;
+  run.selected = selected;
+  run.settings.versionIndex = options.versionIndex;
+  run.settings.level = std::max<std::int32_t>(userLevel, 1);
+  run.settings.echo = options.echo && userLevel >= 1;
+  run.settings.summary = options.summary;
+  run.passDebugOn = options.debugLevel && !options.echo && userLevel >= 1;
+  run.options = &options;
 
-  std::optional<XrCpuinfoRedirect> redirect;
-  std::optional<XrSnapshotReplay> replay;
-  if (options.snapshot) {
-    replay.emplace(snapshot);
-  } else if (!source.live) {
-    redirect.emplace(XrCpuinfoRedirect::kText, std::move(text));
-  }
-
-  std::vector<Row> rows;
+  const std::vector<std::string>& names =
+      options.snapshot.empty() ? options.cpuinfo : options.snapshot;
+  run.lines = options.jsonLines || (options.json && names.size() > 1);
+  Tally tally;
   int status = 0;
-  for (const Generation* g : selected) {
-    rows.push_back(runGeneration(*g, settings, inputs));
-    const Row& row = rows.back();
-    if (passDebugOn) {
-      std::fputs(row.debug.c_str(), stderr);
-      std::fputs(row.summary.c_str(), stderr);
-    }
-    if (row.counted && row.result < 0) status = 1;
-  }
-
-  std::string out;
-  if (options.json) {
-    out = json(rows, source, options.all, options.summary);
+  bool failed = false;
+  bool differs = false;
+  if (names.empty()) {
+    status = runInput(run, Kind::kLive, "", &tally, &differs);
   } else {
-    out = options.all ? table(rows, source) : humanReport(rows.front(), source);
-    if (options.summary) out += summaries(rows);
+    for (std::size_t i = 0; i < names.size(); ++i) {
+      // Several text reports are set apart by a blank line.
+      if (i > 0 && !options.json && !options.tally) std::fputc('\n', stdout);
+      const int one = runInput(run, options.snapshot.empty() ? Kind::kCpuinfo : Kind::kSnapshot,
+                               names[i], &tally, &differs);
+      if (one == 2) {
+        tally.failed();
+        failed = true;
+      } else if (one != 0) {
+        status = one;
+      }
+    }
   }
-  std::fwrite(out.data(), 1, out.size(), stdout);
+  if (options.tally) std::fputs(tally.text().c_str(), stdout);
   if (std::fflush(stdout) != 0 || std::ferror(stdout)) {
     std::fprintf(stderr, "xrprocdetect: cannot write the report: %s\n", std::strerror(errno));
     return 2;
   }
+  if (failed || status == 2) return 2;
+  if (options.check && differs) return 3;
   return status;
 }

@@ -28,10 +28,17 @@ check() {
 check --al -- --algorithm --all
 check --v -- --version-index --version
 check --s -- --snapshot --save --summary
+check --t -- --tally
+check --json -- --json --json-lines
+check --ch -- --check
 check -a '' -- default 7.0 6.1 6.0 5.3
 check --algorithm 6 -- 6.1 6.0
 check --algorithm = 7 -- 7.0
 check --cpuinfo "$dir/" -- "$dir/a.cpuinfo" "$dir/b.txt" "$dir/sub"
 check --snapshot "$dir/" -- "$dir/sub"
 check --all --save "$dir/s" -- "$dir/sub"
+# Operands after --snapshot or --cpuinfo are more inputs of the same kind.
+check --snapshot a "$dir/" -- "$dir/sub"
+check --cpuinfo a --all "$dir/" -- "$dir/a.cpuinfo" "$dir/b.txt" "$dir/sub"
+check --all "$dir/" --
 exit $failed

@@ -1,0 +1,81 @@
+#include "tally.h"
+
+#include <algorithm>
+
+namespace xrprocdetect {
+
+namespace {
+
+const char* const kFieldNames[] = {"packages", "cores", "logical processors", "hyper-threading",
+                                   "virtual machine"};
+const char* const kHeader[] = {"GENERATION", "PACKAGES",        "CORES",
+                               "LOGICAL",    "HYPER-THREADING", "VIRTUAL MACHINE"};
+
+}  // namespace
+
+void Tally::add(const std::string& input, const std::vector<Row>& rows,
+                const KernelTopology& kernel) {
+  ++inputs_;
+  for (const Row& row : rows) {
+    auto line = std::find_if(lines_.begin(), lines_.end(),
+                             [&](const Line& l) { return l.generation == row.generation; });
+    if (line == lines_.end()) line = lines_.insert(lines_.end(), Line{row.generation, {}});
+    const Agreement a = compareWithKernel(row, kernel);
+    const Same same[kFields] = {a.packages, a.cores, a.logical, a.smt, a.vm};
+    for (int f = 0; f < kFields; ++f) {
+      Field& field = line->fields[f];
+      if (same[f] == Same::kUnknown) {
+        ++field.unknown;
+      } else if (same[f] == Same::kYes) {
+        ++field.agree;
+      } else {
+        field.differ.push_back(input);
+      }
+    }
+  }
+}
+
+std::string Tally::text() const {
+  std::string out = "Agreement with the kernel over " + std::to_string(inputs_) + " input" +
+                    (inputs_ == 1 ? "" : "s") +
+                    ", as agree/differ/not compared (a field that the kernel\n"
+                    "or the generation does not give is not compared).\n";
+  if (failed_ > 0)
+    out += std::to_string(failed_) + " more could not be read (see standard error).\n";
+  out += "\n";
+  std::vector<std::vector<std::string>> cells(
+      1, std::vector<std::string>(std::begin(kHeader), std::end(kHeader)));
+  for (const Line& line : lines_) {
+    cells.push_back({line.generation->name});
+    for (const Field& f : line.fields)
+      cells.back().push_back(std::to_string(f.agree) + "/" + std::to_string(f.differ.size()) + "/" +
+                             std::to_string(f.unknown));
+  }
+  std::vector<std::size_t> width(std::size(kHeader), 0);
+  for (const auto& r : cells) {
+    for (std::size_t c = 0; c < r.size(); ++c)
+      width[c] = std::max(width[c], r[c].size());
+  }
+  for (const auto& r : cells) {
+    std::string text;
+    for (std::size_t c = 0; c < r.size(); ++c)
+      text += (c == 0 ? "" : "  ") + r[c] + std::string(width[c] - r[c].size(), ' ');
+    text.erase(text.find_last_not_of(' ') + 1);
+    out += text + "\n";
+  }
+  std::string differing;
+  for (const Line& line : lines_) {
+    for (int f = 0; f < kFields; ++f) {
+      const std::vector<std::string>& names = line.fields[f].differ;
+      if (names.empty()) continue;
+      differing += std::string(line.generation->name) + " " + kFieldNames[f] + ":";
+      for (const std::string& name : names)
+        differing += " " + name;
+      differing += "\n";
+    }
+  }
+  if (!differing.empty()) out += "\nInputs that differ from the kernel:\n" + differing;
+  return out;
+}
+
+}  // namespace xrprocdetect

@@ -1,0 +1,40 @@
+// --tally: how many inputs each generation's fields agree with the kernel
+// on, and which inputs they differ on.
+#ifndef XRPROCDETECTOR_TOOLS_TALLY_H
+#define XRPROCDETECTOR_TOOLS_TALLY_H
+
+#include <string>
+#include <vector>
+
+#include "kernel.h"
+#include "run.h"
+
+namespace xrprocdetect {
+
+class Tally {
+ public:
+  // One input's rows, and the kernel's topology of it.
+  void add(const std::string& input, const std::vector<Row>& rows, const KernelTopology& kernel);
+  // An input that could not be read.
+  void failed() { ++failed_; }
+  std::string text() const;
+
+ private:
+  static constexpr int kFields = 5;  // packages, cores, logical, SMT, VM
+  struct Field {
+    int agree = 0;
+    int unknown = 0;
+    std::vector<std::string> differ;
+  };
+  struct Line {
+    const Generation* generation;
+    Field fields[kFields];
+  };
+  std::vector<Line> lines_;
+  int inputs_ = 0;
+  int failed_ = 0;
+};
+
+}  // namespace xrprocdetect
+
+#endif  // XRPROCDETECTOR_TOOLS_TALLY_H

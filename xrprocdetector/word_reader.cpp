@@ -2,6 +2,7 @@
 
 #include <emmintrin.h>
 #include <fcntl.h>
+#include <sched.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -104,7 +105,13 @@ bool WordReader::refill(std::size_t* keep) {
 }
 
 void WordReader::read() {
-  if (eof_ || failed_) return;
+  if (eof_) return;
+  if (failed_) {
+    // Nothing is read and the scans wait forever. Giving the processor away
+    // each time keeps that endless wait from starving the host's threads.
+    sched_yield();
+    return;
+  }
   std::size_t start = pos_;
   for (;;) {
     while (start < end_ && isWordSpace(data_[start]))

@@ -41,8 +41,7 @@ bool isSpace(char c) {
   return c == ' ' || c == '\t' || c == '\r';
 }
 
-// 1 to 8 hexadecimal digits.
-
+// The same query: the same inputs under the same mask.
 bool sameQuery(const XrCpuidLine& a, const XrCpuidLine& b) {
   if (a.mask != b.mask) return false;
   for (int r = 0; r < 4; ++r) {

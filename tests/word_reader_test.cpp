@@ -1,6 +1,7 @@
 // The word reader against `stream >> word`: texts that each test one rule of
 // the extraction, a file whose words straddle the buffer's refills, and the
 // sources that must never reach end of file.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -96,6 +97,15 @@ TEST(WordReader, FileWordsStraddleRefillsAndOutgrowTheBuffer) {
     }
     unlink(path);
   }
+}
+
+TEST(WordReader, ClosesOnlyWhatItOpened) {
+  // A text reader has no file: standard input (descriptor 0) stays open.
+  if (fcntl(0, F_GETFD) == -1) {
+    ASSERT_EQ(open("/dev/null", O_RDONLY), 0);
+  }
+  { WordReader text(std::string_view("processor : 0")); }
+  EXPECT_NE(fcntl(0, F_GETFD), -1);
 }
 
 TEST(WordReader, UnreadableSourcesNeverReachEndOfFile) {

@@ -55,6 +55,8 @@ bad list-backwards "$lists && echo 3-1 >possible" \
   's/sys/devices/system/cpu/possible line 1: not a processor list such as 0-3,8-11'
 bad list-unordered "$lists && echo 0-3,2 >possible" \
   's/sys/devices/system/cpu/possible line 1: processor numbers are not in increasing order'
+bad list-open-range "$lists && echo 0-,2 >possible" \
+  's/sys/devices/system/cpu/possible line 1: not a processor list such as 0-3,8-11'
 bad list-words "$lists && echo all >possible" \
   's/sys/devices/system/cpu/possible line 1: not a processor list such as 0-3,8-11'
 bad list-1024 "$lists && echo 0-1024 >possible" \

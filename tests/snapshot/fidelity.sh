@@ -37,6 +37,13 @@ else
   run "$work"
 fi
 
+# Leaves 4 and 0xb are saved sub-leaf by sub-leaf (mask 5), where there.
+dump=$(ls -d "$work"/snap/cpuid/pu* | head -n 1)
+max=$(awk '$1 == 1 && $2 == 0 { print $7 }' "$dump")
+for leaf in 4 b; do
+  [ $((0x$max)) -lt $((0x$leaf)) ] || grep -q "^5 $leaf 0 0 0 => " "$dump" ||
+    { echo "$dump lacks the sub-leaves of leaf $leaf"; exit 1; }
+done
 failed=0
 "$tool" --all -d2 --summary --snapshot "$work/snap" >/dev/null 2>"$work/replay.err"
 cmp "$work/live.err" "$work/replay.err" ||

@@ -17,11 +17,11 @@
 #include <string>
 #include <vector>
 
+#include "core/cpuinfo_source.h"
 #include "synthetic_cpuinfo.h"
 #include "xrprocdetector/xrprocdetector_legacy_6x.h"
 #include "xrprocdetector/xrprocdetector_linux32.h"
 #include "xrprocdetector/xrprocdetector_linux32_70.h"
-#include "xrprocdetector/xrprocdetector_source.h"
 
 namespace {
 

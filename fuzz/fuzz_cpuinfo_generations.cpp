@@ -9,10 +9,10 @@
 #include <cstdlib>
 #include <string>
 
+#include "core/cpuinfo_source.h"
 #include "xrprocdetector/xrprocdetector_legacy_6x.h"
 #include "xrprocdetector/xrprocdetector_linux32.h"
 #include "xrprocdetector/xrprocdetector_linux32_70.h"
-#include "xrprocdetector/xrprocdetector_source.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   static FILE* const out = std::fopen("/dev/null", "w");

@@ -9,7 +9,7 @@
 #include <string_view>
 #include <vector>
 
-#include "xrprocdetector/internal/snapshot.h"
+#include "snapshot/snapshot_io.h"
 
 namespace dt = xrprocdetector::detail;
 

@@ -11,8 +11,8 @@
 #include <sstream>
 #include <string>
 
+#include "core/word_reader.h"
 #include "support/stream_word_reader.h"
-#include "xrprocdetector/internal/word_reader.h"
 
 namespace {
 

@@ -7,7 +7,7 @@
 #include <cstdlib>
 #include <limits>
 
-#include "run.h"
+#include <xrprocdetector/detect.h>
 
 namespace xrprocdetect {
 
@@ -84,7 +84,7 @@ Parsed parseOptions(int argc, char** argv) {
     const char* written = previous < argc ? argv[previous] : nullptr;
     switch (c) {
       case 'a':
-        if (findGeneration(optarg) == nullptr) {
+        if (!xrprocdetector::findGeneration(optarg)) {
           parsed.error = "unknown algorithm '" + std::string(optarg) +
                          "'; choose default, 7.0, 6.1, 6.0 or 5.3";
           return parsed;

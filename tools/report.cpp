@@ -25,8 +25,8 @@ const char* stateWords(int state) {
   }
 }
 
-const char* vmWords(const Row& row) {
-  switch (row.vmState) {
+const char* vmWords(const Detection& row) {
+  switch (static_cast<int>(row.vm)) {
     case 0:
       return "none";
     case 1:
@@ -54,23 +54,24 @@ const char* strategyWords(Strategy s) {
 }
 
 // 6.x states its verdict in its report but leaves hyperThreadState at 15.
-bool verdictNotStored(const Row& row) {
-  return row.hyperThreadState == 15 && row.reportedVerdict >= 0;
+bool verdictNotStored(const Detection& row) {
+  return static_cast<int>(row.hyperThreading) == 15 && row.reportedVerdict;
 }
 
-std::string hyperThreadingColumn(const Row& row) {
+std::string hyperThreadingColumn(const Detection& row) {
   if (!row.counted) return "-";
-  if (verdictNotStored(row)) return std::string(stateWords(row.reportedVerdict)) + " (not stored)";
-  return stateWords(row.hyperThreadState);
+  if (verdictNotStored(row))
+    return std::string(stateWords(static_cast<int>(*row.reportedVerdict))) + " (not stored)";
+  return stateWords(static_cast<int>(row.hyperThreading));
 }
 
-std::string noteColumn(const Row& row) {
+std::string noteColumn(const Detection& row) {
   if (!row.counted) return row.note;
   if (row.endedBy != Strategy::kNone) return std::string("ended by ") + strategyWords(row.endedBy);
   return "";
 }
 
-std::string sourceWords(const Source& source) {
+std::string sourceWords(const Input& source) {
   if (source.live) return "this machine (live)";
   if (source.snapshot) return source.file + " (a snapshot)";
   return (source.file == "-" ? std::string("standard input") : source.file) +
@@ -83,9 +84,9 @@ std::string line(const char* label, const std::string& value) {
   return head + value + "\n";
 }
 
-std::string generationWords(const Row& row) {
-  return std::string(row.generation->name) + " (" + row.generation->className + ", version index " +
-         std::to_string(row.procInfoIndex) + ")";
+std::string generationWords(const Detection& row) {
+  return std::string(generationName(row.generation)) + " (" + row.className + ", version index " +
+         std::to_string(row.versionIndex) + ")";
 }
 
 // The kernel's states in the words of the generations' columns.
@@ -94,9 +95,11 @@ std::string kernelSmtWords(const std::optional<Smt>& smt) {
   return *smt == Smt::kOn ? "enabled" : *smt == Smt::kOff ? "disabled" : "not capable";
 }
 
-std::string kernelVmWords(const std::optional<Vm>& vm) {
+std::string kernelVmWords(const std::optional<Hypervisor>& vm) {
   if (!vm) return "not available";
-  return *vm == Vm::kVmware ? "VMware" : *vm == Vm::kOther ? "another hypervisor" : "none";
+  return *vm == Hypervisor::kVmware  ? "VMware"
+         : *vm == Hypervisor::kOther ? "another hypervisor"
+                                     : "none";
 }
 
 std::string countWords(const std::optional<std::int32_t>& n) {
@@ -105,9 +108,9 @@ std::string countWords(const std::optional<std::int32_t>& n) {
 
 // "yes", or "no: ..." naming each field that differs, with what the row and
 // the kernel say; then the fields that could not be compared.
-std::string agreementWords(const Row& row, const KernelTopology& k) {
+std::string agreementWords(const Detection& row, const KernelTopology& k) {
   if (!row.counted) return "not compared: the generation did not count";
-  const Agreement a = compareWithKernel(row, k);
+  const Agreement a = compare(row, k);
   std::string differ;
   std::string unknown;
   const auto note = [&](Same same, const char* field, const std::string& mine,
@@ -119,14 +122,16 @@ std::string agreementWords(const Row& row, const KernelTopology& k) {
                 theirs + ")";
     }
   };
-  note(a.packages, "packages", std::to_string(row.physicalCount), countWords(k.packages));
-  note(a.cores, "cores", std::to_string(row.coreCount), countWords(k.cores));
-  note(a.logical, "logical processors", std::to_string(row.logicalCount), countWords(k.logical));
+  note(a.packages, "packages", std::to_string(row.packages), countWords(k.packages));
+  note(a.cores, "cores", std::to_string(row.cores), countWords(k.cores));
+  note(a.logicalProcessors, "logical processors", std::to_string(row.logicalProcessors),
+       countWords(k.logicalProcessors));
   note(a.smt, "hyper-threading", kernelSmtWords(smtOf(row)), kernelSmtWords(k.smt));
-  note(a.vm, "virtual machine", kernelVmWords(vmOf(row)), kernelVmWords(k.vm));
+  note(a.hypervisor, "virtual machine", kernelVmWords(hypervisorOf(row)),
+       kernelVmWords(k.hypervisor));
   const bool none = a.packages == Same::kUnknown && a.cores == Same::kUnknown &&
-                    a.logical == Same::kUnknown && a.smt == Same::kUnknown &&
-                    a.vm == Same::kUnknown;
+                    a.logicalProcessors == Same::kUnknown && a.smt == Same::kUnknown &&
+                    a.hypervisor == Same::kUnknown;
   if (none) return "not compared: the kernel row has none of the row's fields";
   std::string out = !differ.empty()   ? "no: " + differ
                     : unknown.empty() ? "yes"
@@ -138,33 +143,16 @@ std::string agreementWords(const Row& row, const KernelTopology& k) {
 // ---------------------------------------------------------------------------
 // JSON
 
+const char* smtKey(Smt smt) {
+  return smt == Smt::kOn ? "on" : smt == Smt::kOff ? "off" : "notsupported";
+}
+
+const char* vmKey(Hypervisor vm) {
+  return vm == Hypervisor::kVmware ? "vmware" : vm == Hypervisor::kOther ? "other" : "none";
+}
+
 std::string quoted(const std::string& text) {
-  std::string out = "\"";
-  for (const unsigned char c : text) {
-    switch (c) {
-      case '"':
-        out += "\\\"";
-        break;
-      case '\\':
-        out += "\\\\";
-        break;
-      case '\n':
-        out += "\\n";
-        break;
-      case '\t':
-        out += "\\t";
-        break;
-      default:
-        if (c < 0x20) {
-          char escaped[8];
-          std::snprintf(escaped, sizeof escaped, "\\u%04x", c);
-          out += escaped;
-        } else {
-          out += static_cast<char>(c);
-        }
-    }
-  }
-  return out + "\"";
+  return jsonString(text);
 }
 
 // An object, pretty-printed at `indent`, or on one line when `indent` < 0.
@@ -196,36 +184,36 @@ class JsonObject {
 };
 
 // The kernel row and the row's agreement with it, as two keys of `o`.
-void addKernel(JsonObject& o, const Row& row, const KernelTopology& k, int indent) {
+void addKernel(JsonObject& o, const Detection& row, const KernelTopology& k, int indent) {
   const int inner = indent < 0 ? -1 : indent + 2;
   const auto number = [](std::int32_t v) { return std::to_string(v); };
   const auto word = [](const char* w) { return quoted(w); };
   JsonObject kernel(inner);
   kernel.maybe("packages", k.packages, number);
   kernel.maybe("cores", k.cores, number);
-  kernel.maybe("logicalProcessors", k.logical, number);
+  kernel.maybe("logicalProcessors", k.logicalProcessors, number);
   kernel.maybe("smt", k.smt, [&](Smt v) { return word(smtKey(v)); });
-  kernel.maybe("virtualMachine", k.vm, [&](Vm v) { return word(vmKey(v)); });
+  kernel.maybe("virtualMachine", k.hypervisor, [&](Hypervisor v) { return word(vmKey(v)); });
   o.add("kernel", kernel.done(true));
-  const Agreement a = compareWithKernel(row, k);
+  const Agreement a = compare(row, k);
   const auto boolean = [](Same v) {
     return std::string(v == Same::kYes ? "true" : v == Same::kNo ? "false" : "null");
   };
   JsonObject agrees(inner);
   agrees.add("packages", boolean(a.packages));
   agrees.add("cores", boolean(a.cores));
-  agrees.add("logicalProcessors", boolean(a.logical));
+  agrees.add("logicalProcessors", boolean(a.logicalProcessors));
   agrees.add("smt", boolean(a.smt));
-  agrees.add("virtualMachine", boolean(a.vm));
+  agrees.add("virtualMachine", boolean(a.hypervisor));
   o.add("agreesWithKernel", agrees.done(true));
 }
 
-std::string jsonRow(const Row& row, const Source& source, int indent, bool withSummary) {
+std::string jsonRow(const Detection& row, const Input& source, int indent, bool withSummary) {
   JsonObject o(indent);
   o.number("schemaVersion", 1);
-  o.string("generation", row.generation->name);
-  o.string("class", row.generation->className);
-  o.number("procInfoIndex", row.procInfoIndex);
+  o.string("generation", generationName(row.generation));
+  o.string("class", row.className);
+  o.number("procInfoIndex", row.versionIndex);
   o.string("source", source.live ? "live" : source.snapshot ? "snapshot" : "file");
   if (source.live) {
     o.null("file");
@@ -235,18 +223,18 @@ std::string jsonRow(const Row& row, const Source& source, int indent, bool withS
   o.add("counted", row.counted ? "true" : "false");
   if (row.counted) {
     o.number("result", row.result);
-    o.number("logicalCount", row.logicalCount);
-    o.number("physicalCount", row.physicalCount);
-    o.number("coreCount", row.coreCount);
-    o.number("hyperThreadState", row.hyperThreadState);
-    o.number("vmState", row.vmState);
+    o.number("logicalCount", row.logicalProcessors);
+    o.number("physicalCount", row.packages);
+    o.number("coreCount", row.cores);
+    o.number("hyperThreadState", static_cast<int>(row.hyperThreading));
+    o.number("vmState", static_cast<int>(row.vm));
   } else {
     for (const char* key :
          {"result", "logicalCount", "physicalCount", "coreCount", "hyperThreadState", "vmState"})
       o.null(key);
   }
-  if (row.counted && row.reportedVerdict >= 0) {
-    o.string("reportedVerdict", stateWords(row.reportedVerdict));
+  if (row.counted && row.reportedVerdict) {
+    o.string("reportedVerdict", stateWords(static_cast<int>(*row.reportedVerdict)));
   } else {
     o.null("reportedVerdict");
   }
@@ -275,49 +263,59 @@ std::string jsonRow(const Row& row, const Source& source, int indent, bool withS
 
 }  // namespace
 
+bool countsDiffer(const Agreement& a) {
+  return a.packages == Same::kNo || a.cores == Same::kNo || a.logicalProcessors == Same::kNo;
+}
+
+bool countsAgree(const Agreement& a) {
+  return a.packages == Same::kYes && a.cores == Same::kYes && a.logicalProcessors == Same::kYes;
+}
+
 // The kernel row and whether `row` agrees with it, for a report.
-std::string kernelLines(const Row& row, const Source& source) {
+std::string kernelLines(const Detection& row, const Input& source) {
   std::string out;
   if (const auto& k = source.kernel) {
-    if (!k->packages && !k->cores && !k->logical && !k->smt && !k->vm) {
+    if (!k->packages && !k->cores && !k->logicalProcessors && !k->smt && !k->hypervisor) {
       out += line("Kernel", "not available" + (k->missing.empty() ? "" : ": " + k->missing));
     } else {
-      out += line("Kernel",
-                  "packages " + countWords(k->packages) + ", cores " + countWords(k->cores) +
-                      ", logical processors " + countWords(k->logical) + ", hyper-threading " +
-                      kernelSmtWords(k->smt) + ", virtual machine " + kernelVmWords(k->vm));
+      out +=
+          line("Kernel", "packages " + countWords(k->packages) + ", cores " + countWords(k->cores) +
+                             ", logical processors " + countWords(k->logicalProcessors) +
+                             ", hyper-threading " + kernelSmtWords(k->smt) + ", virtual machine " +
+                             kernelVmWords(k->hypervisor));
     }
     out += line("Agrees with kernel", agreementWords(row, *k));
   }
   return out;
 }
 
-std::string humanReport(const Row& row, const Source& source) {
+std::string humanReport(const Detection& row, const Input& source) {
   std::string out = line("Generation", generationWords(row));
   out += line("Counted from", sourceWords(source));
   if (!row.counted) {
     out += line("Not counted", row.note);
     return out + kernelLines(row, source);
   }
-  out += line("Packages", std::to_string(row.physicalCount));
-  out += line("Cores", std::to_string(row.coreCount));
-  out += line("Logical processors", std::to_string(row.logicalCount));
-  const std::string state = " (hyperThreadState " + std::to_string(row.hyperThreadState) + ")";
+  out += line("Packages", std::to_string(row.packages));
+  out += line("Cores", std::to_string(row.cores));
+  out += line("Logical processors", std::to_string(row.logicalProcessors));
+  const std::string state =
+      " (hyperThreadState " + std::to_string(static_cast<int>(row.hyperThreading)) + ")";
   if (verdictNotStored(row)) {
-    out += line("Hyper-threading", std::string(stateWords(row.reportedVerdict)) +
+    out += line("Hyper-threading", std::string(stateWords(static_cast<int>(*row.reportedVerdict))) +
                                        ", as its report says; not stored" + state);
   } else {
-    out += line("Hyper-threading", stateWords(row.hyperThreadState) + state);
+    out += line("Hyper-threading", stateWords(static_cast<int>(row.hyperThreading)) + state);
   }
-  out += line("Virtual machine",
-              std::string(vmWords(row)) + " (vmState " + std::to_string(row.vmState) + ")");
+  out += line("Virtual machine", std::string(vmWords(row)) + " (vmState " +
+                                     std::to_string(static_cast<int>(row.vm)) + ")");
   if (row.endedBy != Strategy::kNone) out += line("Ended by", strategyWords(row.endedBy));
   out += line("getProcData", std::to_string(row.result));
   out += kernelLines(row, source);
   return out;
 }
 
-std::string table(const std::vector<Row>& rows, const Source& source) {
+std::string table(const std::vector<Detection>& rows, const Input& source) {
   const std::vector<std::string> header = {
       "GENERATION",      "PACKAGES",        "CORES",  "LOGICAL",
       "HYPER-THREADING", "VIRTUAL MACHINE", "RESULT", "NOTE"};
@@ -327,8 +325,8 @@ std::string table(const std::vector<Row>& rows, const Source& source) {
   bool anyNotStored = false;
   bool anyMarked = false;
   const std::optional<KernelTopology>& k = source.kernel;
-  for (const Row& row : rows) {
-    const Agreement a = k ? compareWithKernel(row, *k) : Agreement();
+  for (const Detection& row : rows) {
+    const Agreement a = k ? compare(row, *k) : Agreement();
     // A field that differs from the kernel's is marked; with a kernel row,
     // the other numbers keep a blank in the mark's place.
     const auto mark = [&](Same same) {
@@ -339,19 +337,19 @@ std::string table(const std::vector<Row>& rows, const Source& source) {
     std::string ht = hyperThreadingColumn(row);
     std::string vm = row.counted ? vmWords(row) : "-";
     if (a.smt == Same::kNo) ht += mark(a.smt);
-    if (a.vm == Same::kNo) vm += mark(a.vm);
-    cells.push_back({row.generation->name, number(row.physicalCount) + mark(a.packages),
-                     number(row.coreCount) + mark(a.cores),
-                     number(row.logicalCount) + mark(a.logical), ht, vm, number(row.result),
-                     noteColumn(row)});
+    if (a.hypervisor == Same::kNo) vm += mark(a.hypervisor);
+    cells.push_back({generationName(row.generation), number(row.packages) + mark(a.packages),
+                     number(row.cores) + mark(a.cores),
+                     number(row.logicalProcessors) + mark(a.logicalProcessors), ht, vm,
+                     number(row.result), noteColumn(row)});
     anyNotStored = anyNotStored || (row.counted && verdictNotStored(row));
   }
   if (k) {
     const auto count = [](const std::optional<std::int32_t>& n) {
       return n ? std::to_string(*n) + " " : "-";
     };
-    cells.push_back({"kernel", count(k->packages), count(k->cores), count(k->logical),
-                     kernelSmtWords(k->smt), kernelVmWords(k->vm), "-",
+    cells.push_back({"kernel", count(k->packages), count(k->cores), count(k->logicalProcessors),
+                     kernelSmtWords(k->smt), kernelVmWords(k->hypervisor), "-",
                      k->missing.empty() ? "" : "not available: " + k->missing});
   }
   std::vector<std::size_t> width(header.size(), 0);
@@ -378,21 +376,21 @@ std::string table(const std::vector<Row>& rows, const Source& source) {
   return out;
 }
 
-std::string summaries(const std::vector<Row>& rows) {
+std::string summaries(const std::vector<Detection>& rows) {
   std::string out;
-  for (const Row& row : rows) {
+  for (const Detection& row : rows) {
     if (!row.counted) continue;
-    out += "\nprintSummary of " + std::string(row.generation->name) + ":\n";
+    out += "\nprintSummary of " + std::string(generationName(row.generation)) + ":\n";
     out += row.summary.empty() ? "(writes nothing)\n" : row.summary;
   }
   return out;
 }
 
-std::string json(const std::vector<Row>& rows, const Source& source, bool asArray, bool withSummary,
-                 bool lines) {
+std::string json(const std::vector<Detection>& rows, const Input& source, bool asArray,
+                 bool withSummary, bool lines) {
   if (lines) {
     std::string out;
-    for (const Row& row : rows)
+    for (const Detection& row : rows)
       out += jsonRow(row, source, -1, withSummary) + "\n";
     return out;
   }

@@ -3,19 +3,19 @@
 #ifndef XRPROCDETECTOR_TOOLS_REPORT_H
 #define XRPROCDETECTOR_TOOLS_REPORT_H
 
+#include <xrprocdetector/detect.h>
+
+#include <optional>
 #include <string>
 #include <vector>
 
-#include <optional>
-
-#include "kernel.h"
-#include "run.h"
-
 namespace xrprocdetect {
+
+using namespace xrprocdetector;
 
 // Where the counts came from: this machine, a saved /proc/cpuinfo (`file`,
 // "-" for standard input), or a snapshot (`file` is its directory).
-struct Source {
+struct Input {
   bool live = true;
   bool snapshot = false;
   std::string file;
@@ -25,18 +25,23 @@ struct Source {
 };
 
 // A few lines for one generation: its name, the counts, the states in words.
-std::string humanReport(const Row& row, const Source& source);
+std::string humanReport(const Detection& row, const Input& source);
 // One line a generation, the same columns for each, under a header.
-std::string table(const std::vector<Row>& rows, const Source& source);
+std::string table(const std::vector<Detection>& rows, const Input& source);
 // What --summary adds after the report or table: each generation's
 // printSummary output, as it wrote it.
-std::string summaries(const std::vector<Row>& rows);
+std::string summaries(const std::vector<Detection>& rows);
 // JSON: one object for a row, or an array of objects. Numbers are numbers;
 // what a row does not have is null. The keys are stable; "summary" is there
 // only `withSummary`, "kernel" and "agreesWithKernel" only with a kernel row.
 // `lines`: JSON Lines instead, one object a row on a line of its own.
-std::string json(const std::vector<Row>& rows, const Source& source, bool asArray, bool withSummary,
-                 bool lines = false);
+std::string json(const std::vector<Detection>& rows, const Input& source, bool asArray,
+                 bool withSummary, bool lines = false);
+
+// Whether packages, cores or logical processors differ from the kernel's.
+bool countsDiffer(const Agreement& a);
+// Whether all three were compared and agree.
+bool countsAgree(const Agreement& a);
 
 }  // namespace xrprocdetect
 

@@ -13,15 +13,15 @@ const char* const kHeader[] = {"GENERATION", "PACKAGES",        "CORES",
 
 }  // namespace
 
-void Tally::add(const std::string& input, const std::vector<Row>& rows,
+void Tally::add(const std::string& input, const std::vector<Detection>& rows,
                 const KernelTopology& kernel) {
   ++inputs_;
-  for (const Row& row : rows) {
+  for (const Detection& row : rows) {
     auto line = std::find_if(lines_.begin(), lines_.end(),
                              [&](const Line& l) { return l.generation == row.generation; });
     if (line == lines_.end()) line = lines_.insert(lines_.end(), Line{row.generation, {}});
-    const Agreement a = compareWithKernel(row, kernel);
-    const Same same[kFields] = {a.packages, a.cores, a.logical, a.smt, a.vm};
+    const Agreement a = compare(row, kernel);
+    const Same same[kFields] = {a.packages, a.cores, a.logicalProcessors, a.smt, a.hypervisor};
     for (int f = 0; f < kFields; ++f) {
       Field& field = line->fields[f];
       if (same[f] == Same::kUnknown) {
@@ -46,7 +46,7 @@ std::string Tally::text() const {
   std::vector<std::vector<std::string>> cells(
       1, std::vector<std::string>(std::begin(kHeader), std::end(kHeader)));
   for (const Line& line : lines_) {
-    cells.push_back({line.generation->name});
+    cells.push_back({generationName(line.generation)});
     for (const Field& f : line.fields)
       cells.back().push_back(std::to_string(f.agree) + "/" + std::to_string(f.differ.size()) + "/" +
                              std::to_string(f.unknown));
@@ -68,7 +68,7 @@ std::string Tally::text() const {
     for (int f = 0; f < kFields; ++f) {
       const std::vector<std::string>& names = line.fields[f].differ;
       if (names.empty()) continue;
-      differing += std::string(line.generation->name) + " " + kFieldNames[f] + ":";
+      differing += std::string(generationName(line.generation)) + " " + kFieldNames[f] + ":";
       for (const std::string& name : names)
         differing += " " + name;
       differing += "\n";

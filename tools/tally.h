@@ -6,15 +6,15 @@
 #include <string>
 #include <vector>
 
-#include "kernel.h"
-#include "run.h"
+#include "report.h"
 
 namespace xrprocdetect {
 
 class Tally {
  public:
   // One input's rows, and the kernel's topology of it.
-  void add(const std::string& input, const std::vector<Row>& rows, const KernelTopology& kernel);
+  void add(const std::string& input, const std::vector<Detection>& rows,
+           const KernelTopology& kernel);
   // An input that could not be read.
   void failed() { ++failed_; }
   std::string text() const;
@@ -27,7 +27,7 @@ class Tally {
     std::vector<std::string> differ;
   };
   struct Line {
-    const Generation* generation;
+    Generation generation;
     Field fields[kFields];
   };
   std::vector<Line> lines_;

@@ -34,7 +34,7 @@ bad two-answers 'echo "5 4 0 0 0 => 0 0 0 1" >>cpuid/pu0' \
   's/cpuid/pu0 line 6: a second, different answer to the query of line 4'
 bad pu-beyond 'cp cpuid/pu0 cpuid/pu1024' 's/cpuid/pu1024: processor number above 1023'
 bad cpuinfo-unreadable 'rm proc/cpuinfo && mkdir proc/cpuinfo' \
-  's/proc/cpuinfo: cannot read: Is a directory'
+  's/proc/cpuinfo: a directory, not a regular file'
 bad not-json 'echo "{" >xrprocdetect.json' 's/xrprocdetect.json line 2: expected a string'
 bad wrong-format 'echo "{\"format\": \"other\"}" >xrprocdetect.json' \
   's/xrprocdetect.json line 1: "format" is not "xrprocdetect-snapshot"'

@@ -11,8 +11,8 @@
 #include <cstring>
 #include <map>
 
+#include "platform/hardware.h"
 #include "support/test_support.h"
-#include "xrprocdetector/internal/hardware.h"
 
 namespace scripted {
 

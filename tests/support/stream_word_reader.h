@@ -8,7 +8,7 @@
 #include <string>
 #include <string_view>
 
-#include "xrprocdetector/internal/cpuinfo_walk.h"
+#include "core/cpuinfo_walk.h"
 
 namespace testsupport {
 

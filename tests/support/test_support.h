@@ -14,11 +14,11 @@
 #include <memory>
 #include <regex>
 
+#include "core/cpuinfo_source.h"
 #include "xrprocdetector/xrprocdetector_legacy_53.h"
 #include "xrprocdetector/xrprocdetector_legacy_6x.h"
 #include "xrprocdetector/xrprocdetector_linux32.h"
 #include "xrprocdetector/xrprocdetector_linux32_70.h"
-#include "xrprocdetector/xrprocdetector_source.h"
 
 namespace testsupport {
 

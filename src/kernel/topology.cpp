@@ -1,0 +1,318 @@
+// The kernel's own topology of a machine, read from sys/devices/system/cpu
+// (live, or under a snapshot's or a system root's directory), and how a
+// detection compares with it.
+#include <dirent.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <iterator>
+#include <map>
+#include <set>
+#include <tuple>
+#include <vector>
+
+#include "api/source.h"
+#include "sysroot/root.h"
+
+namespace xrprocdetector {
+
+namespace {
+
+using detail::Read;
+using detail::SystemRoot;
+
+// The kernel's own limit on processor numbers (NR_CPUS at its largest).
+constexpr unsigned kKernelMaxProcessors = 8192;
+const std::string kCpu = "sys/devices/system/cpu/";
+
+std::string cpuFile(unsigned cpu, const char* file) {
+  return kCpu + "cpu" + std::to_string(cpu) + "/" + file;
+}
+
+// The online processors: the kernel's list, or on kernels without one, the
+// cpuN folders, each online unless its own online file says 0.
+Read onlineProcessors(SystemRoot& root, std::vector<unsigned>* online) {
+  const Read r = root.list(kCpu + "online", kKernelMaxProcessors, online);
+  if (r != Read::kAbsent) return r;
+  DIR* listing = ::opendir(root.shown(kCpu).c_str());
+  if (listing == nullptr) return Read::kAbsent;
+  while (const dirent* entry = ::readdir(listing)) {
+    char* end = nullptr;
+    if (std::strncmp(entry->d_name, "cpu", 3) != 0 || entry->d_name[3] < '0' ||
+        entry->d_name[3] > '9')
+      continue;
+    const unsigned long n = std::strtoul(entry->d_name + 3, &end, 10);
+    long state = 1;
+    if (*end != '\0' || n >= kKernelMaxProcessors) continue;
+    if (root.number(cpuFile(static_cast<unsigned>(n), "online"), &state) == Read::kFailed) break;
+    if (state != 0) online->push_back(static_cast<unsigned>(n));
+  }
+  ::closedir(listing);
+  std::sort(online->begin(), online->end());
+  return online->empty() ? Read::kAbsent : Read::kOk;
+}
+
+// The online processors sharing a core with `cpu` (itself included), by
+// the first of the kernel's sibling files that is there. *first is where to
+// start looking: the kind that the previous processor had, as a machine's
+// processors all have the same files.
+bool coreSiblings(SystemRoot& root, unsigned cpu, std::size_t* first, std::vector<unsigned>* out) {
+  // Lists, then the masks of older kernels.
+  static const char* const kFiles[] = {"topology/core_cpus_list", "topology/thread_siblings_list",
+                                       "topology/core_cpus", "topology/thread_siblings"};
+  constexpr std::size_t kCount = std::size(kFiles);
+  for (std::size_t i = 0; i < kCount; ++i) {
+    const std::size_t kind = (*first + i) % kCount;
+    const std::string path = cpuFile(cpu, kFiles[kind]);
+    const Read r = kind < 2 ? root.list(path, kKernelMaxProcessors, out)
+                            : root.mask(path, kKernelMaxProcessors, out);
+    if (r == Read::kAbsent) continue;
+    *first = kind;
+    return r == Read::kOk;
+  }
+  return false;
+}
+
+struct Cores {
+  std::vector<int> coreOf;   // by processor: its core, or -1
+  std::vector<int> threads;  // by core: its online threads
+  std::map<std::tuple<long, long, long>, int> byIds;
+  bool known = true;
+};
+
+// The core of `c` when no sibling file tells: (package, die, core_id).
+void coreByIds(SystemRoot& root, unsigned c, long package, Cores& cores) {
+  long die = 0;
+  long coreId = 0;
+  if (root.number(cpuFile(c, "topology/die_id"), &die) != Read::kOk) die = 0;
+  if (root.number(cpuFile(c, "topology/core_id"), &coreId) != Read::kOk) {
+    cores.known = false;
+    return;
+  }
+  auto found = cores.byIds.find(std::make_tuple(package, die, coreId));
+  if (found == cores.byIds.end()) {
+    found =
+        cores.byIds
+            .emplace(std::make_tuple(package, die, coreId), static_cast<int>(cores.threads.size()))
+            .first;
+    cores.threads.push_back(0);
+  }
+  cores.coreOf[c] = found->second;
+  ++cores.threads[static_cast<std::size_t>(found->second)];
+}
+
+// Packages, cores and the most threads of one core, over `online`.
+void countTopology(SystemRoot& root, const std::vector<unsigned>& online, KernelTopology* k,
+                   int* maxThreads) {
+  std::set<long> packages;
+  std::vector<bool> isOnline(online.back() + 1, false);
+  for (const unsigned c : online)
+    isOnline[c] = true;
+  Cores cores;
+  cores.coreOf.assign(isOnline.size(), -1);
+  bool packagesKnown = true;
+  std::vector<unsigned> siblings;
+  std::size_t kind = 0;
+  for (const unsigned c : online) {
+    // A sibling of a core already counted shares its package too.
+    if (cores.coreOf[c] >= 0) continue;
+    long package = 0;
+    const bool havePackage =
+        root.number(cpuFile(c, "topology/physical_package_id"), &package) == Read::kOk;
+    if (havePackage) packages.insert(package);
+    packagesKnown = packagesKnown && havePackage;
+    if (!cores.known) continue;
+    if (!coreSiblings(root, c, &kind, &siblings)) {
+      if (havePackage) coreByIds(root, c, package, cores);
+      cores.known = cores.known && havePackage;
+      continue;
+    }
+    // Each sibling that is online belongs to this core; their own files
+    // need not be read.
+    const int core = static_cast<int>(cores.threads.size());
+    cores.coreOf[c] = core;
+    int count = 1;
+    for (const unsigned s : siblings) {
+      if (s == c || s >= isOnline.size() || !isOnline[s] || cores.coreOf[s] >= 0) continue;
+      cores.coreOf[s] = core;
+      ++count;
+    }
+    cores.threads.push_back(count);
+  }
+  if (packagesKnown) k->packages = static_cast<std::int32_t>(packages.size());
+  if (!packagesKnown) k->missing = "no physical_package_id";
+  if (cores.known) {
+    k->cores = static_cast<std::int32_t>(cores.threads.size());
+    for (const int t : cores.threads)
+      *maxThreads = std::max(*maxThreads, t);
+  } else {
+    k->missing += std::string(k->missing.empty() ? "" : ", ") + "no core sibling lists or core_id";
+  }
+}
+
+// Simultaneous multithreading, from smt/control and smt/active where the
+// kernel has them (since 4.19), else from the sibling counts:
+//   control "off" or "forceoff"         -> off: capable, switched off;
+//   control "notsupported"              -> notsupported: the kernel found
+//                                          the processors without it;
+//   active 1                            -> on: some core runs two threads;
+//   control "on" and active 0           -> off: allowed, but no core runs
+//                                          two threads now;
+//   otherwise ("notimplemented", or no smt files): on where some core has
+//   two or more online threads; else not known, because one thread a core
+//   cannot tell processors without SMT from SMT turned off in firmware.
+std::optional<Smt> smtState(SystemRoot& root, int maxThreads) {
+  std::string control;
+  std::string active;
+  const bool haveControl = root.text(kCpu + "smt/control", &control) == Read::kOk;
+  const bool haveActive = root.text(kCpu + "smt/active", &active) == Read::kOk;
+  if (haveControl && (control == "off" || control == "forceoff")) return Smt::kOff;
+  if (haveControl && control == "notsupported") return Smt::kNotSupported;
+  if (haveActive && active == "1") return Smt::kOn;
+  if (haveControl && haveActive && control == "on" && active == "0") return Smt::kOff;
+  if (maxThreads >= 2) return Smt::kOn;
+  return std::nullopt;
+}
+
+bool contains(const std::string& text, const char* word) {
+  return text.find(word) != std::string::npos;
+}
+
+// Whether the first flags line of a /proc/cpuinfo text is there, and
+// whether it names the hypervisor flag.
+void flagsLine(const std::string* cpuinfo, bool* there, bool* flag) {
+  if (cpuinfo == nullptr) return;
+  for (std::size_t at = 0; at < cpuinfo->size();) {
+    std::size_t end = cpuinfo->find('\n', at);
+    if (end == std::string::npos) end = cpuinfo->size();
+    if (cpuinfo->compare(at, 5, "flags") == 0) {
+      *there = true;
+      *flag = contains(" " + cpuinfo->substr(at, end - at) + " ", " hypervisor ");
+      return;
+    }
+    at = end + 1;
+  }
+}
+
+// VMware names itself in the DMI strings of its virtual firmware, which
+// every VMware machine has. Another hypervisor shows in the processor's
+// hypervisor flag (which every hypervisor of this century sets), in
+// /sys/hypervisor/type (Xen), or in DMI strings that name it. No flag on a
+// flags line that is there, and nothing else, is no virtual machine; with
+// neither flags nor DMI nothing is known.
+std::optional<Hypervisor> hypervisorState(SystemRoot& root, const std::string* cpuinfo) {
+  std::string vendor;
+  std::string product;
+  std::string type;
+  root.text("sys/class/dmi/id/sys_vendor", &vendor);
+  root.text("sys/class/dmi/id/product_name", &product);
+  root.text("sys/hypervisor/type", &type);
+  const std::string dmi = vendor + "\n" + product;
+  if (contains(dmi, "VMware")) return Hypervisor::kVmware;
+  bool there = false;
+  bool flag = false;
+  flagsLine(cpuinfo, &there, &flag);
+  static const char* const kHypervisors[] = {"QEMU",       "KVM",       "Xen",
+                                             "VirtualBox", "innotek",   "Bochs",
+                                             "BHYVE",      "Parallels", "Virtual Machine"};
+  bool named = false;
+  for (const char* name : kHypervisors)
+    named = named || contains(dmi, name);
+  if (flag || !type.empty() || named) return Hypervisor::kOther;
+  if (there) return Hypervisor::kNone;
+  return std::nullopt;
+}
+
+KernelTopology readTopology(const std::string& dir, const std::string* cpuinfo) {
+  KernelTopology k;
+  SystemRoot root(dir);
+  if (!root.isOpen()) {
+    k.missing = root.openError();
+    return k;
+  }
+  std::vector<unsigned> online;
+  int maxThreads = 0;
+  const Read r = onlineProcessors(root, &online);
+  if (r == Read::kAbsent) k.missing = "no sys/devices/system/cpu/online";
+  if (r == Read::kOk && online.empty()) k.missing = "sys/devices/system/cpu/online is empty";
+  if (r == Read::kOk && !online.empty()) {
+    k.logicalProcessors = static_cast<std::int32_t>(online.size());
+    countTopology(root, online, &k, &maxThreads);
+  }
+  k.smt = smtState(root, maxThreads);
+  k.hypervisor = hypervisorState(root, cpuinfo);
+  k.error = root.error();
+  if (!k.error.empty()) {
+    // A broken file: no field is taken from a tree that holds one.
+    k = KernelTopology{{}, {}, {}, {}, {}, "a broken file", root.error()};
+  }
+  return k;
+}
+
+}  // namespace
+
+KernelTopology kernelTopology(const Source& source) noexcept {
+  try {
+    const SourceData& data = source.data();
+    if (data.kind == Source::Kind::kSnapshot) {
+      const auto& cpuinfo = data.snapshot.cpuinfo;
+      return readTopology(data.name, cpuinfo ? &*cpuinfo : nullptr);
+    }
+    if (data.kind == Source::Kind::kCpuinfo) return {};
+    std::string cpuinfo;
+    std::string why;
+    const bool have = detail::readWholeFile(AT_FDCWD, "/proc/cpuinfo", detail::kCpuinfoCap,
+                                            &cpuinfo, &why) == Read::kOk;
+    return readTopology("/", have ? &cpuinfo : nullptr);
+  } catch (const std::bad_alloc&) {
+    KernelTopology k;
+    k.error = "out of memory";
+    return k;
+  }
+}
+
+std::optional<Smt> smtOf(const Detection& d) noexcept {
+  if (!d.counted) return std::nullopt;
+  switch (d.hyperThreading) {
+    case HyperThreading::kNotCapable:
+      return Smt::kNotSupported;
+    case HyperThreading::kDisabled:
+      return Smt::kOff;
+    case HyperThreading::kEnabled:
+    case HyperThreading::kEnabledOverTwiceCores:
+      return Smt::kOn;
+    case HyperThreading::kNotDetermined:
+      break;
+  }
+  return std::nullopt;
+}
+
+std::optional<Hypervisor> hypervisorOf(const Detection& d) noexcept {
+  if (!d.counted) return std::nullopt;
+  if (d.vm == VmState::kNone) return Hypervisor::kNone;
+  if (d.vm == VmState::kVmware) return Hypervisor::kVmware;
+  // 15 names an unknown virtual machine only after the CPUID estimate;
+  // elsewhere it is the detectors' "not determined".
+  if (d.vm == VmState::kNotDetermined && d.endedBy == Strategy::kCpuid) return Hypervisor::kOther;
+  return std::nullopt;
+}
+
+Agreement compare(const Detection& d, const KernelTopology& k) noexcept {
+  Agreement a;
+  if (!d.counted) return a;
+  auto same = [](auto mine, auto theirs) {
+    if (!mine || !theirs) return Same::kUnknown;
+    return *mine == *theirs ? Same::kYes : Same::kNo;
+  };
+  a.packages = same(std::optional<std::int32_t>(d.packages), k.packages);
+  a.cores = same(std::optional<std::int32_t>(d.cores), k.cores);
+  a.logicalProcessors = same(std::optional<std::int32_t>(d.logicalProcessors), k.logicalProcessors);
+  a.smt = same(smtOf(d), k.smt);
+  a.hypervisor = same(hypervisorOf(d), k.hypervisor);
+  return a;
+}
+
+}  // namespace xrprocdetector

@@ -1,0 +1,174 @@
+// Loading a snapshot directory, or a system root recorded for other
+// topology tools, through the system-root reader.
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <new>
+
+#include "snapshot/snapshot_io.h"
+#include "sysroot/root.h"
+
+namespace dt = xrprocdetector::detail;
+using dt::Read;
+
+namespace {
+
+// Reads `path` under the root into *text. kFailed sets *error, naming the
+// file.
+Read readPart(const dt::SystemRoot& root, const std::string& path, std::size_t cap,
+              std::string* text, std::string* error) {
+  std::string why;
+  const Read r = dt::readWholeFile(root.fd(), path, cap, text, &why);
+  if (r == Read::kFailed) *error = root.shown(path) + ": " + why;
+  return r;
+}
+
+// The number N of a dump's name "puN". False for a name that is not a dump
+// at all ("pu0.txt", "info"); *problem is set for a dump's name that cannot
+// be taken: not in canonical form (a leading zero), or above the limit.
+bool dumpNumber(const char* name, unsigned* n, std::string* problem) {
+  if (std::strncmp(name, "pu", 2) != 0 || name[2] < '0' || name[2] > '9') return false;
+  const char* digits = name + 2;
+  std::size_t length = 0;
+  while (digits[length] >= '0' && digits[length] <= '9')
+    ++length;
+  if (digits[length] != '\0') return false;
+  if (length > 1 && digits[0] == '0') {
+    *problem = "not a processor number in canonical form (no leading zero)";
+    return true;
+  }
+  unsigned long value = 0;
+  for (std::size_t i = 0; i < length && value < kSnapshotMaxProcessors; ++i)
+    value = value * 10 + static_cast<unsigned long>(digits[i] - '0');
+  if (value >= kSnapshotMaxProcessors) {
+    *problem = "processor number above " + std::to_string(kSnapshotMaxProcessors - 1);
+    return true;
+  }
+  *n = static_cast<unsigned>(value);
+  return true;
+}
+
+// cpuid/puN (or the folder's own puN, for a CPUID folder given alone).
+bool loadDumps(const dt::SystemRoot& root, const std::string& folder, XrMachineSnapshot* s,
+               std::string* error) {
+  const int fd = ::openat(root.fd(), folder.empty() ? "." : folder.c_str(),
+                          O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NONBLOCK);
+  if (fd < 0) {
+    if (errno == ENOENT) return true;
+    *error = root.shown(folder) + ": " + std::strerror(errno);
+    return false;
+  }
+  DIR* listing = ::fdopendir(fd);
+  if (listing == nullptr) {
+    ::close(fd);
+    *error = root.shown(folder) + ": " + std::strerror(errno);
+    return false;
+  }
+  const std::string prefix = folder.empty() ? "" : folder + "/";
+  std::vector<unsigned> processors;
+  while (const dirent* entry = ::readdir(listing)) {
+    unsigned n = 0;
+    std::string problem;
+    if (!dumpNumber(entry->d_name, &n, &problem)) continue;
+    if (!problem.empty()) {
+      *error = root.shown(prefix + entry->d_name) + ": " + problem;
+      ::closedir(listing);
+      return false;
+    }
+    processors.push_back(n);
+  }
+  ::closedir(listing);
+  std::sort(processors.begin(), processors.end());
+  std::string text;
+  for (const unsigned n : processors) {
+    const std::string file = prefix + "pu" + std::to_string(n);
+    const Read r = readPart(root, file, dt::kCpuidDumpCap, &text, error);
+    if (r == Read::kAbsent) *error = root.shown(file) + ": vanished while the snapshot was read";
+    if (r != Read::kOk) return false;
+    if (!dt::parseCpuidDump(text, &s->cpuid[n], error)) {
+      *error = root.shown(file) + " " + *error;
+      return false;
+    }
+  }
+  return true;
+}
+
+bool loadMetadata(const dt::SystemRoot& root, const std::string& text, XrMachineSnapshot* s,
+                  std::string* error) {
+  dt::SnapshotMetadata m;
+  if (!dt::parseMetadata(text, &m, error)) {
+    *error = root.shown("xrprocdetect.json") + " " + *error;
+    return false;
+  }
+  s->hasMetadata = true;
+  s->configured = m.configured;
+  s->online = m.online;
+  s->affinity = std::move(m.affinity);
+  s->vmwareBackdoor = m.vmwareBackdoor;
+  return true;
+}
+
+// Without the metadata: the counts as glibc takes them from the lists, and
+// the affinity of a process that nothing restricted.
+bool loadLists(dt::SystemRoot& root, XrMachineSnapshot* s, std::string* error) {
+  std::vector<unsigned> possible;
+  std::vector<unsigned> online;
+  Read r = root.list("sys/devices/system/cpu/possible", kSnapshotMaxProcessors, &possible);
+  if (r == Read::kOk) s->configured = static_cast<long>(possible.size());
+  if (r != Read::kFailed) {
+    r = root.list("sys/devices/system/cpu/online", kSnapshotMaxProcessors, &online);
+    if (r == Read::kOk) s->online = static_cast<long>(online.size());
+    if (r == Read::kOk) s->affinity = std::move(online);
+  }
+  if (r != Read::kFailed) return true;
+  *error = root.error();
+  return false;
+}
+
+bool load(const std::string& dir, XrMachineSnapshot* s, std::string* error) {
+  *s = XrMachineSnapshot();
+  struct stat st;
+  if (::stat(dir.c_str(), &st) != 0) return *error = dir + ": " + std::strerror(errno), false;
+  if (!S_ISDIR(st.st_mode)) return *error = dir + ": not a directory", false;
+  dt::SystemRoot root(dir);
+  if (!root.isOpen()) return *error = root.openError(), false;
+  if (root.exists(".xrprocdetect-saving")) {
+    *error = dir + ": an unfinished save (it has no xrprocdetect.json); save the snapshot again";
+    return false;
+  }
+  const bool cpuidAlone = root.exists("pu0") && !root.exists("proc/cpuinfo");
+  if (!cpuidAlone && !root.exists("proc/cpuinfo") && !root.exists("sys/devices/system/cpu") &&
+      !root.exists("cpuid") && !root.exists("xrprocdetect.json")) {
+    *error = "not a snapshot: " + dir +
+             " holds none of proc/cpuinfo, sys/devices/system/cpu, cpuid/ and xrprocdetect.json";
+    return false;
+  }
+  std::string text;
+  Read r = readPart(root, "proc/cpuinfo", dt::kCpuinfoCap, &text, error);
+  if (r == Read::kFailed) return false;
+  if (r == Read::kOk) s->cpuinfo = std::move(text);
+  r = readPart(root, "xrprocdetect.json", dt::kSmallFileCap, &text, error);
+  if (r == Read::kFailed) return false;
+  if (r == Read::kOk ? !loadMetadata(root, text, s, error) : !loadLists(root, s, error))
+    return false;
+  // A CPUID folder given by itself (as its gathering tool writes it) is a
+  // snapshot of CPUID alone.
+  return loadDumps(root, cpuidAlone && !s->hasMetadata ? "" : "cpuid", s, error);
+}
+
+}  // namespace
+
+bool xrLoadSnapshot(const std::string& dir, XrMachineSnapshot* snapshot,
+                    std::string* error) noexcept {
+  try {
+    return load(dir, snapshot, error);
+  } catch (const std::bad_alloc&) {
+    *error = dir + ": out of memory";
+    return false;
+  }
+}

@@ -1,0 +1,291 @@
+// Saving this machine into a snapshot directory. Everything is written into
+// a working folder inside the directory and moved into place at the end,
+// xrprocdetect.json last; a save that fails removes what it wrote, and one
+// cut off (the process killed) leaves the working folder, which loading
+// refuses as an unfinished save.
+#include <dirent.h>
+#include <fcntl.h>
+#include <ftw.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <new>
+
+#include "platform/machine.h"
+#include "snapshot/snapshot_io.h"
+#include "sysroot/root.h"
+
+namespace dt = xrprocdetector::detail;
+using dt::Read;
+
+namespace {
+
+const char kWork[] = ".xrprocdetect-saving";
+// What the working folder holds, in the order it is moved into place.
+const char* const kParts[] = {"proc", "sys", "cpuid", "xrprocdetect.json"};
+
+const char* const kTopology[] = {"physical_package_id",
+                                 "die_id",
+                                 "core_id",
+                                 "core_cpus_list",
+                                 "core_cpus",
+                                 "thread_siblings",
+                                 "thread_siblings_list",
+                                 "core_siblings",
+                                 "core_siblings_list",
+                                 "package_cpus_list",
+                                 "package_cpus",
+                                 "die_cpus_list",
+                                 "die_cpus"};
+
+class Fd {
+ public:
+  explicit Fd(int fd = -1) : fd_(fd) {}
+  ~Fd() {
+    if (fd_ >= 0) ::close(fd_);
+  }
+  Fd(const Fd&) = delete;
+  Fd& operator=(const Fd&) = delete;
+  int get() const { return fd_; }
+
+ private:
+  int fd_;
+};
+
+// Copies live files into the working folder, naming each by where it will
+// stand in the snapshot.
+class Saver {
+ public:
+  Saver(const std::string& dir, int work, std::string* error)
+      : shown_(dir + "/"), work_(work), live_("/"), error_(error) {}
+
+  bool fail(const std::string& what) {
+    *error_ = what + ": " + std::strerror(errno);
+    return false;
+  }
+
+  // Makes the folders of `path` (relative to the snapshot) that are not
+  // there yet.
+  bool makeDirs(const std::string& path) {
+    for (std::size_t at = 0; at != std::string::npos;) {
+      at = path.find('/', at + 1);
+      const std::string part = path.substr(0, at);
+      if (::mkdirat(work_, part.c_str(), 0755) != 0 && errno != EEXIST)
+        return fail("cannot create " + shown_ + part);
+    }
+    return true;
+  }
+
+  bool write(const std::string& path, const std::string& data) {
+    const int fd =
+        ::openat(work_, path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644);
+    if (fd < 0) return fail("cannot create " + shown_ + path);
+    std::size_t done = 0;
+    while (done < data.size()) {
+      const ssize_t n = ::write(fd, data.data() + done, data.size() - done);
+      if (n < 0 && errno == EINTR) continue;
+      if (n <= 0) {
+        const int saved = n == 0 ? ENOSPC : errno;
+        ::close(fd);
+        errno = saved;
+        return fail("cannot write " + shown_ + path);
+      }
+      done += static_cast<std::size_t>(n);
+    }
+    if (::close(fd) != 0) return fail("cannot write " + shown_ + path);
+    return true;
+  }
+
+  // Copies the live file at `path` to the same path in the snapshot. A file
+  // that is absent, or that the kernel shows but will not give (permissions,
+  // hardware that refuses), is left out unless `required`.
+  bool copy(const std::string& path, bool required) {
+    std::string text;
+    std::string why;
+    const Read r = dt::readWholeFile(live_.fd(), path, dt::kCpuinfoCap, &text, &why);
+    if (r == Read::kOk) return write(path, text);
+    if (!required) return true;
+    *error_ =
+        "/" + path + ": " + (r == Read::kAbsent ? "cannot open: No such file or directory" : why);
+    return false;
+  }
+
+  bool exists(const std::string& path) const { return live_.exists(path); }
+
+ private:
+  std::string shown_;
+  int work_;
+  dt::SystemRoot live_;
+  std::string* error_;
+};
+
+bool isNumbered(const char* name, const char* prefix) {
+  const std::size_t n = std::strlen(prefix);
+  if (std::strncmp(name, prefix, n) != 0 || name[n] == '\0') return false;
+  for (const char* c = name + n; *c != '\0'; ++c) {
+    if (*c < '0' || *c > '9') return false;
+  }
+  return true;
+}
+
+// The processor folders cpuN of the live sys/devices/system/cpu, in order.
+std::vector<unsigned> liveProcessorFolders() {
+  std::vector<unsigned> numbers;
+  if (DIR* listing = ::opendir("/sys/devices/system/cpu")) {
+    while (const dirent* entry = ::readdir(listing)) {
+      if (isNumbered(entry->d_name, "cpu") && std::strlen(entry->d_name) < 9)
+        numbers.push_back(static_cast<unsigned>(std::atoi(entry->d_name + 3)));
+    }
+    ::closedir(listing);
+  }
+  std::sort(numbers.begin(), numbers.end());
+  return numbers;
+}
+
+// proc/cpuinfo, sys/devices/system/cpu and the few other kernel files.
+bool saveKernelFiles(Saver& saver) {
+  const std::string cpu = "sys/devices/system/cpu/";
+  if (!saver.makeDirs("proc") || !saver.copy("proc/cpuinfo", true)) return false;
+  if (!saver.makeDirs(cpu.substr(0, cpu.size() - 1))) return false;
+  for (const char* name : {"possible", "present", "online"}) {
+    if (!saver.copy(cpu + name, true)) return false;
+  }
+  for (const unsigned n : liveProcessorFolders()) {
+    const std::string folder = cpu + "cpu" + std::to_string(n) + "/";
+    if (!saver.makeDirs(folder + "topology") || !saver.copy(folder + "online", false)) return false;
+    for (const char* file : kTopology) {
+      if (!saver.copy(folder + "topology/" + file, false)) return false;
+    }
+  }
+  if (saver.exists(cpu + "smt")) {
+    if (!saver.makeDirs(cpu + "smt") || !saver.copy(cpu + "smt/active", false) ||
+        !saver.copy(cpu + "smt/control", false))
+      return false;
+  }
+  if (!saver.makeDirs("sys/class/dmi/id") || !saver.copy("sys/class/dmi/id/sys_vendor", false) ||
+      !saver.copy("sys/class/dmi/id/product_name", false))
+    return false;
+  if (!saver.exists("sys/hypervisor/type")) return true;
+  return saver.makeDirs("sys/hypervisor") && saver.copy("sys/hypervisor/type", false);
+}
+
+// CPUID on every processor of the thread's affinity, pinned to each; the
+// affinity is given back after.
+bool saveDumps(Saver& saver, std::vector<unsigned>* affinity) {
+  cpu_set_t saved;
+  CPU_ZERO(&saved);
+  if (sched_getaffinity(0, sizeof saved, &saved) != 0)
+    return saver.fail("cannot read the thread's affinity");
+  for (unsigned p = 0; p < kSnapshotMaxProcessors; ++p) {
+    if (CPU_ISSET(p, &saved)) affinity->push_back(p);
+  }
+  if (!saver.makeDirs("cpuid")) return false;
+  bool ok = true;
+  for (const unsigned p : *affinity) {
+    cpu_set_t one;
+    CPU_ZERO(&one);
+    CPU_SET(p, &one);
+    if (sched_setaffinity(0, sizeof one, &one) != 0) {
+      ok = saver.fail("cannot pin the thread to processor " + std::to_string(p));
+      break;
+    }
+    if (!saver.write("cpuid/pu" + std::to_string(p), dt::dumpThisProcessor())) {
+      ok = false;
+      break;
+    }
+  }
+  sched_setaffinity(0, sizeof saved, &saved);
+  return ok;
+}
+
+int removeOne(const char* path, const struct stat*, int type, struct FTW*) {
+  return type == FTW_DP ? ::rmdir(path) : ::unlink(path);
+}
+
+// Removes `path` and all below it; links are removed, never followed.
+void removeTree(const std::string& path) {
+  ::nftw(path.c_str(), removeOne, 16, FTW_DEPTH | FTW_PHYS);
+}
+
+// The directory: new, or empty; never a symbolic link. *created says
+// whether this save made it.
+bool prepare(const std::string& dir, bool* created, std::string* error) {
+  struct stat st;
+  if (::lstat(dir.c_str(), &st) == 0 && S_ISLNK(st.st_mode)) {
+    *error = dir +
+             ": a symbolic link; a snapshot goes into a new or empty directory, named "
+             "itself rather than through a link";
+    return false;
+  }
+  *created = ::mkdir(dir.c_str(), 0755) == 0;
+  if (!*created && errno != EEXIST)
+    return *error = "cannot create " + dir + ": " + std::strerror(errno), false;
+  DIR* listing = ::opendir(dir.c_str());
+  if (listing == nullptr) return *error = "cannot open " + dir + ": " + std::strerror(errno), false;
+  bool empty = true;
+  while (const dirent* entry = ::readdir(listing)) {
+    if (std::strcmp(entry->d_name, ".") != 0 && std::strcmp(entry->d_name, "..") != 0)
+      empty = false;
+  }
+  ::closedir(listing);
+  if (!empty) *error = dir + ": not empty; a snapshot goes into a new or empty directory";
+  return empty;
+}
+
+// Everything into the working folder, then into place, the metadata last.
+bool saveInto(const std::string& dir, int root, const std::string& savedBy, std::string* error) {
+  if (::mkdirat(root, kWork, 0755) != 0)
+    return *error = "cannot create " + dir + "/" + kWork + ": " + std::strerror(errno), false;
+  Fd work(::openat(root, kWork, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  Saver saver(dir, work.get(), error);
+  if (work.get() < 0) return saver.fail("cannot open " + dir + "/" + kWork);
+  dt::SnapshotMetadata metadata;
+  if (!saveKernelFiles(saver) || !saveDumps(saver, &metadata.affinity)) return false;
+  {
+    const dt::SignalState signals;
+    metadata.vmwareBackdoor = dt::guardedVmwareProbe();
+  }
+  metadata.configured = sysconf(_SC_NPROCESSORS_CONF);
+  metadata.online = sysconf(_SC_NPROCESSORS_ONLN);
+  if (!saver.write("xrprocdetect.json", dt::formatMetadata(metadata, savedBy))) return false;
+  for (const char* part : kParts) {
+    if (::renameat(work.get(), part, root, part) != 0)
+      return saver.fail("cannot move " + dir + "/" + kWork + "/" + part + " into place");
+  }
+  if (::unlinkat(root, kWork, AT_REMOVEDIR) != 0)
+    return saver.fail("cannot remove " + dir + "/" + kWork);
+  return true;
+}
+
+bool save(const std::string& dir, const std::string& savedBy, std::string* error) {
+  if (dt::MachineStandIn::active() != nullptr) {
+    *error = "cannot save a snapshot while a snapshot replay is active on this thread";
+    return false;
+  }
+  bool created = false;
+  if (!prepare(dir, &created, error)) return false;
+  Fd root(::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  if (root.get() < 0) return *error = "cannot open " + dir + ": " + std::strerror(errno), false;
+  if (saveInto(dir, root.get(), savedBy, error)) return true;
+  // Leave the directory as it was found: empty, or not there at all.
+  for (const char* part : kParts)
+    removeTree(dir + "/" + part);
+  removeTree(dir + "/" + kWork);
+  if (created) ::rmdir(dir.c_str());
+  return false;
+}
+
+}  // namespace
+
+bool xrSaveSnapshot(const std::string& dir, const std::string& savedBy,
+                    std::string* error) noexcept {
+  try {
+    return save(dir, savedBy, error);
+  } catch (const std::bad_alloc&) {
+    *error = dir + ": out of memory";
+    return false;
+  }
+}

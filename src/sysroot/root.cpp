@@ -1,0 +1,249 @@
+#include "sysroot/root.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace xrprocdetector {
+namespace detail {
+
+namespace {
+
+const char* kindOf(mode_t mode) {
+  if (S_ISDIR(mode)) return "a directory";
+  if (S_ISFIFO(mode)) return "a FIFO";
+  if (S_ISSOCK(mode)) return "a socket";
+  if (S_ISCHR(mode) || S_ISBLK(mode)) return "a device";
+  return "not a regular file";
+}
+
+std::string strerrorText(int error) {
+  return std::strerror(error);
+}
+
+}  // namespace
+
+Read readWholeFile(int dirFd, const std::string& path, std::size_t cap, std::string* text,
+                   std::string* error, bool anyKind) {
+  text->clear();
+  // O_NONBLOCK: opening a FIFO that no one writes to must not wait.
+  const int fd = ::openat(dirFd, path.c_str(), O_RDONLY | O_CLOEXEC | (anyKind ? 0 : O_NONBLOCK));
+  if (fd < 0) {
+    if (errno == ENOENT) return Read::kAbsent;
+    *error = "cannot open: " + strerrorText(errno);
+    return Read::kFailed;
+  }
+  struct stat st;
+  if (!anyKind && (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode))) {
+    *error = std::string(kindOf(st.st_mode)) + ", not a regular file";
+    ::close(fd);
+    return Read::kFailed;
+  }
+  char buffer[16384];
+  for (;;) {
+    const ssize_t n = ::read(fd, buffer, sizeof buffer);
+    if (n > 0 && text->size() + static_cast<std::size_t>(n) > cap) {
+      *error = cap >= (1u << 20) ? "larger than " + std::to_string(cap >> 20) + " MiB"
+                                 : "larger than " + std::to_string(cap) + " bytes";
+      break;
+    }
+    if (n > 0) {
+      text->append(buffer, static_cast<std::size_t>(n));
+      continue;
+    }
+    if (n == 0) {
+      ::close(fd);
+      return Read::kOk;
+    }
+    if (errno != EINTR) {
+      *error = "cannot read: " + strerrorText(errno);
+      break;
+    }
+  }
+  ::close(fd);
+  return Read::kFailed;
+}
+
+bool parseProcessorList(std::string_view text, unsigned limit, std::vector<unsigned>* processors,
+                        std::string* error) {
+  processors->clear();
+  // One line; its end is optional.
+  if (!text.empty() && text.back() == '\n') text.remove_suffix(1);
+  if (text.empty()) return true;
+  const std::string last = std::to_string(limit - 1);
+  std::size_t pos = 0;
+  auto number = [&](unsigned* value) {
+    const std::size_t from = pos;
+    unsigned v = 0;
+    while (pos < text.size() && text[pos] >= '0' && text[pos] <= '9') {
+      v = v * 10 + static_cast<unsigned>(text[pos] - '0');
+      if (v >= limit) return false;
+      ++pos;
+    }
+    *value = v;
+    return pos > from;
+  };
+  for (;;) {
+    unsigned first = 0;
+    unsigned end = 0;
+    bool ok = number(&first);
+    end = first;
+    if (ok && pos < text.size() && text[pos] == '-') {
+      ++pos;
+      ok = number(&end) && end >= first;
+    }
+    if (!ok) {
+      // A number stopped before its last digit was too large.
+      const bool tooLarge = pos < text.size() && text[pos] >= '0' && text[pos] <= '9';
+      *error = tooLarge ? "line 1: a processor number above " + last +
+                              " (the detectors' processor sets hold 0 to " + last + ")"
+                        : "line 1: not a processor list such as 0-3,8-11";
+      return false;
+    }
+    if (!processors->empty() && first <= processors->back()) {
+      *error = "line 1: processor numbers are not in increasing order";
+      return false;
+    }
+    for (unsigned p = first; p <= end; ++p)
+      processors->push_back(p);
+    if (pos == text.size()) return true;
+    if (text[pos] != ',') {
+      *error = "line 1: not a processor list such as 0-3,8-11";
+      return false;
+    }
+    ++pos;
+  }
+}
+
+std::string formatProcessorList(const std::vector<unsigned>& processors) {
+  std::string out;
+  for (std::size_t i = 0; i < processors.size();) {
+    std::size_t j = i;
+    while (j + 1 < processors.size() && processors[j + 1] == processors[j] + 1)
+      ++j;
+    if (!out.empty()) out += ',';
+    out += std::to_string(processors[i]);
+    if (j > i) out += '-' + std::to_string(processors[j]);
+    i = j + 1;
+  }
+  return out;
+}
+
+bool parseCpuMask(std::string_view text, unsigned limit, std::vector<unsigned>* processors,
+                  std::string* error) {
+  processors->clear();
+  if (!text.empty() && text.back() == '\n') text.remove_suffix(1);
+  unsigned bit = 0;
+  // From the least significant digit, the last one.
+  for (std::size_t i = text.size(); i-- > 0;) {
+    const char c = text[i];
+    if (c == ',') continue;
+    const int digit = c >= '0' && c <= '9'   ? c - '0'
+                      : c >= 'a' && c <= 'f' ? c - 'a' + 10
+                      : c >= 'A' && c <= 'F' ? c - 'A' + 10
+                                             : -1;
+    if (digit < 0) {
+      *error = "line 1: not a CPU mask such as 00000000,000000ff";
+      return false;
+    }
+    for (unsigned b = 0; b < 4; ++b) {
+      if ((digit >> b & 1) == 0) continue;
+      if (bit + b >= limit) {
+        *error = "line 1: a processor number above " + std::to_string(limit - 1);
+        return false;
+      }
+      processors->push_back(bit + b);  // from the lowest bit up: in order
+    }
+    bit += 4;
+  }
+  return true;
+}
+
+std::string jsonQuoted(std::string_view text) {
+  std::string out = "\"";
+  for (const unsigned char c : text) {
+    if (c == '"' || c == '\\') {
+      out += '\\';
+      out += static_cast<char>(c);
+    } else if (c == '\n') {
+      out += "\\n";
+    } else if (c == '\t') {
+      out += "\\t";
+    } else if (c < 0x20) {
+      char escaped[8];
+      std::snprintf(escaped, sizeof escaped, "\\u%04x", c);
+      out += escaped;
+    } else {
+      out += static_cast<char>(c);
+    }
+  }
+  return out + "\"";
+}
+
+SystemRoot::SystemRoot(const std::string& dir) : dir_(dir) {
+  fd_ = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (fd_ < 0) openError_ = dir + ": " + strerrorText(errno);
+}
+
+SystemRoot::~SystemRoot() {
+  if (fd_ >= 0) ::close(fd_);
+}
+
+std::string SystemRoot::shown(const std::string& path) const {
+  if (dir_ == "/") return "/" + path;
+  return dir_ + (!dir_.empty() && dir_.back() == '/' ? "" : "/") + path;
+}
+
+Read SystemRoot::fail(const std::string& path, const std::string& why) {
+  if (error_.empty()) error_ = shown(path) + (why.compare(0, 5, "line ") == 0 ? " " : ": ") + why;
+  return Read::kFailed;
+}
+
+bool SystemRoot::exists(const std::string& path) const {
+  struct stat st;
+  return fd_ >= 0 && ::fstatat(fd_, path.c_str(), &st, 0) == 0;
+}
+
+Read SystemRoot::text(const std::string& path, std::string* out) {
+  std::string why;
+  const Read r = readWholeFile(fd_, path, kSmallFileCap, out, &why);
+  if (r == Read::kFailed) return fail(path, why);
+  while (!out->empty() && std::strchr(" \t\n\r", out->back()) != nullptr)
+    out->pop_back();
+  return r;
+}
+
+Read SystemRoot::number(const std::string& path, long* value) {
+  std::string t;
+  const Read r = text(path, &t);
+  if (r != Read::kOk) return r;
+  char* end = nullptr;
+  errno = 0;
+  *value = std::strtol(t.c_str(), &end, 10);
+  if (t.empty() || *end != '\0' || errno != 0) return fail(path, "line 1: not a whole number");
+  return Read::kOk;
+}
+
+Read SystemRoot::list(const std::string& path, unsigned limit, std::vector<unsigned>* out) {
+  std::string t;
+  std::string why;
+  const Read r = text(path, &t);
+  if (r == Read::kOk && !parseProcessorList(t, limit, out, &why)) return fail(path, why);
+  return r;
+}
+
+Read SystemRoot::mask(const std::string& path, unsigned limit, std::vector<unsigned>* out) {
+  std::string t;
+  std::string why;
+  const Read r = text(path, &t);
+  if (r == Read::kOk && !parseCpuMask(t, limit, out, &why)) return fail(path, why);
+  return r;
+}
+
+}  // namespace detail
+}  // namespace xrprocdetector

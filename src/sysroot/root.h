@@ -1,0 +1,87 @@
+// The one reader of a system root: the live machine ("/"), a snapshot
+// directory, or a tree recorded for other topology tools. Every file is read
+// relative to the root's directory descriptor, opened without blocking and
+// taken only when it is a regular file no larger than its cap, so a FIFO, a
+// device or a runaway file among collected directories is named as broken
+// instead of hanging or exhausting the reader. Live /proc and /sys files are
+// regular files and read as usual.
+#ifndef XRPROCDETECTOR_SRC_SYSROOT_ROOT_H
+#define XRPROCDETECTOR_SRC_SYSROOT_ROOT_H
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace xrprocdetector {
+namespace detail {
+
+enum class Read { kOk, kAbsent, kFailed };
+
+// Caps that fit what each kind of file holds. A /proc/cpuinfo of 8,192
+// processors is about 16 MiB.
+constexpr std::size_t kCpuinfoCap = 64u << 20;
+constexpr std::size_t kSmallFileCap = 64u << 10;  // a list, mask, number or word
+constexpr std::size_t kCpuidDumpCap = 1u << 20;   // a real dump is a few hundred lines
+
+// Reads `path` under the directory `dirFd` (AT_FDCWD: the path itself) into
+// *text. Only a regular file is read, unless `anyKind` (a saved text the
+// user names, which may be a pipe); never more than `cap` bytes. kAbsent
+// when there is no such file; kFailed with *error saying why otherwise
+// ("a FIFO, not a regular file", "larger than 65536 bytes", ...).
+Read readWholeFile(int dirFd, const std::string& path, std::size_t cap, std::string* text,
+                   std::string* error, bool anyKind = false);
+
+// A kernel processor list such as "0-3,8-11\n": increasing, no repeats,
+// every number below `limit`. An empty list is valid. On failure *error is
+// "line 1: ..." (the list's only line).
+bool parseProcessorList(std::string_view text, unsigned limit, std::vector<unsigned>* processors,
+                        std::string* error);
+std::string formatProcessorList(const std::vector<unsigned>& processors);
+// A kernel CPU mask: 32-bit hexadecimal words, most significant first,
+// separated by commas. The processors in increasing order, each below
+// `limit`.
+bool parseCpuMask(std::string_view text, unsigned limit, std::vector<unsigned>* processors,
+                  std::string* error);
+
+// A JSON string literal of `text`.
+std::string jsonQuoted(std::string_view text);
+
+// A directory of a machine's files, open for the reader's lifetime.
+class SystemRoot {
+ public:
+  explicit SystemRoot(const std::string& dir);
+  ~SystemRoot();
+  SystemRoot(const SystemRoot&) = delete;
+  SystemRoot& operator=(const SystemRoot&) = delete;
+
+  bool isOpen() const { return fd_ >= 0; }
+  int fd() const { return fd_; }
+  const std::string& openError() const { return openError_; }
+  const std::string& dir() const { return dir_; }
+  // `path` as a message names it: under the directory as given.
+  std::string shown(const std::string& path) const;
+
+  // A small file, without its trailing white space. A failure is recorded
+  // (the first one is kept, naming the file) as well as returned.
+  Read text(const std::string& path, std::string* out);
+  Read number(const std::string& path, long* value);
+  Read list(const std::string& path, unsigned limit, std::vector<unsigned>* out);
+  Read mask(const std::string& path, unsigned limit, std::vector<unsigned>* out);
+  // The first failure met, naming its file; empty when there was none.
+  const std::string& error() const { return error_; }
+  bool exists(const std::string& path) const;
+
+ private:
+  Read fail(const std::string& path, const std::string& why);
+  std::string dir_;
+  int fd_ = -1;
+  std::string openError_;
+  std::string error_;
+};
+
+}  // namespace detail
+}  // namespace xrprocdetector
+
+#endif  // XRPROCDETECTOR_SRC_SYSROOT_ROOT_H

@@ -129,10 +129,12 @@ std::string agreementWords(const Detection& row, const KernelTopology& k) {
   note(a.smt, "hyper-threading", kernelSmtWords(smtOf(row)), kernelSmtWords(k.smt));
   note(a.hypervisor, "virtual machine", kernelVmWords(hypervisorOf(row)),
        kernelVmWords(k.hypervisor));
-  const bool none = a.packages == Same::kUnknown && a.cores == Same::kUnknown &&
-                    a.logicalProcessors == Same::kUnknown && a.smt == Same::kUnknown &&
-                    a.hypervisor == Same::kUnknown;
-  if (none) return "not compared: the kernel row has none of the row's fields";
+  // "yes" needs the counts: a match of states alone is no agreement.
+  const bool noCount = a.packages == Same::kUnknown && a.cores == Same::kUnknown &&
+                       a.logicalProcessors == Same::kUnknown;
+  if (noCount && a.smt == Same::kUnknown && a.hypervisor == Same::kUnknown)
+    return "not compared: the kernel row has none of the row's fields";
+  if (noCount && differ.empty()) return "not compared: " + unknown;
   std::string out = !differ.empty()   ? "no: " + differ
                     : unknown.empty() ? "yes"
                                       : "yes, where compared";

@@ -1,7 +1,7 @@
 // The snapshot readers on arbitrary bytes: the CPUID dump parser (and a
 // lookup in what it accepted), the processor-list parser (whose output must
 // be sorted, bounded and survive a round trip through its formatter), and
-// the metadata parser. None may crash, hang or accept what it then cannot
+// the CPU-mask parser and the metadata parser. None may crash, hang or accept what it then cannot
 // hold.
 #include <cstdint>
 #include <cstdlib>
@@ -26,15 +26,24 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   }
 
   std::vector<unsigned> processors;
-  if (dt::parseProcessorList(text, &processors, &error)) {
+  if (dt::parseProcessorList(text, kSnapshotMaxProcessors, &processors, &error)) {
     for (std::size_t i = 0; i < processors.size(); ++i) {
       if (processors[i] >= kSnapshotMaxProcessors || (i > 0 && processors[i] <= processors[i - 1]))
         std::abort();
     }
     std::vector<unsigned> again;
-    if (!dt::parseProcessorList(dt::formatProcessorList(processors), &again, &error) ||
+    if (!dt::parseProcessorList(dt::formatProcessorList(processors), kSnapshotMaxProcessors, &again,
+                                &error) ||
         again != processors)
       std::abort();
+  }
+
+  // A CPU mask's processors come out in order and within the limit.
+  if (dt::parseCpuMask(text, kSnapshotMaxProcessors, &processors, &error)) {
+    for (std::size_t i = 0; i < processors.size(); ++i) {
+      if (processors[i] >= kSnapshotMaxProcessors || (i > 0 && processors[i] <= processors[i - 1]))
+        std::abort();
+    }
   }
 
   dt::SnapshotMetadata metadata;

@@ -1,0 +1,106 @@
+// Whole snapshot trees made from the input: files of any size and content,
+// directories, FIFOs and symbolic links (to a device, a FIFO, a directory or
+// each other) at the paths a snapshot or a system root has. Loading the
+// tree, reading its kernel row and running every generation on it must not
+// crash, hang or block: a part that is not a regular file is refused.
+//
+// The input is a list of entries: a kind byte, a path byte, a two-byte
+// length, then that many bytes of content.
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <ftw.h>
+
+#include <cstdint>
+#include <cstdlib>
+#include <string>
+
+#include <xrprocdetector/detect.h>
+
+namespace {
+
+const char* const kPaths[] = {
+    "proc/cpuinfo",
+    "xrprocdetect.json",
+    "sys/devices/system/cpu/online",
+    "sys/devices/system/cpu/possible",
+    "sys/devices/system/cpu/smt/control",
+    "sys/devices/system/cpu/smt/active",
+    "sys/devices/system/cpu/cpu0/online",
+    "sys/devices/system/cpu/cpu0/topology/physical_package_id",
+    "sys/devices/system/cpu/cpu0/topology/core_cpus_list",
+    "sys/devices/system/cpu/cpu0/topology/thread_siblings",
+    "sys/devices/system/cpu/cpu0/topology/core_id",
+    "sys/devices/system/cpu/cpu1/topology/physical_package_id",
+    "sys/devices/system/cpu/cpu1/topology/thread_siblings_list",
+    "sys/class/dmi/id/sys_vendor",
+    "cpuid/pu0",
+    "cpuid/pu1",
+    "cpuid/pu01",
+    "pu0",
+};
+constexpr std::size_t kPathCount = sizeof kPaths / sizeof kPaths[0];
+
+void makeParents(const std::string& root, const std::string& path) {
+  for (std::size_t at = path.find('/'); at != std::string::npos; at = path.find('/', at + 1))
+    ::mkdir((root + "/" + path.substr(0, at)).c_str(), 0755);
+}
+
+void place(const std::string& root, std::uint8_t kind, const char* path, const std::string& body) {
+  makeParents(root, path);
+  const std::string at = root + "/" + path;
+  switch (kind % 6) {
+    case 0:
+    case 1: {  // a regular file, the most common part
+      FILE* f = std::fopen(at.c_str(), "wb");
+      if (f == nullptr) return;
+      std::fwrite(body.data(), 1, body.size(), f);
+      std::fclose(f);
+      return;
+    }
+    case 2:
+      ::mkdir(at.c_str(), 0755);
+      return;
+    case 3:
+      ::mkfifo(at.c_str(), 0644);
+      return;
+    case 4:
+      ::symlink(body.empty() ? "/dev/zero" : "/dev/null", at.c_str());
+      return;
+    default:  // a link to another part of the tree, or to itself
+      ::symlink(body.empty() ? path : kPaths[body.size() % kPathCount], at.c_str());
+      return;
+  }
+}
+
+int removeOne(const char* path, const struct stat*, int type, struct FTW*) {
+  return type == FTW_DP ? ::rmdir(path) : ::unlink(path);
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  char dir[] = "/tmp/xrprocdetector-fuzz-XXXXXX";
+  if (::mkdtemp(dir) == nullptr) return 0;
+  for (std::size_t i = 0; i + 4 <= size;) {
+    const std::uint8_t kind = data[i];
+    const char* path = kPaths[data[i + 1] % kPathCount];
+    const std::size_t length = std::min<std::size_t>(data[i + 2] | data[i + 3] << 8, size - i - 4);
+    place(dir, kind, path, std::string(reinterpret_cast<const char*>(data + i + 4), length));
+    i += 4 + length;
+  }
+  std::string error;
+  if (const auto source = xrprocdetector::Source::snapshot(dir, &error)) {
+    const xrprocdetector::KernelTopology kernel = xrprocdetector::kernelTopology(*source);
+    for (const auto g : {xrprocdetector::Generation::k53, xrprocdetector::Generation::k60,
+                         xrprocdetector::Generation::k61, xrprocdetector::Generation::k70,
+                         xrprocdetector::Generation::kDefault}) {
+      const xrprocdetector::Detection d = xrprocdetector::detect(g, *source);
+      xrprocdetector::compare(d, kernel);
+    }
+  } else if (error.empty()) {
+    std::abort();  // a refusal always says why
+  }
+  ::nftw(dir, removeOne, 16, FTW_DEPTH | FTW_PHYS);
+  return 0;
+}

@@ -9,48 +9,24 @@ namespace xrprocdetect {
 namespace {
 
 const char* stateWords(int state) {
-  switch (state) {
-    case 0:
-      return "not capable";
-    case 1:
-      return "disabled";
-    case 2:
-      return "enabled";
-    case 3:
-      return "enabled, over twice the cores";
-    case 15:
-      return "not determined";
-    default:
-      return "unknown value";
-  }
+  static const char* const kWords[] = {"not capable", "disabled", "enabled",
+                                       "enabled, over twice the cores"};
+  if (state >= 0 && state <= 3) return kWords[state];
+  return state == 15 ? "not determined" : "unknown value";
 }
 
 const char* vmWords(const Detection& row) {
-  switch (static_cast<int>(row.vm)) {
-    case 0:
-      return "none";
-    case 1:
-      return "VMware";
-    case 15:
-      // The CPUID estimate uses 15 for a virtual machine it cannot name.
-      return row.endedBy == Strategy::kCpuid ? "unknown virtual machine" : "not determined";
-    default:
-      return "unknown value";
-  }
+  if (row.vm == VmState::kNone) return "none";
+  if (row.vm == VmState::kVmware) return "VMware";
+  if (row.vm != VmState::kNotDetermined) return "unknown value";
+  // The CPUID estimate uses 15 for a virtual machine it cannot name.
+  return row.endedBy == Strategy::kCpuid ? "unknown virtual machine" : "not determined";
 }
 
 const char* strategyWords(Strategy s) {
-  switch (s) {
-    case Strategy::kCpuinfo:
-      return "/proc/cpuinfo";
-    case Strategy::kCpuid:
-      return "the CPUID estimate";
-    case Strategy::kLogicalOnly:
-      return "the configured processor count";
-    case Strategy::kNone:
-      break;
-  }
-  return "";
+  static const char* const kWords[] = {"", "/proc/cpuinfo", "the CPUID estimate",
+                                       "the configured processor count"};
+  return kWords[static_cast<int>(s)];
 }
 
 // 6.x states its verdict in its report but leaves hyperThreadState at 15.
@@ -169,6 +145,9 @@ class JsonObject {
   void number(const char* key, long long value) { add(key, std::to_string(value)); }
   void string(const char* key, const std::string& value) { add(key, quoted(value)); }
   void null(const char* key) { add(key, "null"); }
+  void stringOrNull(const char* key, bool have, const std::string& value) {
+    add(key, have ? quoted(value) : "null");
+  }
   template <class T, class Show>
   void maybe(const char* key, const std::optional<T>& value, Show show) {
     add(key, value ? show(*value) : "null");
@@ -217,11 +196,7 @@ std::string jsonRow(const Detection& row, const Input& source, int indent, bool 
   o.string("class", row.className);
   o.number("procInfoIndex", row.versionIndex);
   o.string("source", source.live ? "live" : source.snapshot ? "snapshot" : "file");
-  if (source.live) {
-    o.null("file");
-  } else {
-    o.string("file", source.file);
-  }
+  o.stringOrNull("file", !source.live, source.file);
   o.add("counted", row.counted ? "true" : "false");
   if (row.counted) {
     o.number("result", row.result);
@@ -235,31 +210,14 @@ std::string jsonRow(const Detection& row, const Input& source, int indent, bool 
          {"result", "logicalCount", "physicalCount", "coreCount", "hyperThreadState", "vmState"})
       o.null(key);
   }
-  if (row.counted && row.reportedVerdict) {
-    o.string("reportedVerdict", stateWords(static_cast<int>(*row.reportedVerdict)));
-  } else {
-    o.null("reportedVerdict");
-  }
-  if (row.endedBy == Strategy::kNone) {
-    o.null("endedBy");
-  } else {
-    o.string("endedBy", row.endedBy == Strategy::kCpuinfo ? "/proc/cpuinfo"
-                        : row.endedBy == Strategy::kCpuid ? "cpuid"
-                                                          : "logical only");
-  }
-  if (row.note.empty()) {
-    o.null("note");
-  } else {
-    o.string("note", row.note);
-  }
+  o.stringOrNull("reportedVerdict", row.counted && row.reportedVerdict,
+                 row.reportedVerdict ? stateWords(static_cast<int>(*row.reportedVerdict)) : "");
+  static const char* const kEndedBy[] = {"", "/proc/cpuinfo", "cpuid", "logical only"};
+  o.stringOrNull("endedBy", row.endedBy != Strategy::kNone,
+                 kEndedBy[static_cast<int>(row.endedBy)]);
+  o.stringOrNull("note", !row.note.empty(), row.note);
   if (source.kernel) addKernel(o, row, *source.kernel, indent);
-  if (withSummary) {
-    if (row.counted) {
-      o.string("summary", row.summary);
-    } else {
-      o.null("summary");
-    }
-  }
+  if (withSummary) o.stringOrNull("summary", row.counted, row.summary);
   return o.done();
 }
 

@@ -155,24 +155,52 @@ class Json {
   std::string error_;
 };
 
+enum Key { kFormat, kVersion, kConfigured, kOnline, kAffinity, kVmware, kKeys };
+const char* const kNames[kKeys] = {"format",           "version",  "configuredProcessors",
+                                   "onlineProcessors", "affinity", "vmwareBackdoor"};
+
+// A whole number within 32 bits, whose value starts on `line`.
+bool integer(Json& json, int line, long* out, std::string* error) {
+  bool isInteger = false;
+  if (!json.number(&isInteger, out)) return false;
+  if (!isInteger) *error = atLine(line, "expected a whole number within 32 bits");
+  return isInteger;
+}
+
+// The value of the known key `k`, into *m.
+bool readValue(Json& json, int k, SnapshotMetadata* m, std::string* error) {
+  const int line = json.line();
+  std::string s;
+  long n = 0;
+  switch (k) {
+    case kFormat:
+      return json.string(&s) && (s == "xrprocdetect-snapshot" ||
+                                 json.fail("\"format\" is not \"xrprocdetect-snapshot\""));
+    case kVersion:
+      return integer(json, line, &n, error) &&
+             (n == 1 || json.fail("version " + std::to_string(n) +
+                                  " is not 1, the version this build reads"));
+    case kConfigured:
+      return integer(json, line, &m->configured, error);
+    case kOnline:
+      return integer(json, line, &m->online, error);
+    case kAffinity:
+      if (!json.string(&s)) return false;
+      if (parseProcessorList(s, kSnapshotMaxProcessors, &m->affinity, error)) return true;
+      *error = atLine(line, "\"affinity\": " + error->substr(error->find(": ") + 2));
+      return false;
+    default:
+      m->vmwareBackdoor = json.word("true");
+      return m->vmwareBackdoor || json.word("false") ||
+             json.fail("\"vmwareBackdoor\" is not true or false");
+  }
+}
+
 }  // namespace
 
 bool parseMetadata(std::string_view text, SnapshotMetadata* metadata, std::string* error) {
   Json json(text);
-  enum Key { kFormat, kVersion, kConfigured, kOnline, kAffinity, kVmware, kKeys };
-  static const char* const kNames[kKeys] = {"format",           "version",  "configuredProcessors",
-                                            "onlineProcessors", "affinity", "vmwareBackdoor"};
   bool seen[kKeys] = {};
-  auto integer = [&](long* out) {
-    bool isInteger = false;
-    const int line = json.line();
-    if (!json.number(&isInteger, out)) return false;
-    if (!isInteger) {
-      *error = atLine(line, "expected a whole number within 32 bits");
-      return false;
-    }
-    return true;
-  };
   bool ok = json.take('{') || json.fail("expected a JSON object");
   if (ok && !json.take('}')) {
     do {
@@ -184,48 +212,11 @@ bool parseMetadata(std::string_view text, SnapshotMetadata* metadata, std::strin
         ++k;
       if (k == kKeys) {
         ok = json.skipValue(0);
-        if (!ok) break;
-        continue;
-      }
-      if (seen[k]) {
+      } else if (seen[k]) {
         ok = json.fail("the key \"" + key + "\" is given twice");
-        break;
-      }
-      seen[k] = true;
-      const int line = json.line();
-      std::string s;
-      long n = 0;
-      switch (k) {
-        case kFormat:
-          ok = json.string(&s) && (s == "xrprocdetect-snapshot" ||
-                                   json.fail("\"format\" is not \"xrprocdetect-snapshot\""));
-          break;
-        case kVersion:
-          ok = integer(&n) && (n == 1 || json.fail("version " + std::to_string(n) +
-                                                   " is not 1, the version this build reads"));
-          break;
-        case kConfigured:
-          ok = integer(&metadata->configured);
-          break;
-        case kOnline:
-          ok = integer(&metadata->online);
-          break;
-        case kAffinity:
-          ok = json.string(&s);
-          if (ok && !parseProcessorList(s, kSnapshotMaxProcessors, &metadata->affinity, error)) {
-            *error = atLine(line, "\"affinity\": " + error->substr(error->find(": ") + 2));
-            return false;
-          }
-          break;
-        case kVmware:
-          if (json.word("true")) {
-            metadata->vmwareBackdoor = true;
-          } else if (json.word("false")) {
-            metadata->vmwareBackdoor = false;
-          } else {
-            ok = json.fail("\"vmwareBackdoor\" is not true or false");
-          }
-          break;
+      } else {
+        seen[k] = true;
+        ok = readValue(json, k, metadata, error);
       }
       if (!ok) break;
     } while (json.take(','));

@@ -6,14 +6,14 @@
 
 namespace xrprocdetect {
 
-namespace {
-
 const char* stateWords(int state) {
   static const char* const kWords[] = {"not capable", "disabled", "enabled",
                                        "enabled, over twice the cores"};
   if (state >= 0 && state <= 3) return kWords[state];
   return state == 15 ? "not determined" : "unknown value";
 }
+
+namespace {
 
 const char* vmWords(const Detection& row) {
   if (row.vm == VmState::kNone) return "none";
@@ -120,106 +120,6 @@ std::string agreementWords(const Detection& row, const KernelTopology& k) {
 
 // ---------------------------------------------------------------------------
 // JSON
-
-const char* smtKey(Smt smt) {
-  return smt == Smt::kOn ? "on" : smt == Smt::kOff ? "off" : "notsupported";
-}
-
-const char* vmKey(Hypervisor vm) {
-  return vm == Hypervisor::kVmware ? "vmware" : vm == Hypervisor::kOther ? "other" : "none";
-}
-
-std::string quoted(const std::string& text) {
-  return jsonString(text);
-}
-
-// An object, pretty-printed at `indent`, or on one line when `indent` < 0.
-class JsonObject {
- public:
-  explicit JsonObject(int indent)
-      : compact_(indent < 0), pad_(compact_ ? 0 : static_cast<std::size_t>(indent), ' ') {}
-  void add(const char* key, const std::string& rawValue) {
-    if (!text_.empty()) text_ += compact_ ? ", " : ",\n";
-    text_ += (compact_ ? "\"" : pad_ + "  \"") + key + "\": " + rawValue;
-  }
-  void number(const char* key, long long value) { add(key, std::to_string(value)); }
-  void string(const char* key, const std::string& value) { add(key, quoted(value)); }
-  void null(const char* key) { add(key, "null"); }
-  void stringOrNull(const char* key, bool have, const std::string& value) {
-    add(key, have ? quoted(value) : "null");
-  }
-  template <class T, class Show>
-  void maybe(const char* key, const std::optional<T>& value, Show show) {
-    add(key, value ? show(*value) : "null");
-  }
-  // The object; `inner` leaves out the padding before its opening brace.
-  std::string done(bool inner = false) const {
-    if (compact_) return "{" + text_ + "}";
-    return (inner ? "" : pad_) + "{\n" + text_ + "\n" + pad_ + "}";
-  }
-
- private:
-  bool compact_;
-  std::string pad_;
-  std::string text_;
-};
-
-// The kernel row and the row's agreement with it, as two keys of `o`.
-void addKernel(JsonObject& o, const Detection& row, const KernelTopology& k, int indent) {
-  const int inner = indent < 0 ? -1 : indent + 2;
-  const auto number = [](std::int32_t v) { return std::to_string(v); };
-  const auto word = [](const char* w) { return quoted(w); };
-  JsonObject kernel(inner);
-  kernel.maybe("packages", k.packages, number);
-  kernel.maybe("cores", k.cores, number);
-  kernel.maybe("logicalProcessors", k.logicalProcessors, number);
-  kernel.maybe("smt", k.smt, [&](Smt v) { return word(smtKey(v)); });
-  kernel.maybe("virtualMachine", k.hypervisor, [&](Hypervisor v) { return word(vmKey(v)); });
-  o.add("kernel", kernel.done(true));
-  const Agreement a = compare(row, k);
-  const auto boolean = [](Same v) {
-    return std::string(v == Same::kYes ? "true" : v == Same::kNo ? "false" : "null");
-  };
-  JsonObject agrees(inner);
-  agrees.add("packages", boolean(a.packages));
-  agrees.add("cores", boolean(a.cores));
-  agrees.add("logicalProcessors", boolean(a.logicalProcessors));
-  agrees.add("smt", boolean(a.smt));
-  agrees.add("virtualMachine", boolean(a.hypervisor));
-  o.add("agreesWithKernel", agrees.done(true));
-}
-
-std::string jsonRow(const Detection& row, const Input& source, int indent, bool withSummary) {
-  JsonObject o(indent);
-  o.number("schemaVersion", 1);
-  o.string("generation", generationName(row.generation));
-  o.string("class", row.className);
-  o.number("procInfoIndex", row.versionIndex);
-  o.string("source", source.live ? "live" : source.snapshot ? "snapshot" : "file");
-  o.stringOrNull("file", !source.live, source.file);
-  o.add("counted", row.counted ? "true" : "false");
-  if (row.counted) {
-    o.number("result", row.result);
-    o.number("logicalCount", row.logicalProcessors);
-    o.number("physicalCount", row.packages);
-    o.number("coreCount", row.cores);
-    o.number("hyperThreadState", static_cast<int>(row.hyperThreading));
-    o.number("vmState", static_cast<int>(row.vm));
-  } else {
-    for (const char* key :
-         {"result", "logicalCount", "physicalCount", "coreCount", "hyperThreadState", "vmState"})
-      o.null(key);
-  }
-  o.stringOrNull("reportedVerdict", row.counted && row.reportedVerdict,
-                 row.reportedVerdict ? stateWords(static_cast<int>(*row.reportedVerdict)) : "");
-  static const char* const kEndedBy[] = {"", "/proc/cpuinfo", "cpuid", "logical only"};
-  o.stringOrNull("endedBy", row.endedBy != Strategy::kNone,
-                 kEndedBy[static_cast<int>(row.endedBy)]);
-  o.stringOrNull("note", !row.note.empty(), row.note);
-  if (source.kernel) addKernel(o, row, *source.kernel, indent);
-  if (withSummary) o.stringOrNull("summary", row.counted, row.summary);
-  return o.done();
-}
 
 }  // namespace
 
@@ -344,22 +244,6 @@ std::string summaries(const std::vector<Detection>& rows) {
     out += row.summary.empty() ? "(writes nothing)\n" : row.summary;
   }
   return out;
-}
-
-std::string json(const std::vector<Detection>& rows, const Input& source, bool asArray,
-                 bool withSummary, bool lines) {
-  if (lines) {
-    std::string out;
-    for (const Detection& row : rows)
-      out += jsonRow(row, source, -1, withSummary) + "\n";
-    return out;
-  }
-  if (!asArray)
-    return rows.empty() ? "null\n" : jsonRow(rows.front(), source, 0, withSummary) + "\n";
-  std::string out = "[\n";
-  for (std::size_t i = 0; i < rows.size(); ++i)
-    out += jsonRow(rows[i], source, 2, withSummary) + (i + 1 < rows.size() ? ",\n" : "\n");
-  return out + "]\n";
 }
 
 }  // namespace xrprocdetect

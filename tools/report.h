@@ -38,6 +38,9 @@ std::string summaries(const std::vector<Detection>& rows);
 std::string json(const std::vector<Detection>& rows, const Input& source, bool asArray,
                  bool withSummary, bool lines = false);
 
+// A hyperThreadState in words: "not capable", "disabled", "enabled", ...
+const char* stateWords(int state);
+
 // Whether packages, cores or logical processors differ from the kernel's.
 bool countsDiffer(const Agreement& a);
 // Whether all three were compared and agree.

@@ -18,7 +18,9 @@
 //     handler the host had; after a probe that faulted, SIGSEGV stays blocked
 //     in the calling thread.
 //   - If /proc/cpuinfo cannot be read, getProcData() never returns.
-// So run one detection at a time in a process.
+// So run one detection at a time in a process. A host that wants none of
+// this calls xrprocdetector::detect() (detect.h), which runs this class and
+// gives the thread back its affinity, signal mask and SIGSEGV disposition.
 #ifndef XRPROCDETECTOR_XRPROCDETECTOR_LINUX32_H
 #define XRPROCDETECTOR_XRPROCDETECTOR_LINUX32_H
 

@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <csignal>
 
-// The two instructions of xrprocdetector/internal/hardware.h, scripted.
+// The two instructions of platform/hardware.h, scripted.
 namespace xrprocdetector::detail {
 
 CpuidRegisters cpuid(std::uint32_t leaf, std::uint32_t subleaf) {

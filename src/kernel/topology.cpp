@@ -67,8 +67,7 @@ bool coreSiblings(SystemRoot& root, unsigned cpu, std::size_t* first, std::vecto
   for (std::size_t i = 0; i < kCount; ++i) {
     const std::size_t kind = (*first + i) % kCount;
     const std::string path = cpuFile(cpu, kFiles[kind]);
-    const Read r = kind < 2 ? root.list(path, kKernelMaxProcessors, out)
-                            : root.mask(path, kKernelMaxProcessors, out);
+    const Read r = root.list(path, kKernelMaxProcessors, out, kind >= 2);
     if (r == Read::kAbsent) continue;
     *first = kind;
     return r == Read::kOk;

@@ -229,19 +229,14 @@ Read SystemRoot::number(const std::string& path, long* value) {
   return Read::kOk;
 }
 
-Read SystemRoot::list(const std::string& path, unsigned limit, std::vector<unsigned>* out) {
+Read SystemRoot::list(const std::string& path, unsigned limit, std::vector<unsigned>* out,
+                      bool mask) {
   std::string t;
   std::string why;
   const Read r = text(path, &t);
-  if (r == Read::kOk && !parseProcessorList(t, limit, out, &why)) return fail(path, why);
-  return r;
-}
-
-Read SystemRoot::mask(const std::string& path, unsigned limit, std::vector<unsigned>* out) {
-  std::string t;
-  std::string why;
-  const Read r = text(path, &t);
-  if (r == Read::kOk && !parseCpuMask(t, limit, out, &why)) return fail(path, why);
+  if (r == Read::kOk &&
+      !(mask ? parseCpuMask(t, limit, out, &why) : parseProcessorList(t, limit, out, &why)))
+    return fail(path, why);
   return r;
 }
 

@@ -67,8 +67,8 @@ class SystemRoot {
   // (the first one is kept, naming the file) as well as returned.
   Read text(const std::string& path, std::string* out);
   Read number(const std::string& path, long* value);
-  Read list(const std::string& path, unsigned limit, std::vector<unsigned>* out);
-  Read mask(const std::string& path, unsigned limit, std::vector<unsigned>* out);
+  // A processor list, or with `mask` a CPU mask.
+  Read list(const std::string& path, unsigned limit, std::vector<unsigned>* out, bool mask = false);
   // The first failure met, naming its file; empty when there was none.
   const std::string& error() const { return error_; }
   bool exists(const std::string& path) const;

@@ -1,5 +1,6 @@
 // xrprocdetect's JSON: one object a generation, with the kernel row and the
 // agreement with it where there is one.
+#include <cstdio>
 #include <string>
 
 #include "report.h"
@@ -62,6 +63,23 @@ void addKernel(JsonObject& o, const Detection& row, const KernelTopology& k, int
   kernel.maybe("logicalProcessors", k.logicalProcessors, number);
   kernel.maybe("smt", k.smt, [&](Smt v) { return word(smtKey(v)); });
   kernel.maybe("virtualMachine", k.hypervisor, [&](Hypervisor v) { return word(vmKey(v)); });
+  kernel.maybe("offlineProcessors", k.offlineProcessors, number);
+  kernel.maybe("usableProcessors", k.usableProcessors, number);
+  kernel.maybe("cpuQuota", k.cpuQuota, [](double q) {
+    char text[32];
+    std::snprintf(text, sizeof text, "%.6g", q);
+    return std::string(text);
+  });
+  kernel.maybe("effectiveProcessors", k.effectiveProcessors, number);
+  std::string kinds;
+  for (const CoreKind& kind : k.coreKinds) {
+    JsonObject one(-1);
+    one.string("kind", kind.kind);
+    one.number("cores", kind.cores);
+    one.number("logicalProcessors", kind.logicalProcessors);
+    kinds += (kinds.empty() ? "[" : ", ") + one.done();
+  }
+  kernel.add("coreKinds", kinds.empty() ? "null" : kinds + "]");
   o.add("kernel", kernel.done(true));
   const Agreement a = compare(row, k);
   const auto boolean = [](Same v) {

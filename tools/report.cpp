@@ -13,6 +13,26 @@ const char* stateWords(int state) {
   return state == 15 ? "not determined" : "unknown value";
 }
 
+std::string usableWords(const KernelTopology& k) {
+  char quota[32] = "none";
+  if (k.cpuQuota)
+    std::snprintf(quota, sizeof quota, "%.6g processor%s", *k.cpuQuota,
+                  *k.cpuQuota == 1 ? "" : "s");
+  return std::to_string(k.usableProcessors.value_or(0)) + " of " +
+         std::to_string(k.logicalProcessors.value_or(0)) + " online" +
+         (k.offlineProcessors ? " (" + std::to_string(*k.offlineProcessors) + " offline)" : "") +
+         ", CPU quota " + quota + ", effective " +
+         std::to_string(k.effectiveProcessors.value_or(0));
+}
+
+std::string coreKindsWords(const KernelTopology& k) {
+  std::string out;
+  for (const CoreKind& kind : k.coreKinds)
+    out += (out.empty() ? "" : ", ") + std::to_string(kind.cores) + " " + kind.kind + " cores (" +
+           std::to_string(kind.logicalProcessors) + " logical processors)";
+  return out;
+}
+
 namespace {
 
 const char* vmWords(const Detection& row) {
@@ -144,6 +164,8 @@ std::string kernelLines(const Detection& row, const Input& source) {
                              ", hyper-threading " + kernelSmtWords(k->smt) + ", virtual machine " +
                              kernelVmWords(k->hypervisor));
     }
+    if (k->usableProcessors) out += line("Usable processors", usableWords(*k));
+    if (!k->coreKinds.empty()) out += line("Core kinds", coreKindsWords(*k));
     out += line("Agrees with kernel", agreementWords(row, *k));
   }
   return out;
@@ -227,6 +249,8 @@ std::string table(const std::vector<Detection>& rows, const Input& source) {
     text.erase(text.find_last_not_of(' ') + 1);
     out += text + "\n";
   }
+  if (k && k->usableProcessors) out += "\nUsable processors: " + usableWords(*k) + "\n";
+  if (k && !k->coreKinds.empty()) out += "Core kinds: " + coreKindsWords(*k) + "\n";
   if (anyMarked)
     out += "\n*: differs from the kernel row, the machine's topology as the kernel gives it.\n";
   if (anyNotStored)

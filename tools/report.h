@@ -38,6 +38,12 @@ std::string summaries(const std::vector<Detection>& rows);
 std::string json(const std::vector<Detection>& rows, const Input& source, bool asArray,
                  bool withSummary, bool lines = false);
 
+// What the process may use, e.g. "2 of 4 online (0 offline), CPU quota 1.5
+// processors, effective 2"; and the core kinds, e.g. "6 performance cores
+// (12 logical processors), 8 efficiency cores (8 logical processors)".
+std::string usableWords(const KernelTopology& k);
+std::string coreKindsWords(const KernelTopology& k);
+
 // A hyperThreadState in words: "not capable", "disabled", "enabled", ...
 const char* stateWords(int state);
 

@@ -16,6 +16,10 @@ const char* const kHeader[] = {"GENERATION", "PACKAGES",        "CORES",
 void Tally::add(const std::string& input, const std::vector<Detection>& rows,
                 const KernelTopology& kernel) {
   ++inputs_;
+  const std::int32_t online = kernel.logicalProcessors.value_or(0);
+  limited_ += kernel.usableProcessors.value_or(online) < online;
+  quota_ += kernel.cpuQuota.has_value();
+  below_ += kernel.effectiveProcessors.value_or(online) < online;
   for (const Detection& row : rows) {
     auto line = std::find_if(lines_.begin(), lines_.end(),
                              [&](const Line& l) { return l.generation == row.generation; });
@@ -75,6 +79,10 @@ std::string Tally::text() const {
     }
   }
   if (!differing.empty()) out += "\nInputs that differ from the kernel:\n" + differing;
+  out += "\nWhat the processes may use: " + std::to_string(limited_) +
+         " with fewer usable processors than online ones, " + std::to_string(quota_) +
+         " with a CPU quota, " + std::to_string(below_) +
+         " with fewer effective processors than online ones.\n";
   return out;
 }
 

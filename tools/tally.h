@@ -33,6 +33,9 @@ class Tally {
   std::vector<Line> lines_;
   int inputs_ = 0;
   int failed_ = 0;
+  int limited_ = 0;  // inputs with fewer usable processors than online ones
+  int quota_ = 0;    // inputs with a CPU quota
+  int below_ = 0;    // inputs whose effective processors are fewer than the online ones
 };
 
 }  // namespace xrprocdetect

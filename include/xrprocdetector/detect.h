@@ -25,6 +25,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include <xrprocdetector/export.h>
 
@@ -157,15 +158,37 @@ enum class Smt { kOn, kOff, kNotSupported };
 // A virtual machine as the kernel's files show it.
 enum class Hypervisor { kNone, kVmware, kOther };
 
+// One kind of core on a processor with cores of several kinds.
+struct CoreKind {
+  std::string kind;  // "performance" or "efficiency" (of two kinds), else "kind 1", "kind 2", ...
+  std::int32_t cores = 0;
+  std::int32_t logicalProcessors = 0;
+};
+
 // The kernel's own topology of the source's machine, from
-// sys/devices/system/cpu (and, for the virtual machine, the DMI strings and
-// the flags of /proc/cpuinfo). An empty field is one the files do not tell.
+// sys/devices/system/cpu (and, for the virtual machine, the DMI strings,
+// the PCI devices and the flags of /proc/cpuinfo), and what the process
+// may really use of it. An empty field is one the files do not tell.
 struct KernelTopology {
   std::optional<std::int32_t> packages;
   std::optional<std::int32_t> cores;
-  std::optional<std::int32_t> logicalProcessors;
+  std::optional<std::int32_t> logicalProcessors;  // online
+  std::optional<std::int32_t> offlineProcessors;  // present (or possible) but not online
   std::optional<Smt> smt;
   std::optional<Hypervisor> hypervisor;
+  // The processors the process may run on: the thread's affinity (live) or
+  // the saved one (snapshot), the online processors and the effective
+  // cpuset of its control group, intersected.
+  std::optional<std::int32_t> usableProcessors;
+  // The tightest CPU bandwidth limit of the process's control group and of
+  // every ancestor visible, in processors; nothing when there is none.
+  std::optional<double> cpuQuota;
+  // What a host should size a pool of busy threads by: the usable
+  // processors, capped by the quota rounded up, and at least 1.
+  std::optional<std::int32_t> effectiveProcessors;
+  // The cores grouped by kind, fastest first; empty on a processor whose
+  // cores are all of one kind.
+  std::vector<CoreKind> coreKinds;
   std::string missing;  // what the counts lacked, such as "no sys/devices/system/cpu/online"
   std::string error;    // a file that is there but broken, named; empty when none
 };

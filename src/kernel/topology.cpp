@@ -5,7 +5,10 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <sched.h>
+
 #include <algorithm>
+#include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <iterator>
@@ -15,6 +18,8 @@
 #include <vector>
 
 #include "api/source.h"
+#include "kernel/cgroup.h"
+#include "kernel/kernel.h"
 #include "sysroot/root.h"
 
 namespace xrprocdetector {
@@ -103,9 +108,10 @@ void coreByIds(SystemRoot& root, unsigned c, long package, Cores& cores) {
   ++cores.threads[static_cast<std::size_t>(found->second)];
 }
 
-// Packages, cores and the most threads of one core, over `online`.
+// Packages, cores and the most threads of one core, over `online`; each
+// core's processors into *threadsOf.
 void countTopology(SystemRoot& root, const std::vector<unsigned>& online, KernelTopology* k,
-                   int* maxThreads) {
+                   int* maxThreads, std::vector<std::vector<unsigned>>* threadsOf) {
   std::set<long> packages;
   std::vector<bool> isOnline(online.back() + 1, false);
   for (const unsigned c : online)
@@ -147,6 +153,9 @@ void countTopology(SystemRoot& root, const std::vector<unsigned>& online, Kernel
     k->cores = static_cast<std::int32_t>(cores.threads.size());
     for (const int t : cores.threads)
       *maxThreads = std::max(*maxThreads, t);
+    threadsOf->resize(cores.threads.size());
+    for (const unsigned c : online)
+      (*threadsOf)[static_cast<std::size_t>(cores.coreOf[c])].push_back(c);
   } else {
     k->missing += std::string(k->missing.empty() ? "" : ", ") + "no core sibling lists or core_id";
   }
@@ -176,56 +185,41 @@ std::optional<Smt> smtState(SystemRoot& root, int maxThreads) {
   return std::nullopt;
 }
 
-bool contains(const std::string& text, const char* word) {
-  return text.find(word) != std::string::npos;
+// The processors of `a` that are also in `b`; both in increasing order.
+std::vector<unsigned> both(const std::vector<unsigned>& a, const std::vector<unsigned>& b) {
+  std::vector<unsigned> out;
+  std::set_intersection(a.begin(), a.end(), b.begin(), b.end(), std::back_inserter(out));
+  return out;
 }
 
-// Whether the first flags line of a /proc/cpuinfo text is there, and
-// whether it names the hypervisor flag.
-void flagsLine(const std::string* cpuinfo, bool* there, bool* flag) {
-  if (cpuinfo == nullptr) return;
-  for (std::size_t at = 0; at < cpuinfo->size();) {
-    std::size_t end = cpuinfo->find('\n', at);
-    if (end == std::string::npos) end = cpuinfo->size();
-    if (cpuinfo->compare(at, 5, "flags") == 0) {
-      *there = true;
-      *flag = contains(" " + cpuinfo->substr(at, end - at) + " ", " hypervisor ");
-      return;
-    }
-    at = end + 1;
-  }
+// What the process may use: affinity, online processors and cpuset, then
+// the quota. Without an affinity (a tree recorded without one) every online
+// processor counts.
+void usable(SystemRoot& root, const std::vector<unsigned>& online,
+            const std::optional<std::vector<unsigned>>& affinity, KernelTopology* k) {
+  const detail::CgroupLimits limits = detail::readCgroupLimits(root, kKernelMaxProcessors);
+  std::vector<unsigned> cpus = affinity ? both(*affinity, online) : online;
+  if (limits.cpuset) cpus = both(cpus, *limits.cpuset);
+  k->usableProcessors = static_cast<std::int32_t>(cpus.size());
+  k->cpuQuota = limits.quota;
+  std::int32_t effective = *k->usableProcessors;
+  if (limits.quota)
+    effective = std::min(effective, static_cast<std::int32_t>(std::ceil(*limits.quota)));
+  k->effectiveProcessors = std::max(effective, 1);
 }
 
-// VMware names itself in the DMI strings of its virtual firmware, which
-// every VMware machine has. Another hypervisor shows in the processor's
-// hypervisor flag (which every hypervisor of this century sets), in
-// /sys/hypervisor/type (Xen), or in DMI strings that name it. No flag on a
-// flags line that is there, and nothing else, is no virtual machine; with
-// neither flags nor DMI nothing is known.
-std::optional<Hypervisor> hypervisorState(SystemRoot& root, const std::string* cpuinfo) {
-  std::string vendor;
-  std::string product;
-  std::string type;
-  root.text("sys/class/dmi/id/sys_vendor", &vendor);
-  root.text("sys/class/dmi/id/product_name", &product);
-  root.text("sys/hypervisor/type", &type);
-  const std::string dmi = vendor + "\n" + product;
-  if (contains(dmi, "VMware")) return Hypervisor::kVmware;
-  bool there = false;
-  bool flag = false;
-  flagsLine(cpuinfo, &there, &flag);
-  static const char* const kHypervisors[] = {"QEMU",       "KVM",       "Xen",
-                                             "VirtualBox", "innotek",   "Bochs",
-                                             "BHYVE",      "Parallels", "Virtual Machine"};
-  bool named = false;
-  for (const char* name : kHypervisors)
-    named = named || contains(dmi, name);
-  if (flag || !type.empty() || named) return Hypervisor::kOther;
-  if (there) return Hypervisor::kNone;
-  return std::nullopt;
+// Processors present (or, without that list, possible) but not online.
+void offline(SystemRoot& root, const std::vector<unsigned>& online, KernelTopology* k) {
+  std::vector<unsigned> present;
+  Read r = root.list(kCpu + "present", kKernelMaxProcessors, &present);
+  if (r == Read::kAbsent) r = root.list(kCpu + "possible", kKernelMaxProcessors, &present);
+  if (r == Read::kOk)
+    k->offlineProcessors = static_cast<std::int32_t>(present.size() - both(present, online).size());
 }
 
-KernelTopology readTopology(const std::string& dir, const std::string* cpuinfo) {
+KernelTopology readTopology(const std::string& dir, const std::string* cpuinfo,
+                            const std::optional<std::vector<unsigned>>& affinity,
+                            const std::map<unsigned, std::vector<XrCpuidLine>>* cpuid) {
   KernelTopology k;
   SystemRoot root(dir);
   if (!root.isOpen()) {
@@ -233,22 +227,38 @@ KernelTopology readTopology(const std::string& dir, const std::string* cpuinfo) 
     return k;
   }
   std::vector<unsigned> online;
+  std::vector<std::vector<unsigned>> threadsOf;
   int maxThreads = 0;
   const Read r = onlineProcessors(root, &online);
   if (r == Read::kAbsent) k.missing = "no sys/devices/system/cpu/online";
   if (r == Read::kOk && online.empty()) k.missing = "sys/devices/system/cpu/online is empty";
   if (r == Read::kOk && !online.empty()) {
     k.logicalProcessors = static_cast<std::int32_t>(online.size());
-    countTopology(root, online, &k, &maxThreads);
+    countTopology(root, online, &k, &maxThreads, &threadsOf);
+    offline(root, online, &k);
+    usable(root, online, affinity, &k);
+    if (!threadsOf.empty()) k.coreKinds = detail::coreKinds(root, threadsOf, cpuid);
   }
   k.smt = smtState(root, maxThreads);
-  k.hypervisor = hypervisorState(root, cpuinfo);
-  k.error = root.error();
-  if (!k.error.empty()) {
+  k.hypervisor = detail::hypervisorState(root, cpuinfo);
+  if (!root.error().empty()) {
     // A broken file: no field is taken from a tree that holds one.
-    k = KernelTopology{{}, {}, {}, {}, {}, "a broken file", root.error()};
+    k = KernelTopology();
+    k.missing = "a broken file";
+    k.error = root.error();
   }
   return k;
+}
+
+// The calling thread's affinity.
+std::optional<std::vector<unsigned>> threadAffinity() {
+  cpu_set_t set;
+  if (sched_getaffinity(0, sizeof set, &set) != 0) return std::nullopt;
+  std::vector<unsigned> cpus;
+  for (unsigned c = 0; c < CPU_SETSIZE; ++c) {
+    if (CPU_ISSET(c, &set)) cpus.push_back(c);
+  }
+  return cpus;
 }
 
 }  // namespace
@@ -257,15 +267,16 @@ KernelTopology kernelTopology(const Source& source) noexcept {
   try {
     const SourceData& data = source.data();
     if (data.kind == Source::Kind::kSnapshot) {
-      const auto& cpuinfo = data.snapshot.cpuinfo;
-      return readTopology(data.name, cpuinfo ? &*cpuinfo : nullptr);
+      const XrMachineSnapshot& snapshot = data.snapshot;
+      return readTopology(data.name, snapshot.cpuinfo ? &*snapshot.cpuinfo : nullptr,
+                          snapshot.hasMetadata ? snapshot.affinity : std::nullopt, &snapshot.cpuid);
     }
     if (data.kind == Source::Kind::kCpuinfo) return {};
     std::string cpuinfo;
     std::string why;
     const bool have = detail::readWholeFile(AT_FDCWD, "/proc/cpuinfo", detail::kCpuinfoCap,
                                             &cpuinfo, &why) == Read::kOk;
-    return readTopology("/", have ? &cpuinfo : nullptr);
+    return readTopology("/", have ? &cpuinfo : nullptr, threadAffinity(), nullptr);
   } catch (const std::bad_alloc&) {
     KernelTopology k;
     k.error = "out of memory";

@@ -14,6 +14,7 @@
 #include <cstring>
 #include <new>
 
+#include "kernel/cgroup.h"
 #include "platform/machine.h"
 #include "snapshot/snapshot_io.h"
 #include "sysroot/root.h"
@@ -115,6 +116,14 @@ class Saver {
 
   bool exists(const std::string& path) const { return live_.exists(path); }
 
+  // Copies `path`, with the folders it is in, when the live file is there.
+  bool copyIfThere(const std::string& path) {
+    if (!live_.exists(path)) return true;
+    return makeDirs(path.substr(0, path.rfind('/'))) && copy(path, false);
+  }
+
+  dt::SystemRoot& live() { return live_; }
+
  private:
   std::string shown_;
   int work_;
@@ -145,6 +154,34 @@ std::vector<unsigned> liveProcessorFolders() {
   return numbers;
 }
 
+// What the kernel row reads beyond sys/devices/system/cpu: the process's
+// control groups and the files of their limits, the PCI devices' vendors,
+// and the files that tell core kinds apart.
+bool saveMoreKernelFiles(Saver& saver, const std::vector<unsigned>& processors) {
+  std::vector<std::string> files = {"proc/self/cgroup", "proc/self/mountinfo", "proc/self/cpuset",
+                                    "sys/devices/cpu_core/cpus", "sys/devices/cpu_atom/cpus"};
+  for (std::string& file : dt::readCgroupLimits(saver.live(), 8192).files)
+    files.push_back(std::move(file));
+  for (const unsigned n : processors) {
+    const std::string folder = "sys/devices/system/cpu/cpu" + std::to_string(n) + "/";
+    files.push_back(folder + "cpufreq/base_frequency");
+    files.push_back(folder + "acpi_cppc/highest_perf");
+  }
+  if (DIR* listing = ::opendir("/sys/bus/pci/devices")) {
+    while (const dirent* entry = ::readdir(listing)) {
+      if (entry->d_name[0] != '.')
+        files.push_back(std::string("sys/bus/pci/devices/") + entry->d_name + "/vendor");
+    }
+    ::closedir(listing);
+  }
+  std::sort(files.begin(), files.end());
+  files.erase(std::unique(files.begin(), files.end()), files.end());
+  for (const std::string& file : files) {
+    if (!saver.copyIfThere(file)) return false;
+  }
+  return true;
+}
+
 // proc/cpuinfo, sys/devices/system/cpu and the few other kernel files.
 bool saveKernelFiles(Saver& saver) {
   const std::string cpu = "sys/devices/system/cpu/";
@@ -153,7 +190,8 @@ bool saveKernelFiles(Saver& saver) {
   for (const char* name : {"possible", "present", "online"}) {
     if (!saver.copy(cpu + name, true)) return false;
   }
-  for (const unsigned n : liveProcessorFolders()) {
+  const std::vector<unsigned> processors = liveProcessorFolders();
+  for (const unsigned n : processors) {
     const std::string folder = cpu + "cpu" + std::to_string(n) + "/";
     if (!saver.makeDirs(folder + "topology") || !saver.copy(folder + "online", false)) return false;
     for (const char* file : kTopology) {
@@ -168,8 +206,7 @@ bool saveKernelFiles(Saver& saver) {
   if (!saver.makeDirs("sys/class/dmi/id") || !saver.copy("sys/class/dmi/id/sys_vendor", false) ||
       !saver.copy("sys/class/dmi/id/product_name", false))
     return false;
-  if (!saver.exists("sys/hypervisor/type")) return true;
-  return saver.makeDirs("sys/hypervisor") && saver.copy("sys/hypervisor/type", false);
+  return saver.copyIfThere("sys/hypervisor/type") && saveMoreKernelFiles(saver, processors);
 }
 
 // CPUID on every processor of the thread's affinity, pinned to each; the

@@ -14,7 +14,8 @@ KEYS = ["schemaVersion", "generation", "class", "procInfoIndex", "source", "file
         "result", "logicalCount", "physicalCount", "coreCount", "hyperThreadState", "vmState",
         "reportedVerdict", "endedBy", "note"]
 # Live rows have the kernel's topology beside them; a saved /proc/cpuinfo has none.
-KERNEL = ["packages", "cores", "logicalProcessors", "smt", "virtualMachine"]
+KERNEL = ["packages", "cores", "logicalProcessors", "smt", "virtualMachine", "offlineProcessors",
+          "usableProcessors", "cpuQuota", "effectiveProcessors", "coreKinds"]
 tool, data = sys.argv[1:3]
 wrong = 0
 for args in [["-J"], ["-J", "-a", "5.3", "--summary"]] + [
@@ -25,7 +26,8 @@ for args in [["-J"], ["-J", "-a", "5.3", "--summary"]] + [
         keys = KEYS + ["kernel", "agreesWithKernel"] * live + ["summary"] * ("--summary" in args)
         numbers = all(type(row[key]) is int for key in KEYS[7:13])
         nulls = all(row[key] is None for key in KEYS[7:13]) and row["note"]
-        kernel = not live or (list(row["kernel"]) == KERNEL == list(row["agreesWithKernel"]) and
+        kernel = not live or (list(row["kernel"]) == KERNEL and
+                              list(row["agreesWithKernel"]) == KERNEL[:5] and
                               row["kernel"]["smt"] in ("on", "off", "notsupported", None))
         if list(row) != keys or not (numbers if row["counted"] else nulls) or not kernel:
             print("xrprocdetect", *args, "gave", row)

@@ -197,6 +197,26 @@ std::string humanReport(const Detection& row, const Input& source) {
   return out;
 }
 
+std::string aligned(const std::vector<std::vector<std::string>>& cells, const bool* rightAligned) {
+  std::vector<std::size_t> width(cells.front().size(), 0);
+  for (const auto& r : cells) {
+    for (std::size_t c = 0; c < r.size(); ++c)
+      width[c] = std::max(width[c], r[c].size());
+  }
+  std::string out;
+  for (const auto& r : cells) {
+    std::string text;
+    for (std::size_t c = 0; c < r.size(); ++c) {
+      const std::string pad(width[c] - r[c].size(), ' ');
+      text += (c == 0 ? "" : "  ") +
+              (rightAligned != nullptr && rightAligned[c] ? pad + r[c] : r[c] + pad);
+    }
+    text.erase(text.find_last_not_of(' ') + 1);
+    out += text + "\n";
+  }
+  return out;
+}
+
 std::string table(const std::vector<Detection>& rows, const Input& source) {
   const std::vector<std::string> header = {
       "GENERATION",      "PACKAGES",        "CORES",  "LOGICAL",
@@ -234,21 +254,7 @@ std::string table(const std::vector<Detection>& rows, const Input& source) {
                      kernelSmtWords(k->smt), kernelVmWords(k->hypervisor), "-",
                      k->missing.empty() ? "" : "not available: " + k->missing});
   }
-  std::vector<std::size_t> width(header.size(), 0);
-  for (const auto& r : cells) {
-    for (std::size_t c = 0; c < r.size(); ++c)
-      width[c] = std::max(width[c], r[c].size());
-  }
-  std::string out = "Counted from: " + sourceWords(source) + "\n\n";
-  for (const auto& r : cells) {
-    std::string text;
-    for (std::size_t c = 0; c < r.size(); ++c) {
-      const std::string pad(width[c] - r[c].size(), ' ');
-      text += (c == 0 ? "" : "  ") + (rightAligned[c] ? pad + r[c] : r[c] + pad);
-    }
-    text.erase(text.find_last_not_of(' ') + 1);
-    out += text + "\n";
-  }
+  std::string out = "Counted from: " + sourceWords(source) + "\n\n" + aligned(cells, rightAligned);
   if (k && k->usableProcessors) out += "\nUsable processors: " + usableWords(*k) + "\n";
   if (k && !k->coreKinds.empty()) out += "Core kinds: " + coreKindsWords(*k) + "\n";
   if (anyMarked)

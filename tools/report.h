@@ -44,6 +44,11 @@ std::string json(const std::vector<Detection>& rows, const Input& source, bool a
 std::string usableWords(const KernelTopology& k);
 std::string coreKindsWords(const KernelTopology& k);
 
+// Rows of cells in columns two blanks apart, each as wide as its widest
+// cell; a column whose `rightAligned` entry is true (none when null) is
+// aligned to the right. Blanks at a line's end are dropped.
+std::string aligned(const std::vector<std::vector<std::string>>& cells, const bool* rightAligned);
+
 // A hyperThreadState in words: "not capable", "disabled", "enabled", ...
 const char* stateWords(int state);
 

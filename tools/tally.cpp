@@ -55,18 +55,7 @@ std::string Tally::text() const {
       cells.back().push_back(std::to_string(f.agree) + "/" + std::to_string(f.differ.size()) + "/" +
                              std::to_string(f.unknown));
   }
-  std::vector<std::size_t> width(std::size(kHeader), 0);
-  for (const auto& r : cells) {
-    for (std::size_t c = 0; c < r.size(); ++c)
-      width[c] = std::max(width[c], r[c].size());
-  }
-  for (const auto& r : cells) {
-    std::string text;
-    for (std::size_t c = 0; c < r.size(); ++c)
-      text += (c == 0 ? "" : "  ") + r[c] + std::string(width[c] - r[c].size(), ' ');
-    text.erase(text.find_last_not_of(' ') + 1);
-    out += text + "\n";
-  }
+  out += aligned(cells, nullptr);
   std::string differing;
   for (const Line& line : lines_) {
     for (int f = 0; f < kFields; ++f) {

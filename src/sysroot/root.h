@@ -23,7 +23,7 @@ enum class Read { kOk, kAbsent, kFailed };
 // processors is about 16 MiB.
 constexpr std::size_t kCpuinfoCap = 64u << 20;
 constexpr std::size_t kSmallFileCap = 64u << 10;  // a list, mask, number or word
-constexpr std::size_t kCpuidDumpCap = 1u << 20;   // a real dump is a few hundred lines
+constexpr std::size_t kCpuidDumpCap = 4u << 20;   // a real dump is a few hundred lines
 
 // Reads `path` under the directory `dirFd` (AT_FDCWD: the path itself) into
 // *text. Only a regular file is read, unless `anyKind` (a saved text the

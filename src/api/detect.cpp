@@ -153,7 +153,8 @@ void takeFields(Detection& d, const XrProcDetector& detector) {
 
 // The default detector on a source of its own: a saved text has no CPUID
 // to go on to, and a snapshot may lack what the estimate needs.
-bool runDefault(XrProcDetectorLinux32& detector, const SourceData& source, Detection& d) {
+bool runDefault(XrProcDetectorLinux32& detector, const SourceData& source, bool echo,
+                Detection& d) {
   if (source.kind == Source::Kind::kCpuinfo) {
     // Only the first strategy reads /proc/cpuinfo: the scan, then the
     // verdict, as getProcData runs them before it would turn to CPUID.
@@ -165,18 +166,19 @@ bool runDefault(XrProcDetectorLinux32& detector, const SourceData& source, Detec
     d.result = 0;  // what getProcData returns after a successful scan
     return true;
   }
-  if (source.kind == Source::Kind::kSnapshot) {
-    const std::string missing = cpuidMissing(source.snapshot);
-    // Whether the scan ends it, asked of a silent detector first.
-    XrProcDetectorLinux32 scout(tzDebugNone, 0, nullptr, nullptr);
-    if (!missing.empty() && scout.getUnixProcData() < 0) {
-      d.note = "no physical id; the CPUID estimate needs " + missing +
-               ", which the snapshot does not hold";
-      return false;
-    }
-  }
-  d.result = detail::runDefaultDetection(detector, &d.endedBy);
-  return true;
+  // A snapshot that lacks what the CPUID estimate needs counts only when
+  // the scan ends detection. What the estimate would make of the gaps is
+  // dropped unseen; with the echo on, a silent detector asks first.
+  const std::string missing =
+      source.kind == Source::Kind::kSnapshot ? cpuidMissing(source.snapshot) : "";
+  XrProcDetectorLinux32 scout(tzDebugNone, 0, nullptr, nullptr);
+  const bool scanFails = !missing.empty() && echo && scout.getUnixProcData() < 0;
+  if (!scanFails) d.result = detail::runDefaultDetection(detector, &d.endedBy);
+  if (missing.empty() || d.endedBy == Strategy::kCpuinfo) return true;
+  d.note =
+      "no physical id; the CPUID estimate needs " + missing + ", which the snapshot does not hold";
+  d.endedBy = Strategy::kNone;
+  return false;
 }
 
 // The detection itself, with the source in place for this thread.
@@ -186,12 +188,13 @@ void run(Generation g, const SourceData& source, const DetectOptions& options, D
       makeDetector(g, options, options.debugLevel > 0 ? capture.file() : nullptr);
   d.versionIndex = detector->procInfoIndex;
   if (g == Generation::kDefault) {
-    d.counted = runDefault(static_cast<XrProcDetectorLinux32&>(*detector), source, d);
+    d.counted = runDefault(static_cast<XrProcDetectorLinux32&>(*detector), source, options.echo, d);
   } else {
     d.counted = true;
     d.result = detector->getProcData();
   }
-  d.debug = capture.text();
+  // A snapshot's row that does not count shows nothing of what ran.
+  d.debug = d.counted || source.kind != Source::Kind::kSnapshot ? capture.text() : "";
   if (!d.counted) return;
   takeFields(d, *detector);
   if (g == Generation::kDefault && d.endedBy == Strategy::kCpuinfo) {
@@ -229,10 +232,14 @@ std::mutex liveDefaultLock;
 void runOn(Generation g, const SourceData& source, const DetectOptions& options, Detection& d) {
   switch (source.kind) {
     case Source::Kind::kCpuinfo: {
-      const XrCpuinfoRedirect redirect(XrCpuinfoRedirect::kText, source.text);
+      const XrCpuinfoRedirect redirect(&source.text);
       return run(g, source, options, d);
     }
     case Source::Kind::kSnapshot: {
+      // The default detector's VMware probe sets the SIGSEGV disposition,
+      // replayed or not.
+      std::optional<detail::SignalState> signals;
+      if (g == Generation::kDefault) signals.emplace();
       const XrSnapshotReplay replay(source.snapshot);
       return run(g, source, options, d);
     }

@@ -29,6 +29,11 @@ XrCpuinfoRedirect::XrCpuinfoRedirect(Kind kind, std::string value)
   activeRedirect = this;
 }
 
+XrCpuinfoRedirect::XrCpuinfoRedirect(const std::string* text)
+    : kind_(kText), text_(text), previous_(activeRedirect) {
+  activeRedirect = this;
+}
+
 XrCpuinfoRedirect::~XrCpuinfoRedirect() {
   activeRedirect = previous_;
 }

@@ -18,6 +18,8 @@ class XrCpuinfoRedirect {
   };
 
   XrCpuinfoRedirect(Kind kind, std::string value);
+  // The text *text, which must outlive the redirect: nothing is copied.
+  explicit XrCpuinfoRedirect(const std::string* text);
   // Gives the thread back the source it had before. Redirects must end in
   // the reverse order of their creation (as scoped objects do).
   ~XrCpuinfoRedirect();
@@ -25,7 +27,7 @@ class XrCpuinfoRedirect {
   XrCpuinfoRedirect& operator=(const XrCpuinfoRedirect&) = delete;
 
   Kind kind() const { return kind_; }
-  const std::string& value() const { return value_; }
+  const std::string& value() const { return kind_ == kText && text_ != nullptr ? *text_ : value_; }
 
   // The innermost redirect of the calling thread, or null for /proc/cpuinfo.
   static const XrCpuinfoRedirect* active();
@@ -33,6 +35,7 @@ class XrCpuinfoRedirect {
  private:
   Kind kind_;
   std::string value_;
+  const std::string* text_ = nullptr;  // a text not copied
   const XrCpuinfoRedirect* previous_;
 };
 

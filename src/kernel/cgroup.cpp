@@ -157,6 +157,7 @@ void readCpuset(SystemRoot& root, const std::vector<std::string>& dirs,
 CgroupLimits readCgroupLimits(SystemRoot& root, unsigned limit) {
   CgroupLimits limits;
   const std::vector<Mount> mounts = cgroupMounts(root, limits);
+  if (mounts.empty()) return limits;  // no control group file system to look in
   for (const auto& [controller, path] : cgroupPaths(root, limits)) {
     for (const Mount& m : mounts) {
       const bool v2 = controller.empty() && m.type == "cgroup2";

@@ -31,18 +31,19 @@ using detail::SystemRoot;
 
 // The kernel's own limit on processor numbers (NR_CPUS at its largest).
 constexpr unsigned kKernelMaxProcessors = 8192;
-const std::string kCpu = "sys/devices/system/cpu/";
 
+// A processor's file, relative to sys/devices/system/cpu: the short path
+// that the kernel looks up in fewer steps.
 std::string cpuFile(unsigned cpu, const char* file) {
-  return kCpu + "cpu" + std::to_string(cpu) + "/" + file;
+  return "cpu" + std::to_string(cpu) + "/" + file;
 }
 
 // The online processors: the kernel's list, or on kernels without one, the
 // cpuN folders, each online unless its own online file says 0.
 Read onlineProcessors(SystemRoot& root, std::vector<unsigned>* online) {
-  const Read r = root.list(kCpu + "online", kKernelMaxProcessors, online);
+  const Read r = root.list("online", kKernelMaxProcessors, online);
   if (r != Read::kAbsent) return r;
-  DIR* listing = ::opendir(root.shown(kCpu).c_str());
+  DIR* listing = ::opendir(root.dir().c_str());
   if (listing == nullptr) return Read::kAbsent;
   while (const dirent* entry = ::readdir(listing)) {
     char* end = nullptr;
@@ -60,19 +61,22 @@ Read onlineProcessors(SystemRoot& root, std::vector<unsigned>* online) {
   return online->empty() ? Read::kAbsent : Read::kOk;
 }
 
-// The online processors sharing a core with `cpu` (itself included), by
-// the first of the kernel's sibling files that is there. *first is where to
-// start looking: the kind that the previous processor had, as a machine's
-// processors all have the same files.
-bool coreSiblings(SystemRoot& root, unsigned cpu, std::size_t* first, std::vector<unsigned>* out) {
-  // Lists, then the masks of older kernels.
-  static const char* const kFiles[] = {"topology/core_cpus_list", "topology/thread_siblings_list",
-                                       "topology/core_cpus", "topology/thread_siblings"};
-  constexpr std::size_t kCount = std::size(kFiles);
-  for (std::size_t i = 0; i < kCount; ++i) {
-    const std::size_t kind = (*first + i) % kCount;
-    const std::string path = cpuFile(cpu, kFiles[kind]);
-    const Read r = root.list(path, kKernelMaxProcessors, out, kind >= 2);
+// The kernel's files that list a processor's siblings: lists, then the
+// masks of older kernels.
+const char* const kCoreFiles[] = {"topology/core_cpus_list", "topology/thread_siblings_list",
+                                  "topology/core_cpus", "topology/thread_siblings"};
+const char* const kPackageFiles[] = {"topology/package_cpus_list", "topology/core_siblings_list",
+                                     "topology/package_cpus", "topology/core_siblings"};
+
+// The processors sharing a core (or a package) with `cpu`, itself included,
+// by the first of `files` that is there. *first is where to start looking:
+// the kind that the previous processor had, as a machine's processors all
+// have the same files.
+bool siblings(SystemRoot& root, unsigned cpu, const char* const (&files)[4], std::size_t* first,
+              std::vector<unsigned>* out) {
+  for (std::size_t i = 0; i < 4; ++i) {
+    const std::size_t kind = (*first + i) % 4;
+    const Read r = root.list(cpuFile(cpu, files[kind]), kKernelMaxProcessors, out, kind >= 2);
     if (r == Read::kAbsent) continue;
     *first = kind;
     return r == Read::kOk;
@@ -80,9 +84,12 @@ bool coreSiblings(SystemRoot& root, unsigned cpu, std::size_t* first, std::vecto
   return false;
 }
 
+constexpr long kNoPackage = -1;
+
 struct Cores {
-  std::vector<int> coreOf;   // by processor: its core, or -1
-  std::vector<int> threads;  // by core: its online threads
+  std::vector<int> coreOf;      // by processor: its core, or -1
+  std::vector<int> threads;     // by core: its online threads
+  std::vector<long> packageOf;  // by processor: its package, once known
   std::map<std::tuple<long, long, long>, int> byIds;
   bool known = true;
 };
@@ -108,6 +115,21 @@ void coreByIds(SystemRoot& root, unsigned c, long package, Cores& cores) {
   ++cores.threads[static_cast<std::size_t>(found->second)];
 }
 
+// The package of `c`, read once a package: its siblings in the package
+// files share it. *kind is as for siblings().
+void readPackage(SystemRoot& root, unsigned c, std::size_t* kind, std::set<long>* packages,
+                 Cores& cores) {
+  long package = 0;
+  if (root.number(cpuFile(c, "topology/physical_package_id"), &package) != Read::kOk) return;
+  packages->insert(package);
+  cores.packageOf[c] = package;
+  std::vector<unsigned> others;
+  if (!siblings(root, c, kPackageFiles, kind, &others)) return;
+  for (const unsigned s : others) {
+    if (s < cores.packageOf.size()) cores.packageOf[s] = package;
+  }
+}
+
 // Packages, cores and the most threads of one core, over `online`; each
 // core's processors into *threadsOf.
 void countTopology(SystemRoot& root, const std::vector<unsigned>& online, KernelTopology* k,
@@ -118,21 +140,20 @@ void countTopology(SystemRoot& root, const std::vector<unsigned>& online, Kernel
     isOnline[c] = true;
   Cores cores;
   cores.coreOf.assign(isOnline.size(), -1);
+  cores.packageOf.assign(isOnline.size(), kNoPackage);
   bool packagesKnown = true;
-  std::vector<unsigned> siblings;
-  std::size_t kind = 0;
+  std::vector<unsigned> threads;
+  std::size_t coreKind = 0;
+  std::size_t packageKind = 0;
   for (const unsigned c : online) {
+    if (cores.packageOf[c] == kNoPackage) readPackage(root, c, &packageKind, &packages, cores);
+    const long package = cores.packageOf[c];
+    packagesKnown = packagesKnown && package != kNoPackage;
     // A sibling of a core already counted shares its package too.
-    if (cores.coreOf[c] >= 0) continue;
-    long package = 0;
-    const bool havePackage =
-        root.number(cpuFile(c, "topology/physical_package_id"), &package) == Read::kOk;
-    if (havePackage) packages.insert(package);
-    packagesKnown = packagesKnown && havePackage;
-    if (!cores.known) continue;
-    if (!coreSiblings(root, c, &kind, &siblings)) {
-      if (havePackage) coreByIds(root, c, package, cores);
-      cores.known = cores.known && havePackage;
+    if (cores.coreOf[c] >= 0 || !cores.known) continue;
+    if (!siblings(root, c, kCoreFiles, &coreKind, &threads)) {
+      if (package != kNoPackage) coreByIds(root, c, package, cores);
+      cores.known = cores.known && package != kNoPackage;
       continue;
     }
     // Each sibling that is online belongs to this core; their own files
@@ -140,7 +161,7 @@ void countTopology(SystemRoot& root, const std::vector<unsigned>& online, Kernel
     const int core = static_cast<int>(cores.threads.size());
     cores.coreOf[c] = core;
     int count = 1;
-    for (const unsigned s : siblings) {
+    for (const unsigned s : threads) {
       if (s == c || s >= isOnline.size() || !isOnline[s] || cores.coreOf[s] >= 0) continue;
       cores.coreOf[s] = core;
       ++count;
@@ -149,16 +170,15 @@ void countTopology(SystemRoot& root, const std::vector<unsigned>& online, Kernel
   }
   if (packagesKnown) k->packages = static_cast<std::int32_t>(packages.size());
   if (!packagesKnown) k->missing = "no physical_package_id";
-  if (cores.known) {
-    k->cores = static_cast<std::int32_t>(cores.threads.size());
-    for (const int t : cores.threads)
-      *maxThreads = std::max(*maxThreads, t);
-    threadsOf->resize(cores.threads.size());
-    for (const unsigned c : online)
-      (*threadsOf)[static_cast<std::size_t>(cores.coreOf[c])].push_back(c);
-  } else {
-    k->missing += std::string(k->missing.empty() ? "" : ", ") + "no core sibling lists or core_id";
-  }
+  if (!cores.known)
+    return void(k->missing +=
+                std::string(k->missing.empty() ? "" : ", ") + "no core sibling lists or core_id");
+  k->cores = static_cast<std::int32_t>(cores.threads.size());
+  for (const int t : cores.threads)
+    *maxThreads = std::max(*maxThreads, t);
+  threadsOf->resize(cores.threads.size());
+  for (const unsigned c : online)
+    (*threadsOf)[static_cast<std::size_t>(cores.coreOf[c])].push_back(c);
 }
 
 // Simultaneous multithreading, from smt/control and smt/active where the
@@ -175,8 +195,8 @@ void countTopology(SystemRoot& root, const std::vector<unsigned>& online, Kernel
 std::optional<Smt> smtState(SystemRoot& root, int maxThreads) {
   std::string control;
   std::string active;
-  const bool haveControl = root.text(kCpu + "smt/control", &control) == Read::kOk;
-  const bool haveActive = root.text(kCpu + "smt/active", &active) == Read::kOk;
+  const bool haveControl = root.text("smt/control", &control) == Read::kOk;
+  const bool haveActive = root.text("smt/active", &active) == Read::kOk;
   if (haveControl && (control == "off" || control == "forceoff")) return Smt::kOff;
   if (haveControl && control == "notsupported") return Smt::kNotSupported;
   if (haveActive && active == "1") return Smt::kOn;
@@ -211,8 +231,8 @@ void usable(SystemRoot& root, const std::vector<unsigned>& online,
 // Processors present (or, without that list, possible) but not online.
 void offline(SystemRoot& root, const std::vector<unsigned>& online, KernelTopology* k) {
   std::vector<unsigned> present;
-  Read r = root.list(kCpu + "present", kKernelMaxProcessors, &present);
-  if (r == Read::kAbsent) r = root.list(kCpu + "possible", kKernelMaxProcessors, &present);
+  Read r = root.list("present", kKernelMaxProcessors, &present);
+  if (r == Read::kAbsent) r = root.list("possible", kKernelMaxProcessors, &present);
   if (r == Read::kOk)
     k->offlineProcessors = static_cast<std::int32_t>(present.size() - both(present, online).size());
 }
@@ -226,26 +246,29 @@ KernelTopology readTopology(const std::string& dir, const std::string* cpuinfo,
     k.missing = root.openError();
     return k;
   }
+  // The processors' own files, relative to their folder.
+  SystemRoot cpus(root.shown("sys/devices/system/cpu"));
   std::vector<unsigned> online;
   std::vector<std::vector<unsigned>> threadsOf;
   int maxThreads = 0;
-  const Read r = onlineProcessors(root, &online);
+  const Read r = onlineProcessors(cpus, &online);
   if (r == Read::kAbsent) k.missing = "no sys/devices/system/cpu/online";
   if (r == Read::kOk && online.empty()) k.missing = "sys/devices/system/cpu/online is empty";
   if (r == Read::kOk && !online.empty()) {
     k.logicalProcessors = static_cast<std::int32_t>(online.size());
-    countTopology(root, online, &k, &maxThreads, &threadsOf);
-    offline(root, online, &k);
+    countTopology(cpus, online, &k, &maxThreads, &threadsOf);
+    offline(cpus, online, &k);
     usable(root, online, affinity, &k);
     if (!threadsOf.empty()) k.coreKinds = detail::coreKinds(root, threadsOf, cpuid);
   }
-  k.smt = smtState(root, maxThreads);
+  k.smt = smtState(cpus, maxThreads);
   k.hypervisor = detail::hypervisorState(root, cpuinfo);
-  if (!root.error().empty()) {
+  const std::string error = !cpus.error().empty() ? cpus.error() : root.error();
+  if (!error.empty()) {
     // A broken file: no field is taken from a tree that holds one.
     k = KernelTopology();
     k.missing = "a broken file";
-    k.error = root.error();
+    k.error = error;
   }
   return k;
 }

@@ -7,7 +7,7 @@ namespace {
 XrCpuinfoRedirect cpuinfoOf(const XrMachineSnapshot& snapshot) {
   // Without a text the scans see a file that cannot be opened, as a live
   // scan of an unreadable /proc/cpuinfo does.
-  if (snapshot.cpuinfo) return {XrCpuinfoRedirect::kText, *snapshot.cpuinfo};
+  if (snapshot.cpuinfo) return XrCpuinfoRedirect(&*snapshot.cpuinfo);
   return {XrCpuinfoRedirect::kFile, std::string()};
 }
 }  // namespace

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -38,34 +39,39 @@ Read readWholeFile(int dirFd, const std::string& path, std::size_t cap, std::str
     *error = "cannot open: " + strerrorText(errno);
     return Read::kFailed;
   }
-  struct stat st;
+  struct stat st {};
   if (!anyKind && (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode))) {
     *error = std::string(kindOf(st.st_mode)) + ", not a regular file";
     ::close(fd);
     return Read::kFailed;
   }
-  char buffer[16384];
+  // Straight into the text, sized by what the file says it holds (sysfs
+  // files say 4096 whatever they hold; a pipe says 0), growing as needed.
+  // A file that gave all it says it holds is done without another read.
+  const std::size_t expected = anyKind ? 0 : static_cast<std::size_t>(st.st_size);
+  text->resize(std::min(expected > 0 ? expected + 1 : 4096, cap + 1));
+  std::size_t size = 0;
   for (;;) {
-    const ssize_t n = ::read(fd, buffer, sizeof buffer);
-    if (n > 0 && text->size() + static_cast<std::size_t>(n) > cap) {
+    if (size == text->size()) text->resize(std::min(2 * size, cap + 1));
+    const ssize_t n = ::read(fd, &(*text)[size], text->size() - size);
+    if (n > 0) size += static_cast<std::size_t>(n);
+    if (size > cap) {
       *error = cap >= (1u << 20) ? "larger than " + std::to_string(cap >> 20) + " MiB"
                                  : "larger than " + std::to_string(cap) + " bytes";
       break;
     }
-    if (n > 0) {
-      text->append(buffer, static_cast<std::size_t>(n));
-      continue;
-    }
-    if (n == 0) {
+    if (n == 0 || (n > 0 && size == expected)) {
       ::close(fd);
+      text->resize(size);
       return Read::kOk;
     }
-    if (errno != EINTR) {
+    if (n < 0 && errno != EINTR) {
       *error = "cannot read: " + strerrorText(errno);
       break;
     }
   }
   ::close(fd);
+  text->clear();
   return Read::kFailed;
 }
 
@@ -210,6 +216,7 @@ bool SystemRoot::exists(const std::string& path) const {
 }
 
 Read SystemRoot::text(const std::string& path, std::string* out) {
+  if (fd_ < 0) return Read::kAbsent;  // a folder that is not there holds nothing
   std::string why;
   const Read r = readWholeFile(fd_, path, kSmallFileCap, out, &why);
   if (r == Read::kFailed) return fail(path, why);

@@ -91,11 +91,11 @@ tool_pkg=xrprocdetect
 # warning, and any error, fails the check.
 lintian_known_warnings=initial-upload-closes-no-bugs
 
-# The public headers: those beside the library's sources (internal/ holds the
-# ones hosts never see).
+# The public headers: those of include/xrprocdetector (src/ holds the ones
+# hosts never see).
 headers=()
-for h in "$root"/xrprocdetector/*.h; do headers+=("$(basename "$h")"); done
-[ ${#headers[@]} -ge 5 ] || fail "expected at least 5 public headers, found ${#headers[@]}"
+for h in "$root"/include/xrprocdetector/*.h; do headers+=("$(basename "$h")"); done
+[ ${#headers[@]} -ge 7 ] || fail "expected at least 7 public headers, found ${#headers[@]}"
 
 # expected_files KIND LIBDIR: the files the install must hold, relative to
 # the prefix.
@@ -167,8 +167,10 @@ build_host_cmake() {
   [ "$found" = "$libdir/cmake/XrProcDetector" ] ||
     fail "find_package used '$found', not $libdir/cmake/XrProcDetector"
   cmake --build "$work/$name" >/dev/null || fail "building $name with CMake"
-  check_linkage "$name (CMake)" "$work/$name/host" "$kind" "$libdir"
-  run_host "$name (CMake)" "$work/$name/host"
+  for program in host detect_host; do
+    check_linkage "$name $program (CMake)" "$work/$name/$program" "$kind" "$libdir"
+    run_host "$name $program (CMake)" "$work/$name/$program"
+  done
 }
 
 # build_host_pkg_config NAME KIND LIBDIR: the example with the flags
@@ -290,8 +292,8 @@ check() {
     [ -e "$prefix/$f" ] || fail "not installed: $f"
   done < <(expected_files "$kind" "$libdir")
   ok "every expected file is installed"
-  if grep -q '^include/xrprocdetector/internal/' <<<"$installed"; then
-    fail "internal headers were installed"
+  if [ "$(grep -c '^include/xrprocdetector/' <<<"$installed")" != ${#headers[@]} ]; then
+    fail "other headers than the public ones were installed"
   fi
   if grep -q '^share/doc/' <<<"$installed"; then
     fail "a plain install installed the Debian packages' documentation"

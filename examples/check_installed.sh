@@ -223,6 +223,12 @@ check_package() {
         fail "$pkg: the shlibs file does not name libxrprocdetector $soversion"
       dpkg-deb --ctrl-tarfile "$deb" | tar -xO ./triggers | grep -qx 'activate-noawait ldconfig' ||
         fail "$pkg: no ldconfig trigger"
+      # The symbols file lists exactly what the packaged library exports.
+      diff <(dpkg-deb --ctrl-tarfile "$deb" | tar -xO ./symbols | sed -n 's/^ \([^ ]*\) .*/\1/p' |
+        sort) <(dpkg-deb --fsys-tarfile "$deb" | tar -xO "./$libdir/libxrprocdetector.so.$version" |
+        nm -D --defined-only /dev/stdin | awk '{ sub(/@@/, "@", $NF); print $NF }' |
+        sed 's/^\(XRPROCDETECTOR_[0-9]*\)$/\1@\1/' | sort) >/dev/null ||
+        fail "$pkg: the symbols file does not list what the library exports"
       ;;
     "$dev_pkg")
       if [ "$kind" = shared ]; then

@@ -1,23 +1,26 @@
-// xrprocdetector's answers for host programs: how many packages, cores and
-// logical processors a machine has, whether hyper-threading is there, and
-// whether the machine is a VMware virtual machine, by any generation of the
-// detection algorithm, on this machine or on a saved one, beside the
-// kernel's own topology.
-//
-//   #include <xrprocdetector/detect.h>
-//
-//   const xrprocdetector::Detection d =
-//   xrprocdetector::detect(xrprocdetector::Generation::kDefault); if (d.counted && d.result >= 0)
-//     std::printf("%d cores\n", d.cores);
-//
-// Nothing here throws: every failure comes back as a value. detect() gives
-// the calling thread back as it found it (its affinity, its signal mask and
-// the SIGSEGV disposition), so it may be called any number of times, on any
-// thread, and from several threads at once.
-//
-// The detector classes (xrprocdetector.h and the generation headers) stay
-// for hosts that want the detectors themselves: detect() runs exactly them,
-// so the counts and the debug text are theirs, byte for byte.
+/// \file
+/// xrprocdetector's answers for host programs: how many packages, cores and
+/// logical processors a machine has, whether hyper-threading is there, and
+/// whether the machine is a VMware virtual machine, by any generation of the
+/// detection algorithm, on this machine or on a saved one, beside the
+/// kernel's own topology.
+///
+/// \code
+/// #include <xrprocdetector/detect.h>
+///
+/// using namespace xrprocdetector;
+/// const Detection d = detect(Generation::kDefault);
+/// if (d.counted && d.result >= 0) std::printf("%d cores\n", d.cores);
+/// \endcode
+///
+/// Nothing here throws: every failure comes back as a value. detect() gives
+/// the calling thread back as it found it (its affinity, its signal mask and
+/// the SIGSEGV disposition), so it may be called any number of times, on any
+/// thread, and from several threads at once.
+///
+/// The detector classes (xrprocdetector.h and the generation headers) stay
+/// for hosts that want the detectors themselves: detect() runs exactly them,
+/// so the counts and the debug text are theirs, byte for byte.
 #ifndef XRPROCDETECTOR_DETECT_H
 #define XRPROCDETECTOR_DETECT_H
 
@@ -31,53 +34,53 @@
 
 namespace xrprocdetector {
 
-// The library's version, such as "1.0.0".
+/// The library's version, such as "1.0.0".
 XRPROCDETECTOR_API const char* version() noexcept;
 
-// A generation of the detection algorithm, each carried by one detector
-// class: 5.3 (XrProcDetectorLegacy_53, the operating system's count alone),
-// 6.0 and 6.1 (XrProcDetectorLegacy_6x), 7.0 (XrProcDetectorLinux32_70) and
-// the platform default (XrProcDetectorLinux32, the factory's detector).
+/// A generation of the detection algorithm, each carried by one detector
+/// class: 5.3 (XrProcDetectorLegacy_53, the operating system's count alone),
+/// 6.0 and 6.1 (XrProcDetectorLegacy_6x), 7.0 (XrProcDetectorLinux32_70) and
+/// the platform default (XrProcDetectorLinux32, the factory's detector).
 enum class Generation { k53, k60, k61, k70, kDefault };
 
-// The generation's name as the tool takes it: "5.3", "6.0", "6.1", "7.0" or
-// "default".
+/// The generation's name as the tool takes it: "5.3", "6.0", "6.1", "7.0" or
+/// "default".
 XRPROCDETECTOR_API const char* generationName(Generation generation) noexcept;
-// The generation named `name`, or nothing.
+/// The generation named `name`, or nothing.
 XRPROCDETECTOR_API std::optional<Generation> findGeneration(const std::string& name) noexcept;
 
 class SourceData;
 
-// What detection reads: this machine, a saved /proc/cpuinfo text, or a
-// saved machine (a snapshot directory, or a system root such as
-// `lscpu --sysroot` reads). A Source is an immutable value: copies share
-// what was read, and any thread may use it, also while others do.
+/// What detection reads: this machine, a saved /proc/cpuinfo text, or a
+/// saved machine (a snapshot directory, or a system root such as
+/// `lscpu --sysroot` reads). A Source is an immutable value: copies share
+/// what was read, and any thread may use it, also while others do.
 class XRPROCDETECTOR_API Source {
  public:
   enum class Kind { kLive, kCpuinfo, kSnapshot };
 
-  // This machine, read when each detection runs.
+  /// This machine, read when each detection runs.
   static Source live();
-  // A /proc/cpuinfo text. The generations that need more than the text
-  // (5.3's processor count, the default detector's CPUID estimate) do not
-  // count on it.
+  /// A /proc/cpuinfo text. The generations that need more than the text
+  /// (5.3's processor count, the default detector's CPUID estimate) do not
+  /// count on it.
   static Source cpuinfoText(std::string text);
-  // The file at `path`, read now, whole (at most 64 MiB), as a
-  // /proc/cpuinfo text. A file that cannot be read gives a Source whose
-  // error() says why; detection on it reports that error.
+  /// The file at `path`, read now, whole (at most 64 MiB), as a
+  /// /proc/cpuinfo text. A file that cannot be read gives a Source whose
+  /// error() says why; detection on it reports that error.
   static Source cpuinfoFile(std::string path);
-  // The snapshot or system root in `dir`, read now: its /proc/cpuinfo, its
-  // processor lists, CPUID dumps and saved counts. Nothing when it cannot
-  // be read or is malformed, with *error naming the file to blame.
+  /// The snapshot or system root in `dir`, read now: its /proc/cpuinfo, its
+  /// processor lists, CPUID dumps and saved counts. Nothing when it cannot
+  /// be read or is malformed, with *error naming the file to blame.
   static std::optional<Source> snapshot(const std::string& dir, std::string* error = nullptr);
 
   Kind kind() const noexcept;
-  // The file or directory read from; empty for the live machine.
+  /// The file or directory read from; empty for the live machine.
   const std::string& name() const noexcept;
-  // Why the source could not be read; empty when it could.
+  /// Why the source could not be read; empty when it could.
   const std::string& error() const noexcept;
 
-  // Shared, immutable state; for the library's own use.
+  /// Shared, immutable state; for the library's own use.
   const SourceData& data() const noexcept { return *data_; }
 
  private:
@@ -85,126 +88,126 @@ class XRPROCDETECTOR_API Source {
   std::shared_ptr<const SourceData> data_;
 };
 
-// hyperThreadState of the detector classes.
+/// hyperThreadState of the detector classes.
 enum class HyperThreading : std::int32_t {
   kNotCapable = 0,
   kDisabled = 1,
   kEnabled = 2,
-  kEnabledOverTwiceCores = 3,  // more logical processors than twice the cores
+  kEnabledOverTwiceCores = 3,  ///< more logical processors than twice the cores
   kNotDetermined = 15,
 };
 
-// vmState of the detector classes. The default detector's CPUID estimate
-// also uses 15 for a virtual machine it cannot name.
+/// vmState of the detector classes. The default detector's CPUID estimate
+/// also uses 15 for a virtual machine it cannot name.
 enum class VmState : std::uint8_t { kNone = 0, kVmware = 1, kNotDetermined = 15 };
 
-// Which of the default detector's strategies gave its counts.
+/// Which of the default detector's strategies gave its counts.
 enum class Strategy { kNone, kCpuinfo, kCpuid, kLogicalOnly };
 
 struct DetectOptions {
-  // The detector's debug level: at 1 and above its lines are collected in
-  // Detection::debug; at 0 and below it writes nothing but level-0 lines.
+  /// The detector's debug level: at 1 and above its lines are collected in
+  /// Detection::debug; at 0 and below it writes nothing but level-0 lines.
   std::int32_t debugLevel = 0;
-  // The version index given to the detector's constructor; none takes the
-  // constructor without one (index 4). 6.0 always takes index 1.
+  /// The version index given to the detector's constructor; none takes the
+  /// constructor without one (index 4). 6.0 always takes index 1.
   std::optional<std::int32_t> versionIndex;
-  // The detector's echo switch: its lines go to standard output too.
+  /// The detector's echo switch: its lines go to standard output too.
   bool echo = false;
-  // Call printSummary after detection and keep what it wrote.
+  /// Call printSummary after detection and keep what it wrote.
   bool summary = false;
 };
 
-// What one generation found.
+/// What one generation found.
 struct Detection {
   Generation generation = Generation::kDefault;
-  const char* className = "";  // the detector class, e.g. "XrProcDetectorLinux32"
+  const char* className = "";  ///< the detector class, e.g. "XrProcDetectorLinux32"
   std::int32_t versionIndex = 0;
-  // False when the source lacks what the generation reads (`note` says
-  // what) or could not be read (`error` says why); the counts then mean
-  // nothing.
+  /// False when the source lacks what the generation reads (`note` says
+  /// what) or could not be read (`error` says why); the counts then mean
+  /// nothing.
   bool counted = false;
-  int result = 0;  // what getProcData returned; negative: not to be trusted
+  int result = 0;  ///< what getProcData returned; negative: not to be trusted
   std::int32_t packages = 0;
   std::int32_t cores = 0;
   std::int32_t logicalProcessors = 0;
-  HyperThreading hyperThreading = HyperThreading::kNotDetermined;  // as stored
+  HyperThreading hyperThreading = HyperThreading::kNotDetermined;  ///< as stored
   VmState vm = VmState::kNotDetermined;
-  // The hyper-threading verdict that the generation's own report states
-  // (not capable, disabled or enabled), where it states one. 6.x states it
-  // but leaves hyperThreading not determined.
+  /// The hyper-threading verdict that the generation's own report states
+  /// (not capable, disabled or enabled), where it states one. 6.x states it
+  /// but leaves hyperThreading not determined.
   std::optional<HyperThreading> reportedVerdict;
-  Strategy endedBy = Strategy::kNone;  // the default detector only
+  Strategy endedBy = Strategy::kNone;  ///< the default detector only
   std::string note;
   std::string error;
-  std::string debug;    // the debug lines written while detecting
-  std::string summary;  // what printSummary wrote, with DetectOptions::summary
+  std::string debug;    ///< the debug lines written while detecting
+  std::string summary;  ///< what printSummary wrote, with DetectOptions::summary
 };
 
-// Runs `generation` on `source`: one detector of its class, getProcData,
-// its result fields. Live, it reads the processor counts and
-// /proc/cpuinfo, and the default detector may pin the calling thread to
-// each processor in turn and probe the VMware port (which faults outside
-// VMware, under a guard). The thread's affinity, signal mask and SIGSEGV
-// disposition are given back before it returns; live runs of the default
-// detector take one process-wide lock, as its fault guard is process-wide.
-// A live /proc/cpuinfo that cannot be read is an error, never a wait. Costs
-// one scan of /proc/cpuinfo (a few milliseconds of the kernel's time on a
-// large machine) and, for the CPUID estimate, a pinning per processor.
+/// Runs `generation` on `source`: one detector of its class, getProcData,
+/// its result fields. Live, it reads the processor counts and
+/// /proc/cpuinfo, and the default detector may pin the calling thread to
+/// each processor in turn and probe the VMware port (which faults outside
+/// VMware, under a guard). The thread's affinity, signal mask and SIGSEGV
+/// disposition are given back before it returns; live runs of the default
+/// detector take one process-wide lock, as its fault guard is process-wide.
+/// A live /proc/cpuinfo that cannot be read is an error, never a wait. Costs
+/// one scan of /proc/cpuinfo (a few milliseconds of the kernel's time on a
+/// large machine) and, for the CPUID estimate, a pinning per processor.
 XRPROCDETECTOR_API Detection detect(Generation generation, const Source& source = Source::live(),
                                     const DetectOptions& options = {}) noexcept;
 
-// Simultaneous multithreading as the kernel states it.
+/// Simultaneous multithreading as the kernel states it.
 enum class Smt { kOn, kOff, kNotSupported };
-// A virtual machine as the kernel's files show it.
+/// A virtual machine as the kernel's files show it.
 enum class Hypervisor { kNone, kVmware, kOther };
 
-// One kind of core on a processor with cores of several kinds.
+/// One kind of core on a processor with cores of several kinds.
 struct CoreKind {
-  std::string kind;  // "performance" or "efficiency" (of two kinds), else "kind 1", "kind 2", ...
+  std::string kind;  ///< "performance" or "efficiency" (of two kinds), else "kind 1", "kind 2", ...
   std::int32_t cores = 0;
   std::int32_t logicalProcessors = 0;
 };
 
-// The kernel's own topology of the source's machine, from
-// sys/devices/system/cpu (and, for the virtual machine, the DMI strings,
-// the PCI devices and the flags of /proc/cpuinfo), and what the process
-// may really use of it. An empty field is one the files do not tell.
+/// The kernel's own topology of the source's machine, from
+/// sys/devices/system/cpu (and, for the virtual machine, the DMI strings,
+/// the PCI devices and the flags of /proc/cpuinfo), and what the process
+/// may really use of it. An empty field is one the files do not tell.
 struct KernelTopology {
   std::optional<std::int32_t> packages;
   std::optional<std::int32_t> cores;
-  std::optional<std::int32_t> logicalProcessors;  // online
-  std::optional<std::int32_t> offlineProcessors;  // present (or possible) but not online
+  std::optional<std::int32_t> logicalProcessors;  ///< online
+  std::optional<std::int32_t> offlineProcessors;  ///< present (or possible) but not online
   std::optional<Smt> smt;
   std::optional<Hypervisor> hypervisor;
-  // The processors the process may run on: the thread's affinity (live) or
-  // the saved one (snapshot), the online processors and the effective
-  // cpuset of its control group, intersected.
+  /// The processors the process may run on: the thread's affinity (live) or
+  /// the saved one (snapshot), the online processors and the effective
+  /// cpuset of its control group, intersected.
   std::optional<std::int32_t> usableProcessors;
-  // The tightest CPU bandwidth limit of the process's control group and of
-  // every ancestor visible, in processors; nothing when there is none.
+  /// The tightest CPU bandwidth limit of the process's control group and of
+  /// every ancestor visible, in processors; nothing when there is none.
   std::optional<double> cpuQuota;
-  // What a host should size a pool of busy threads by: the usable
-  // processors, capped by the quota rounded up, and at least 1.
+  /// What a host should size a pool of busy threads by: the usable
+  /// processors, capped by the quota rounded up, and at least 1.
   std::optional<std::int32_t> effectiveProcessors;
-  // The cores grouped by kind, fastest first; empty on a processor whose
-  // cores are all of one kind.
+  /// The cores grouped by kind, fastest first; empty on a processor whose
+  /// cores are all of one kind.
   std::vector<CoreKind> coreKinds;
-  std::string missing;  // what the counts lacked, such as "no sys/devices/system/cpu/online"
-  std::string error;    // a file that is there but broken, named; empty when none
+  std::string missing;  ///< what the counts lacked, such as "no sys/devices/system/cpu/online"
+  std::string error;    ///< a file that is there but broken, named; empty when none
 };
 
-// Reads the live /sys (and /proc/cpuinfo), or the snapshot's tree. A saved
-// /proc/cpuinfo alone has no kernel topology: every field is empty. Reads a
-// few small files per core; changes nothing.
+/// Reads the live /sys (and /proc/cpuinfo), or the snapshot's tree. A saved
+/// /proc/cpuinfo alone has no kernel topology: every field is empty. Reads a
+/// few small files per core; changes nothing.
 XRPROCDETECTOR_API KernelTopology kernelTopology(const Source& source = Source::live()) noexcept;
 
-// A detection's states in the kernel's terms; nothing where the detection
-// did not count or did not determine them.
+/// A detection's states in the kernel's terms; nothing where the detection
+/// did not count or did not determine them.
 XRPROCDETECTOR_API std::optional<Smt> smtOf(const Detection& detection) noexcept;
 XRPROCDETECTOR_API std::optional<Hypervisor> hypervisorOf(const Detection& detection) noexcept;
 
-// Whether one field of a detection agrees with the kernel: kUnknown where
-// either side has no value.
+/// Whether one field of a detection agrees with the kernel: kUnknown where
+/// either side has no value.
 enum class Same : std::uint8_t { kUnknown, kYes, kNo };
 
 struct Agreement {
@@ -218,18 +221,18 @@ struct Agreement {
 XRPROCDETECTOR_API Agreement compare(const Detection& detection,
                                      const KernelTopology& kernel) noexcept;
 
-// Saves this machine as a snapshot in `dir`, which must not exist or be an
-// empty directory (never a symbolic link): /proc/cpuinfo, the kernel's
-// processor files, each processor's CPUID answers and the counts no file
-// holds. Pins the calling thread to each processor of its affinity in turn
-// and probes the VMware port, then gives back the affinity, signal mask and
-// SIGSEGV disposition. False with *error saying why when it fails; nothing
-// it wrote is left behind.
+/// Saves this machine as a snapshot in `dir`, which must not exist or be an
+/// empty directory (never a symbolic link): /proc/cpuinfo, the kernel's
+/// processor files, each processor's CPUID answers and the counts no file
+/// holds. Pins the calling thread to each processor of its affinity in turn
+/// and probes the VMware port, then gives back the affinity, signal mask and
+/// SIGSEGV disposition. False with *error saying why when it fails; nothing
+/// it wrote is left behind.
 XRPROCDETECTOR_API bool saveSnapshot(const std::string& dir, std::string* error = nullptr) noexcept;
 
-// `text` as a JSON string literal, quotes included: '"' and '\\' escaped,
-// newlines and tabs as \n and \t, other control bytes as \u00XX; other
-// bytes as they are. For hosts that log what detection found as JSON.
+/// `text` as a JSON string literal, quotes included: `"` and `\` escaped,
+/// newlines and tabs as `\n` and `\t`, other control bytes as `\u00XX`;
+/// other bytes as they are. For hosts that log what detection found as JSON.
 XRPROCDETECTOR_API std::string jsonString(const std::string& text);
 
 }  // namespace xrprocdetector

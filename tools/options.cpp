@@ -71,6 +71,97 @@ std::string spelled(int shortName, const char* longName, const char* written) {
 
 }  // namespace
 
+namespace {
+
+// The options that only switch something on.
+bool Options::*flagOf(int c) {
+  switch (c) {
+    case 'J':
+      return &Options::json;
+    case 'h':
+      return &Options::help;
+    case 'V':
+      return &Options::version;
+    case kAll:
+      return &Options::all;
+    case kCheck:
+      return &Options::check;
+    case kTally:
+      return &Options::tally;
+    case kEcho:
+      return &Options::echo;
+    case kSummary:
+      return &Options::summary;
+    default:
+      return nullptr;
+  }
+}
+
+// An option with a value (`written` as the user wrote it); the error, or "".
+std::string takeValue(int c, const char* written, Options& o) {
+  const std::string value = optarg != nullptr ? optarg : "";
+  switch (c) {
+    case 'a':
+      if (!xrprocdetector::findGeneration(value))
+        return "unknown algorithm '" + value + "'; choose default, 7.0, 6.1, 6.0 or 5.3";
+      o.algorithm = value;
+      return "";
+    case 'd':
+      o.debugLevel = optarg == nullptr ? std::optional<std::int32_t>(1) : wholeNumber(optarg);
+      if (o.debugLevel) return "";
+      return spelled('d', "debug", written) + " takes a whole number as its level, not '" + value +
+             "'";
+    case kCpuinfo:
+      if (value.empty()) return "--cpuinfo needs a file name (or - for standard input)";
+      o.cpuinfo.push_back(value);
+      return "";
+    case kSave:
+    case kSnapshot:
+      if (value.empty())
+        return std::string(c == kSave ? "--save" : "--snapshot") + " needs a directory";
+      if (c == kSave) o.save = value;
+      if (c == kSnapshot) o.snapshot.push_back(value);
+      return "";
+    default:  // kVersionIndex
+      o.versionIndex = wholeNumber(optarg);
+      if (!o.versionIndex) return "--version-index takes a whole number, not '" + value + "'";
+      // The default detector prints the name of the index's row of its
+      // seven-row version table, so only 0 to 6 are accepted.
+      if (*o.versionIndex < 0 || *o.versionIndex > 6)
+        return "--version-index must be 0 to 6, not " + std::to_string(*o.versionIndex);
+      return "";
+  }
+}
+
+// What the options given together cannot mean; "" when they can.
+std::string combinationError(const Options& o, bool algorithmGiven) {
+  if (o.save && (o.all || algorithmGiven || o.versionIndex || o.debugLevel || o.echo || o.summary ||
+                 o.json || !o.cpuinfo.empty() || !o.snapshot.empty() || o.check || o.tally))
+    return "--save saves a snapshot and runs no detector; give it alone";
+  if (!o.snapshot.empty() && !o.cpuinfo.empty())
+    return "--snapshot and --cpuinfo each name the inputs; give one";
+  if (std::count(o.cpuinfo.begin(), o.cpuinfo.end(), "-") > 1)
+    return "standard input (-) can be read once only";
+  if ((o.check || o.tally) && !o.cpuinfo.empty())
+    return std::string(o.check ? "--check" : "--tally") +
+           " compares with the kernel's topology, which a saved /proc/cpuinfo does not hold; "
+           "use --snapshot";
+  if (o.tally && (o.json || o.summary))
+    return std::string("--tally prints only the tally; leave out ") +
+           (o.json ? "-J (each JSON row carries agreesWithKernel)" : "--summary");
+  if (o.echo && o.json)
+    return "--echo puts debug lines into standard output, which would break the JSON; use "
+           "--debug to have them on standard error";
+  if (o.all && algorithmGiven) return "--all runs every generation; leave out --algorithm";
+  // 6.0 and 6.1 are one class told apart by the index: 1 selects 6.0.
+  if (o.all || !o.versionIndex) return "";
+  if (o.algorithm == "6.0" && *o.versionIndex != 1) return "6.0 runs with version index 1 only";
+  if (o.algorithm == "6.1" && *o.versionIndex == 1) return "version index 1 selects 6.0, not 6.1";
+  return "";
+}
+
+}  // namespace
+
 Parsed parseOptions(int argc, char** argv) {
   Parsed parsed;
   Options& o = parsed.options;
@@ -81,99 +172,22 @@ Parsed parseOptions(int argc, char** argv) {
     const int previous = optind;
     const int c = getopt_long(argc, argv, kShortOptions, kLongOptions, nullptr);
     if (c == -1) break;
-    const char* written = previous < argc ? argv[previous] : nullptr;
-    switch (c) {
-      case 'a':
-        if (!xrprocdetector::findGeneration(optarg)) {
-          parsed.error = "unknown algorithm '" + std::string(optarg) +
-                         "'; choose default, 7.0, 6.1, 6.0 or 5.3";
-          return parsed;
-        }
-        o.algorithm = optarg;
-        algorithmGiven = true;
-        break;
-      case 'd': {
-        if (optarg == nullptr) {
-          o.debugLevel = 1;
-          break;
-        }
-        o.debugLevel = wholeNumber(optarg);
-        if (!o.debugLevel) {
-          parsed.error = spelled('d', "debug", written) +
-                         " takes a whole number as its level, not '" + optarg + "'";
-          return parsed;
-        }
-        break;
-      }
-      case 'J':
-        o.json = true;
-        break;
-      case 'h':
-        o.help = true;
-        break;
-      case 'V':
-        o.version = true;
-        break;
-      case kAll:
-        o.all = true;
-        break;
-      case kCpuinfo:
-        if (*optarg == '\0') {
-          parsed.error = "--cpuinfo needs a file name (or - for standard input)";
-          return parsed;
-        }
-        o.cpuinfo.push_back(optarg);
-        break;
-      case kSave:
-      case kSnapshot:
-        if (*optarg == '\0') {
-          parsed.error = std::string(c == kSave ? "--save" : "--snapshot") + " needs a directory";
-          return parsed;
-        }
-        if (c == kSave) {
-          o.save = optarg;
-        } else {
-          o.snapshot.push_back(optarg);
-        }
-        break;
-      case kCheck:
-        o.check = true;
-        break;
-      case kTally:
-        o.tally = true;
-        break;
-      case kJsonLines:
-        o.json = o.jsonLines = true;
-        break;
-      case kEcho:
-        o.echo = true;
-        break;
-      case kSummary:
-        o.summary = true;
-        break;
-      case kVersionIndex:
-        o.versionIndex = wholeNumber(optarg);
-        if (!o.versionIndex) {
-          parsed.error = "--version-index takes a whole number, not '" + std::string(optarg) + "'";
-          return parsed;
-        }
-        // The default detector prints the name of the index's row of its
-        // seven-row version table, so only 0 to 6 are accepted.
-        if (*o.versionIndex < 0 || *o.versionIndex > 6) {
-          parsed.error = "--version-index must be 0 to 6, not " + std::to_string(*o.versionIndex);
-          return parsed;
-        }
-        break;
-      case ':':
-        parsed.error =
-            "option '" + std::string(written != nullptr ? written : "") + "' needs an argument";
-        return parsed;
-      default:
-        parsed.error =
-            optopt != 0 ? std::string("unknown option '-") + static_cast<char>(optopt) + "'"
-                        : "unknown option '" + std::string(written != nullptr ? written : "") + "'";
-        return parsed;
+    const std::string written = previous < argc ? argv[previous] : "";
+    if (bool Options::*flag = flagOf(c)) {
+      o.*flag = true;
+    } else if (c == kJsonLines) {
+      o.json = o.jsonLines = true;
+    } else if (c == ':') {
+      parsed.error = "option '" + written + "' needs an argument";
+    } else if (c == '?') {
+      parsed.error = optopt != 0
+                         ? std::string("unknown option '-") + static_cast<char>(optopt) + "'"
+                         : "unknown option '" + written + "'";
+    } else {
+      algorithmGiven = algorithmGiven || c == 'a';
+      parsed.error = takeValue(c, written.c_str(), o);
     }
+    if (!parsed.error.empty()) return parsed;
   }
   if (o.help || o.version) return parsed;
   // Operands are more inputs of the kind --cpuinfo or --snapshot named.
@@ -188,51 +202,7 @@ Parsed parseOptions(int argc, char** argv) {
       parsed.error += "; a debug level goes right after the option: -d2 or --debug=2";
     return parsed;
   }
-  if (o.save && (o.all || algorithmGiven || o.versionIndex || o.debugLevel || o.echo || o.summary ||
-                 o.json || !o.cpuinfo.empty() || !o.snapshot.empty() || o.check || o.tally)) {
-    parsed.error = "--save saves a snapshot and runs no detector; give it alone";
-    return parsed;
-  }
-  if (!o.snapshot.empty() && !o.cpuinfo.empty()) {
-    parsed.error = "--snapshot and --cpuinfo each name the inputs; give one";
-    return parsed;
-  }
-  if (std::count(o.cpuinfo.begin(), o.cpuinfo.end(), "-") > 1) {
-    parsed.error = "standard input (-) can be read once only";
-    return parsed;
-  }
-  if ((o.check || o.tally) && !o.cpuinfo.empty()) {
-    parsed.error = std::string(o.check ? "--check" : "--tally") +
-                   " compares with the kernel's topology, which a saved /proc/cpuinfo does not "
-                   "hold; use --snapshot";
-    return parsed;
-  }
-  if (o.tally && (o.json || o.summary)) {
-    parsed.error = std::string("--tally prints only the tally; leave out ") +
-                   (o.json ? "-J (each JSON row carries agreesWithKernel)" : "--summary");
-    return parsed;
-  }
-  if (o.echo && o.json) {
-    parsed.error =
-        "--echo puts debug lines into standard output, which would break the JSON; "
-        "use --debug to have them on standard error";
-    return parsed;
-  }
-  if (o.all && algorithmGiven) {
-    parsed.error = "--all runs every generation; leave out --algorithm";
-    return parsed;
-  }
-  // 6.0 and 6.1 are one class told apart by the index: 1 selects 6.0.
-  if (!o.all && o.versionIndex) {
-    if (o.algorithm == "6.0" && *o.versionIndex != 1) {
-      parsed.error = "6.0 runs with version index 1 only";
-      return parsed;
-    }
-    if (o.algorithm == "6.1" && *o.versionIndex == 1) {
-      parsed.error = "version index 1 selects 6.0, not 6.1";
-      return parsed;
-    }
-  }
+  parsed.error = combinationError(o, algorithmGiven);
   return parsed;
 }
 

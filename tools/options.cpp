@@ -228,7 +228,8 @@ generation, or save a snapshot of this machine.
                           are more inputs of the same kind: --snapshot a b c
       --check             exit with status 3 when a selected generation's
                           packages, cores or logical processors differ from
-                          the kernel's (live or on snapshots)
+                          the kernel's (live or on snapshots), 4 when they
+                          could not all be compared
       --tally             print, per generation and field, how many inputs
                           agree with the kernel and which do not, instead of
                           each input's report
@@ -257,7 +258,7 @@ Each report of a live run or a snapshot shows the kernel's own topology
 Exit status: 0 on success, 1 when a detector's getProcData is negative,
 2 on a usage error, an unreadable input or snapshot (the others are still
 run), or a failed save, 3 with --check when a count differs from the
-kernel's.
+kernel's, 4 with --check when the counts could not be compared.
 )";
 }
 

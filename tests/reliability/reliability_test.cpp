@@ -2,6 +2,14 @@
 // once a detector is gone, repeated detection (which ctest also runs under
 // Valgrind's memcheck, where it must lose nothing), and a small stack.
 #include <malloc.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/wait.h>
+
+#include <optional>
+#include <thread>
+
+#include <xrprocdetector/detect.h>
 
 #include "support/test_support.h"
 
@@ -72,4 +80,79 @@ TEST(Reliability, RepeatedDetectionCountsAlikeEvenOnASmallStack) {
   ASSERT_EQ(pthread_create(&thread, &attr, detectAll, &onSmallStack), 0);
   pthread_join(thread, nullptr);
   EXPECT_EQ(onSmallStack, first);
+}
+
+// Two threads at once, each on a snapshot of its own, 200 times: each sees
+// its own snapshot every time, as the replay belongs to the thread that
+// made it.
+TEST(Reliability, ThreadsDetectOnTheirOwnSnapshotsAtOnce) {
+  using namespace xrprocdetector;
+  struct Run {
+    std::optional<Source> source;
+    std::string first;
+    int wrong = 0;
+  } runs[2];
+  const char* const names[2] = {"vmware-2", "leaf11-intel-4"};
+  auto counts = [](const Detection& d) {
+    return std::to_string(d.packages) + " " + std::to_string(d.cores) + " " +
+           std::to_string(d.logicalProcessors) + " " + std::to_string(int(d.vm));
+  };
+  for (int i = 0; i < 2; ++i) {
+    runs[i].source = Source::snapshot(testsupport::fixture(std::string("snapshots/") + names[i]));
+    ASSERT_TRUE(runs[i].source);
+    runs[i].first = counts(detect(Generation::kDefault, *runs[i].source));
+  }
+  // VMware 1 2 2 and none 1 1 4, from each snapshot's CPUID answers.
+  EXPECT_EQ(runs[0].first, "1 2 2 1");
+  EXPECT_EQ(runs[1].first, "1 1 4 0");
+  auto loop = [&counts](Run* run) {
+    for (int n = 0; n < 200; ++n)
+      run->wrong += counts(detect(Generation::kDefault, *run->source)) != run->first;
+  };
+  std::thread one(loop, &runs[0]);
+  std::thread two(loop, &runs[1]);
+  one.join();
+  two.join();
+  EXPECT_EQ(runs[0].wrong, 0);
+  EXPECT_EQ(runs[1].wrong, 0);
+}
+
+// The default detector live, three times on one thread, where /proc/cpuinfo
+// names no physical id (bound over it in a mount namespace of a child
+// process): the CPUID strategy runs, and its VMware probe faults outside
+// VMware. The process lives on, and after each call SIGSEGV is unblocked and
+// the handler set before is still the one in place.
+TEST(Reliability, RepeatedLiveDetectionGivesTheThreadBackAfterAFaultedProbe) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root for a mount namespace";
+  const pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    char text[] = "/tmp/reliability-cpuinfo-XXXXXX";
+    const int fd = mkstemp(text);
+    const char cpuinfo[] = "processor\t: 0\nflags\t\t: fpu\n\nprocessor\t: 1\nflags\t\t: fpu\n\n";
+    if (fd < 0 || write(fd, cpuinfo, sizeof cpuinfo - 1) < 0 || unshare(CLONE_NEWNS) != 0 ||
+        mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        mount(text, "/proc/cpuinfo", nullptr, MS_BIND, nullptr) != 0)
+      _exit(77);
+    unlink(text);
+    struct sigaction mine {};
+    mine.sa_handler = [](int) { _exit(3); };
+    sigaction(SIGSEGV, &mine, nullptr);
+    for (int n = 0; n < 3; ++n) {
+      const auto d = xrprocdetector::detect(xrprocdetector::Generation::kDefault);
+      if (!d.counted || d.endedBy == xrprocdetector::Strategy::kCpuinfo) _exit(4);
+      struct sigaction now {};
+      sigaction(SIGSEGV, nullptr, &now);
+      sigset_t mask;
+      pthread_sigmask(SIG_SETMASK, nullptr, &mask);
+      if (now.sa_handler != mine.sa_handler || sigismember(&mask, SIGSEGV)) _exit(5);
+    }
+    _exit(0);
+  }
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  ASSERT_TRUE(WIFEXITED(status)) << "the child died of signal " << WTERMSIG(status);
+  if (WEXITSTATUS(status) == 77) GTEST_SKIP() << "no private mount namespace here";
+  EXPECT_EQ(WEXITSTATUS(status), 0) << "3: a fault reached the host's handler; 4: not the CPUID "
+                                       "strategy; 5: the handler or the mask not given back";
 }

@@ -1,0 +1,220 @@
+// The entry points of detect.h, called as hosts call them: every generation
+// on a text, the sources' errors, snapshots that must be refused, the
+// kernel row's comparison, and the parsers behind them.
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include <xrprocdetector/detect.h>
+
+#include "support/scripted_hardware.h"
+#include "sysroot/root.h"
+
+namespace {
+
+using namespace xrprocdetector;
+namespace fs = std::filesystem;
+
+// Two processors of one package, core ids 0 and 1, "cpu cores" 2.
+const char kTwoCores[] =
+    "processor\t: 0\nphysical id\t: 0\ncore id\t\t: 0\ncpu cores\t: 2\n\n"
+    "processor\t: 1\nphysical id\t: 0\ncore id\t\t: 1\ncpu cores\t: 2\n\n";
+
+// A scratch directory, removed with all it holds.
+struct Scratch {
+  Scratch() : path(fs::temp_directory_path() / ("api-test-" + std::to_string(getpid()))) {
+    fs::remove_all(path);
+    fs::create_directories(path);
+  }
+  ~Scratch() { fs::remove_all(path); }
+  void write(const std::string& name, const std::string& text) const {
+    fs::create_directories((path / name).parent_path());
+    std::ofstream(path / name) << text;
+  }
+  fs::path path;
+};
+
+TEST(Detect, EveryGenerationOnATextCountsByItsOwnRule) {
+  const Source text = Source::cpuinfoText(kTwoCores);
+  struct Row {
+    Generation g;
+    bool counted;
+    int packages, cores, logical, stored, versionIndex;
+    std::optional<HyperThreading> reported;
+  };
+  // 2 logical processors on 2 cores: one a core, "not capable" (0) where a
+  // verdict is made; 6.x states it without storing it (15 stays).
+  const Row rows[] = {
+      {Generation::k53, false, 0, 0, 0, 15, 4, std::nullopt},
+      {Generation::k60, true, 1, 2, 2, 15, 1, HyperThreading::kNotCapable},
+      {Generation::k61, true, 1, 2, 2, 15, 4, HyperThreading::kNotCapable},
+      {Generation::k70, true, 1, 2, 2, 0, 4, HyperThreading::kNotCapable},
+      {Generation::kDefault, true, 1, 2, 2, 0, 4, HyperThreading::kNotCapable},
+  };
+  for (const Row& r : rows) {
+    const Detection d = detect(r.g, text);
+    SCOPED_TRACE(generationName(r.g));
+    EXPECT_EQ(d.counted, r.counted);
+    EXPECT_EQ(d.versionIndex, r.versionIndex);
+    EXPECT_EQ(d.reportedVerdict, r.reported);
+    EXPECT_TRUE(d.error.empty());
+    if (!r.counted) continue;
+    EXPECT_EQ(d.result, 0);
+    EXPECT_EQ(d.packages, r.packages);
+    EXPECT_EQ(d.cores, r.cores);
+    EXPECT_EQ(d.logicalProcessors, r.logical);
+    EXPECT_EQ(static_cast<int>(d.hyperThreading), r.stored);
+    EXPECT_EQ(d.endedBy, r.g == Generation::kDefault ? Strategy::kCpuinfo : Strategy::kNone);
+  }
+  EXPECT_EQ(detect(Generation::k53, text).note,
+            "needs the system's processor count, which the file does not hold");
+}
+
+TEST(Detect, VersionIndexAndDebugAsTheConstructorsTakeThem) {
+  const Source text = Source::cpuinfoText(kTwoCores);
+  DetectOptions o;
+  o.versionIndex = 1;  // selects 6.0 in the class both share: 6.1 keeps 4
+  EXPECT_EQ(detect(Generation::k61, text, o).versionIndex, 4);
+  o.versionIndex = 6;
+  EXPECT_EQ(detect(Generation::k60, text, o).versionIndex, 1);
+  EXPECT_EQ(detect(Generation::k70, text, o).versionIndex, 6);
+  EXPECT_EQ(detect(Generation::k70, text).debug, "");
+  o.debugLevel = 1;
+  o.summary = true;
+  const Detection d = detect(Generation::k70, text, o);
+  EXPECT_EQ(d.debug.rfind("\nProcessor Detection Algorithm 7.0\n", 0), 0u) << d.debug;
+  EXPECT_NE(d.summary.find("\tTotal cores = 2 \n"), std::string::npos) << d.summary;
+  // The default detector on a text without physical ids would go on to
+  // CPUID, which a text does not have.
+  const Detection none = detect(Generation::kDefault, Source::cpuinfoText("processor : 0\n"));
+  EXPECT_FALSE(none.counted);
+  EXPECT_EQ(none.note, "no physical id; a live run goes on to the CPUID estimate");
+}
+
+TEST(Detect, SourcesThatCannotBeReadAreErrorsNotCounts) {
+  const Scratch scratch;
+  const std::string missing = (scratch.path / "missing").string();
+  EXPECT_EQ(Source::cpuinfoFile(missing).error(),
+            "cannot open '" + missing + "': No such file or directory");
+  const Source dir = Source::cpuinfoFile(scratch.path.string());
+  EXPECT_EQ(dir.error(), "cannot read '" + scratch.path.string() + "': Is a directory");
+  const Detection d = detect(Generation::k70, dir);
+  EXPECT_FALSE(d.counted);
+  EXPECT_EQ(d.error, dir.error());
+  scratch.write("saved", kTwoCores);
+  EXPECT_EQ(detect(Generation::k61, Source::cpuinfoFile((scratch.path / "saved").string())).cores,
+            2);
+}
+
+TEST(Snapshot, DirectoriesThatAreNoFinishedSnapshotAreRefused) {
+  const Scratch scratch;
+  const std::string dir = scratch.path.string();
+  // Each case: what the directory holds, and the end of the message.
+  const std::pair<std::vector<std::string>, std::string> cases[] = {
+      {{}, " holds none of proc/cpuinfo, sys/devices/system/cpu, cpuid/ and xrprocdetect.json"},
+      {{"proc/cpuinfo", ".xrprocdetect-saving/proc/cpuinfo"},
+       ": an unfinished save (it has no xrprocdetect.json); save the snapshot again"},
+      {{"proc/cpuinfo", "cpuid/pu01"},
+       "/cpuid/pu01: not a processor number in canonical form (no leading zero)"},
+      {{"proc/cpuinfo", "cpuid/pu10240"}, "/cpuid/pu10240: processor number above 1023"},
+      {{"proc/cpuinfo", "cpuid/pu99999999999"},
+       "/cpuid/pu99999999999: processor number above 1023"},
+  };
+  for (const auto& [files, message] : cases) {
+    fs::remove_all(scratch.path);
+    fs::create_directories(scratch.path);
+    for (const std::string& f : files)
+      scratch.write(f, f == "proc/cpuinfo" ? kTwoCores : "");
+    std::string error;
+    EXPECT_FALSE(Source::snapshot(dir, &error));
+    EXPECT_EQ(error.substr(error.size() - std::min(error.size(), message.size())), message)
+        << error;
+  }
+  // A dump's name that is not a dump at all is passed over.
+  fs::remove_all(scratch.path / "cpuid");
+  scratch.write("cpuid/pu0.txt", "");
+  EXPECT_TRUE(Source::snapshot(dir));
+}
+
+TEST(Snapshot, OnlyRegularFilesWithinTheirCapsAreRead) {
+  const Scratch scratch;
+  scratch.write("proc/cpuinfo", kTwoCores);
+  scratch.write("sys/devices/system/cpu/online", "0-1\n");
+  ASSERT_EQ(::mkfifo((scratch.path / "sys/devices/system/cpu/possible").c_str(), 0644), 0);
+  std::string error;
+  EXPECT_FALSE(Source::snapshot(scratch.path.string(), &error));
+  EXPECT_EQ(error, (scratch.path / "sys/devices/system/cpu/possible").string() +
+                       ": a FIFO, not a regular file");
+  fs::remove(scratch.path / "sys/devices/system/cpu/possible");
+  fs::create_symlink("/dev/zero", scratch.path / "sys/devices/system/cpu/possible");
+  EXPECT_FALSE(Source::snapshot(scratch.path.string(), &error));
+  EXPECT_NE(error.find("possible: a device, not a regular file"), std::string::npos) << error;
+  fs::remove(scratch.path / "sys/devices/system/cpu/possible");
+  scratch.write("cpuid/pu0", std::string((4u << 20) + 1, '#'));
+  EXPECT_FALSE(Source::snapshot(scratch.path.string(), &error));
+  EXPECT_EQ(error, (scratch.path / "cpuid/pu0").string() + ": larger than 4 MiB");
+}
+
+TEST(Kernel, ABrokenListIsAnErrorAndNoCountIsTakenFromItsTree) {
+  const Scratch scratch;
+  scratch.write("proc/cpuinfo", kTwoCores);
+  scratch.write("xrprocdetect.json",
+                "{\"format\": \"xrprocdetect-snapshot\", \"version\": 1, \"configuredProcessors\": "
+                "2, \"onlineProcessors\": 2, \"affinity\": \"0-1\", \"vmwareBackdoor\": false}");
+  for (const char* list : {"65535,0", "1000,0", "0,0,0,0", "3-1", "0-4294967295"}) {
+    scratch.write("sys/devices/system/cpu/online", list);
+    const auto source = Source::snapshot(scratch.path.string());
+    ASSERT_TRUE(source) << list;
+    const KernelTopology k = kernelTopology(*source);
+    EXPECT_EQ(
+        k.error.rfind((scratch.path / "sys/devices/system/cpu/online").string() + " line 1: ", 0),
+        0u)
+        << list << ": " << k.error;
+    EXPECT_FALSE(k.logicalProcessors || k.packages || k.cores) << list;
+  }
+}
+
+TEST(Kernel, CompareNamesWhatAgreesAndWhatCannotBeCompared) {
+  Detection d = detect(Generation::k70, Source::cpuinfoText(kTwoCores));
+  KernelTopology k;
+  k.packages = 1;
+  k.cores = 4;
+  k.smt = Smt::kNotSupported;
+  const Agreement a = compare(d, k);
+  EXPECT_EQ(a.packages, Same::kYes);
+  EXPECT_EQ(a.cores, Same::kNo);
+  EXPECT_EQ(a.logicalProcessors, Same::kUnknown);
+  EXPECT_EQ(a.smt, Same::kYes);             // "not capable" is the kernel's notsupported
+  EXPECT_EQ(a.hypervisor, Same::kUnknown);  // 7.0 leaves vmState at 15
+  d.counted = false;
+  EXPECT_EQ(compare(d, k).packages, Same::kUnknown);
+  EXPECT_FALSE(kernelTopology(Source::cpuinfoText(kTwoCores)).logicalProcessors);
+}
+
+TEST(Parsers, ListsMasksAndJsonStrings) {
+  namespace dt = xrprocdetector::detail;
+  std::vector<unsigned> cpus;
+  std::string error;
+  EXPECT_TRUE(dt::parseProcessorList("3-3\n", 1024, &cpus, &error));
+  EXPECT_EQ(cpus, std::vector<unsigned>{3});
+  EXPECT_TRUE(dt::parseProcessorList("0-2,5,7-8", 1024, &cpus, &error));
+  EXPECT_EQ(cpus, (std::vector<unsigned>{0, 1, 2, 5, 7, 8}));
+  EXPECT_EQ(dt::formatProcessorList(cpus), "0-2,5,7-8");
+  for (const char* bad : {"0,0", "3-1", "1000,0", "1024", "0-", ",1", "1,,2"})
+    EXPECT_FALSE(dt::parseProcessorList(bad, 1024, &cpus, &error)) << bad;
+  // Hexadecimal words, most significant first: every digit's bits.
+  EXPECT_TRUE(dt::parseCpuMask("fedcba98,76543210\n", 64, &cpus, &error));
+  std::vector<unsigned> expected;
+  const unsigned long long mask = 0xfedcba9876543210ull;
+  for (unsigned bit = 0; bit < 64; ++bit)
+    if (mask >> bit & 1) expected.push_back(bit);
+  EXPECT_EQ(cpus, expected);
+  EXPECT_TRUE(dt::parseCpuMask("0000000A,0000000f", 64, &cpus, &error));
+  EXPECT_EQ(cpus, (std::vector<unsigned>{0, 1, 2, 3, 33, 35}));
+  EXPECT_FALSE(dt::parseCpuMask("0000000g", 64, &cpus, &error));
+  EXPECT_FALSE(dt::parseCpuMask("100000000", 32, &cpus, &error));  // bit 32 of 0 to 31
+  EXPECT_EQ(jsonString("a\"b\\c\nd\te\x01"), "\"a\\\"b\\\\c\\nd\\te\\u0001\"");
+}
+
+}  // namespace

@@ -1,0 +1,52 @@
+#!/bin/sh
+# A save that fails leaves nothing behind: --save into a tmpfs with too few
+# inodes for the whole snapshot, cut off while it writes the kernel files,
+# the CPUID dumps, and the metadata. Each must exit 2 and leave the tmpfs as
+# it was found (empty: the directory did not exist). Needs root to mount;
+# skips (77) otherwise.
+#
+#   failed_save.sh TOOL
+set -u
+tool=$1
+[ "$(id -u)" = 0 ] || { echo "skipped: not root"; exit 77; }
+mnt=$(mktemp -d)
+cleanup() {
+  umount "$mnt" 2>/dev/null
+  rmdir "$mnt"
+}
+trap cleanup EXIT
+failed=0
+
+# save INODES: --save into a fresh tmpfs of that many inodes; its exit status
+save() {
+  umount "$mnt" 2>/dev/null
+  mount -t tmpfs -o "size=16m,nr_inodes=$1" none "$mnt" || exit 77
+  "$tool" --save "$mnt/s" >/dev/null 2>"$mnt.err"
+}
+
+# A whole save, to count what it writes: the tmpfs's own root, the snapshot's
+# folder, the working folder, and every file and folder of the snapshot.
+save 100000 || { echo "a save into a roomy tmpfs failed: $(cat "$mnt.err")"; exit 1; }
+"$tool" -a 5.3 --snapshot "$mnt/s" >/dev/null || { echo "the saved snapshot does not replay"; failed=1; }
+entries=$(find "$mnt/s" -mindepth 1 | wc -l)
+dumps=$(find "$mnt/s/cpuid" -name 'pu*' | wc -l)
+[ -e "$mnt/s/.xrprocdetect-saving" ] && { echo "the working folder stayed"; failed=1; }
+
+# stage NAME INODES: a save cut off there
+stage() {
+  if save "$2"; then
+    echo "$1: the save succeeded with $2 inodes"
+    failed=1
+  elif [ -n "$(ls -A "$mnt")" ]; then
+    echo "$1: left behind: $(cd "$mnt" && find . | head -n 5 | tr '\n' ' ')"
+    failed=1
+  elif ! grep -q "^xrprocdetect: cannot save the snapshot: cannot create $mnt/s/" "$mnt.err"; then
+    echo "$1: $(cat "$mnt.err")"
+    failed=1
+  fi
+}
+stage "kernel files" 8
+stage "CPUID dumps" $((3 + entries - 1 - dumps))
+stage "metadata" $((3 + entries - 1))
+rm -f "$mnt.err"
+exit $failed

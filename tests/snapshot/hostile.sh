@@ -1,0 +1,54 @@
+#!/bin/sh
+# Hostile and half-written snapshots, as a fleet audit meets them: each bad
+# input is named on standard error with exit status 2, the good input after
+# it is still reported, and nothing hangs (every run under timeout 20).
+#
+#   hostile.sh TOOL SNAPSHOTS_DIR
+set -u
+tool=$1 good=$2/vmware-2
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+cd "$work" || exit 1
+failed=0
+
+# bad NAME 'SHELL COMMAND RUN IN s/' 'EXPECTED START OF STANDARD ERROR'
+bad() {
+  rm -rf s && cp -R "$good" s && (cd s && eval "$2")
+  timeout 20 "$tool" --all --snapshot s "$good" >out 2>err
+  status=$?
+  if [ "$status" != 2 ] || ! grep -q "^xrprocdetect: $3" err || ! grep -q "^Counted from: $good" out
+  then
+    printf '%s: status %s, standard error\n%s\n' "$1" "$status" "$(cat err)"
+    failed=1
+  fi
+}
+topology='mkdir -p sys/devices/system/cpu && cd sys/devices/system/cpu'
+bad fifo "$topology && echo 0-1 >possible && mkfifo online" \
+  "s/sys/devices/system/cpu/online: a FIFO, not a regular file"
+bad device-link "$topology && echo 0-1 >online && mkdir -p cpu0/topology &&
+  ln -s /dev/zero cpu0/topology/physical_package_id" \
+  "s/sys/devices/system/cpu/cpu0/topology/physical_package_id: a device, not a regular file"
+for list in 65535,0 1000,0 0,0,0,0 3-1 0-4294967295; do
+  bad "list $list" "$topology && echo $list >online" "s/sys/devices/system/cpu/online line 1: "
+done
+bad unfinished 'mkdir .xrprocdetect-saving' "cannot read the snapshot: s: an unfinished save"
+bad pu01 'cp cpuid/pu0 cpuid/pu01' \
+  "cannot read the snapshot: s/cpuid/pu01: not a processor number in canonical form"
+bad pu10240 'cp cpuid/pu0 cpuid/pu10240' \
+  "cannot read the snapshot: s/cpuid/pu10240: processor number above 1023"
+bad pu99999999999 'cp cpuid/pu0 cpuid/pu99999999999' \
+  "cannot read the snapshot: s/cpuid/pu99999999999: processor number above 1023"
+bad too-big 'head -c 4194305 /dev/zero | tr "\0" "#" >cpuid/pu1' \
+  "cannot read the snapshot: s/cpuid/pu1: larger than 4 MiB"
+bad not-a-snapshot 'rm -rf ./* && mkdir other' "cannot read the snapshot: not a snapshot: s holds none"
+
+# /proc is no snapshot either.
+timeout 20 "$tool" --snapshot /proc >/dev/null 2>err
+[ $? = 2 ] && grep -q "not a snapshot: /proc" err || { echo "--snapshot /proc: $(cat err)"; failed=1; }
+
+# A link given to --save is refused as a link, and its target left empty.
+mkdir empty && ln -s empty link
+got=$("$tool" --save link 2>&1)
+[ $? = 2 ] && [ -z "$(ls -A empty)" ] && echo "$got" | grep -q "symbolic link" ||
+  { echo "--save through a link: $got"; failed=1; }
+exit $failed

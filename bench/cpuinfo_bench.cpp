@@ -25,7 +25,7 @@
 
 namespace {
 
-const int kSizes[] = {8, 64, 256, 1024};
+const int kSizes[] = {8, 64, 256, 1024, 4096};
 const char* const kGenerations[] = {"6.0", "6.1", "7.0", "default"};
 
 struct MachineFile {

@@ -224,10 +224,11 @@ check_package() {
       dpkg-deb --ctrl-tarfile "$deb" | tar -xO ./triggers | grep -qx 'activate-noawait ldconfig' ||
         fail "$pkg: no ldconfig trigger"
       # The symbols file lists exactly what the packaged library exports.
+      rm -rf "$work/runtime" && dpkg-deb -x "$deb" "$work/runtime"
       diff <(dpkg-deb --ctrl-tarfile "$deb" | tar -xO ./symbols | sed -n 's/^ \([^ ]*\) .*/\1/p' |
-        sort) <(dpkg-deb --fsys-tarfile "$deb" | tar -xO "./$libdir/libxrprocdetector.so.$version" |
-        nm -D --defined-only /dev/stdin | awk '{ sub(/@@/, "@", $NF); print $NF }' |
-        sed 's/^\(XRPROCDETECTOR_[0-9]*\)$/\1@\1/' | sort) >/dev/null ||
+        sort) <(nm -D --defined-only "$(find "$work/runtime" -name "libxrprocdetector.so.$version")" |
+        awk '{ sub(/@@/, "@", $NF); print $NF }' | sed 's/^\(XRPROCDETECTOR_[0-9]*\)$/\1@\1/' |
+        sort) ||
         fail "$pkg: the symbols file does not list what the library exports"
       ;;
     "$dev_pkg")

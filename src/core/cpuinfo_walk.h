@@ -16,6 +16,7 @@
 #ifndef XRPROCDETECTOR_INTERNAL_CPUINFO_WALK_H
 #define XRPROCDETECTOR_INTERNAL_CPUINFO_WALK_H
 
+#include <deque>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -79,9 +80,12 @@ inline void storeCounts(XrProcDetector& detector, const CpuinfoCounts& counts) {
 // the one implementation of the table operations, which the scans and
 // xrLogicalTable's member operations both run. Texts are found by linear
 // search from the first entry, but for processor numbers, of which a table
-// holds up to 256: those are found through an index of the records, set up
-// from the table when first needed and brought up to date before each
-// search, so a recorder made for one value sees a table filled by any means.
+// holds up to 256, and for the core ids of a record that has many (the last
+// record collects those of every processor past the 256th): those are found
+// through indexes, set up from the table when first needed and brought up to
+// date before each search, so a recorder made for one value sees a table
+// filled by any means. Only whether a text is there is asked of them, so the
+// first equal text still wins.
 class TableRecorder {
  public:
   explicit TableRecorder(xrLogicalTable& table) : table_(table) {}
@@ -94,6 +98,14 @@ class TableRecorder {
   xrLogicalTable& table_;
   std::unordered_map<std::string_view, std::int32_t> processors_;  // first record of each
   std::int32_t indexed_ = 0;  // records 0 .. indexed_ - 1 are in processors_
+  // The core ids of records with many, by record: views of copies that
+  // stay put, as the record's own texts may move when it grows.
+  struct CoreIds {
+    std::deque<std::string> texts;
+    std::unordered_set<std::string_view> ids;
+    std::int32_t indexed = 0;  // the record's first `indexed` core ids are in ids
+  };
+  std::unordered_map<std::int32_t, CoreIds> coreIds_;
 };
 
 // The table scan of 6.1, 7.0 and the default detector: distinct processor

@@ -101,10 +101,19 @@ void TableRecorder::cpuCores(std::string_view v) {
 }
 
 void TableRecorder::coreId(std::string_view v) {
+  // A record with more core ids than this is searched through an index.
+  constexpr std::int32_t kIndexFrom = 16;
   xrLogicalData& record = table_.records[table_.current];
   const std::int32_t n = std::min(record.coreIdCount, xrLogicalData::CoreIdArray::kCapacity);
-  for (std::int32_t i = 0; i < n; ++i) {
-    if (record.coreIds[i] == v) return;
+  if (n >= kIndexFrom) {
+    CoreIds& index = coreIds_[table_.current];
+    for (; index.indexed < n; ++index.indexed)
+      index.ids.insert(index.texts.emplace_back(record.coreIds[index.indexed]));
+    if (index.ids.count(v) != 0) return;
+  } else {
+    for (std::int32_t i = 0; i < n; ++i) {
+      if (record.coreIds[i] == v) return;
+    }
   }
   // A record holds 256 core ids; a 257th distinct one is not added.
   if (n < 0 || n >= xrLogicalData::CoreIdArray::kCapacity) return;

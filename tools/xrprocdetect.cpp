@@ -4,11 +4,15 @@
 #include <xrprocdetector/detect.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
+#include <condition_variable>
 #include <cstdio>
 #include <cstring>
+#include <mutex>
 #include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "options.h"
@@ -42,9 +46,10 @@ struct Outcome {
   std::string why;          // the first reason a row was not compared
 };
 
-// The source of one input, with its kernel row; nothing (said on standard
-// error) when it cannot be read.
-std::optional<Source> open(Source::Kind kind, const std::string& name, Input* input) {
+// The source of one input, with its kernel row; nothing (*error says why)
+// when it cannot be read.
+std::optional<Source> open(Source::Kind kind, const std::string& name, Input* input,
+                           std::string* why) {
   input->live = kind == Source::Kind::kLive;
   input->snapshot = kind == Source::Kind::kSnapshot;
   input->file = name;
@@ -63,7 +68,7 @@ std::optional<Source> open(Source::Kind kind, const std::string& name, Input* in
     error = input->kernel->error;
     if (!error.empty()) source.reset();
   }
-  if (!source) std::fprintf(stderr, "xrprocdetect: %s\n", error.c_str());
+  if (!source) *why = "xrprocdetect: " + error + "\n";
   return source;
 }
 
@@ -83,54 +88,103 @@ bool compared(const Detection& row, const Input& input, std::string* why) {
   return false;
 }
 
-// Runs the selected generations on one input and writes its report (or adds
-// it to `tally`).
-void runInput(const Run& run, Source::Kind kind, const std::string& name, Tally* tally,
-              Outcome* outcome) {
-  const Options& options = *run.options;
+// One input's report, made without writing anything, so that inputs can be
+// worked on at once and still be written in their order.
+struct Report {
   Input input;
-  const std::optional<Source> source = open(kind, name, &input);
-  if (!source) {
+  std::vector<Detection> rows;
+  std::string out;
+  std::string err;
+  bool failed = false;
+};
+
+// Runs the selected generations on one input.
+Report report(const Run& run, Source::Kind kind, const std::string& name) {
+  const Options& options = *run.options;
+  Report r;
+  const std::optional<Source> source = open(kind, name, &r.input, &r.err);
+  r.failed = !source;
+  for (auto g = run.selected.begin(); source && g != run.selected.end(); ++g) {
+    r.rows.push_back(detect(*g, *source, run.settings));
+    const Detection& row = r.rows.back();
+    // A live /proc/cpuinfo that cannot be read: there are other ways in.
+    const char* hint = r.input.live ? " (use --cpuinfo FILE, or --algorithm 5.3)" : "";
+    if (!row.error.empty()) r.err += "xrprocdetect: " + row.error + hint + "\n";
+    if (!row.error.empty()) return r.failed = true, r;
+    if (run.passDebugOn) r.err += row.debug + row.summary;
+  }
+  if (r.failed || options.tally) return r;
+  if (options.json) {
+    r.out = json(r.rows, r.input, options.all, options.summary, run.lines);
+  } else {
+    r.out = options.all ? table(r.rows, r.input) : humanReport(r.rows.front(), r.input);
+    if (options.summary) r.out += summaries(r.rows);
+  }
+  return r;
+}
+
+// Writes one input's report (or adds it to `tally`), and what it calls for
+// into *outcome.
+void emit(const Report& r, const std::string& name, bool tallying, Tally* tally, Outcome* outcome) {
+  std::fputs(r.err.c_str(), stderr);
+  if (r.failed) {
     tally->failed();
     outcome->failed = true;
     return;
   }
-  std::vector<Detection> rows;
-  for (const Generation g : run.selected) {
-    rows.push_back(detect(g, *source, run.settings));
-    const Detection& row = rows.back();
-    if (!row.error.empty()) {
-      // A live /proc/cpuinfo that cannot be read: there are other ways in.
-      const char* hint = input.live ? " (use --cpuinfo FILE, or --algorithm 5.3)" : "";
-      std::fprintf(stderr, "xrprocdetect: %s%s\n", row.error.c_str(), hint);
-      outcome->failed = true;
-      return;
-    }
-    if (run.passDebugOn) {
-      std::fputs(row.debug.c_str(), stderr);
-      std::fputs(row.summary.c_str(), stderr);
-    }
+  for (const Detection& row : r.rows) {
     if (row.counted && row.result < 0) outcome->negative = true;
-    if (input.kernel && countsDiffer(compare(row, *input.kernel))) outcome->differs = true;
+    if (r.input.kernel && countsDiffer(compare(row, *r.input.kernel))) outcome->differs = true;
     std::string why;
-    if (!compared(row, input, &why) && !outcome->uncompared) {
+    if (!compared(row, r.input, &why) && !outcome->uncompared) {
       outcome->uncompared = true;
-      outcome->why = (input.live ? "this machine" : name) + ": " + why;
+      outcome->why = (r.input.live ? "this machine" : name) + ": " + why;
     }
   }
-  if (options.tally) {
-    if (input.kernel) tally->add(input.live ? "live" : name, rows, *input.kernel);
-    return;
-  }
-  std::string out;
-  if (options.json) {
-    out = json(rows, input, options.all, options.summary, run.lines);
-  } else {
-    out = options.all ? table(rows, input) : humanReport(rows.front(), input);
-    if (options.summary) out += summaries(rows);
-  }
-  std::fwrite(out.data(), 1, out.size(), stdout);
+  if (tallying && r.input.kernel) tally->add(r.input.live ? "live" : name, r.rows, *r.input.kernel);
+  std::fwrite(r.out.data(), 1, r.out.size(), stdout);
   std::fflush(stdout);
+}
+
+// Every input, several at once where there are processors to spare (but
+// with the echo, which writes straight to standard output), written in
+// their order.
+void runAll(const Run& run, Source::Kind kind, const std::vector<std::string>& names, Tally* tally,
+            Outcome* outcome) {
+  const bool text = !run.options->json && !run.options->tally;
+  const std::size_t workers =
+      run.settings.echo
+          ? 1
+          : std::min<std::size_t>(names.size(),
+                                  std::max(1u, std::min(4u, std::thread::hardware_concurrency())));
+  std::vector<std::optional<Report>> reports(names.size());
+  std::mutex lock;
+  std::condition_variable done;
+  std::atomic<std::size_t> next{0};
+  auto work = [&] {
+    for (std::size_t i; (i = next++) < names.size();) {
+      Report r = report(run, kind, names[i]);
+      const std::lock_guard<std::mutex> hold(lock);
+      reports[i] = std::move(r);
+      done.notify_one();
+    }
+  };
+  std::vector<std::thread> threads;
+  for (std::size_t w = 0; w < workers && workers > 1; ++w)
+    threads.emplace_back(work);
+  for (std::size_t i = 0; i < names.size(); ++i) {
+    std::unique_lock<std::mutex> hold(lock);
+    if (workers <= 1) reports[i] = report(run, kind, names[i]);  // one after another
+    done.wait(hold, [&] { return reports[i].has_value(); });
+    const Report r = std::move(*reports[i]);
+    reports[i].reset();
+    hold.unlock();
+    // Several text reports are set apart by a blank line.
+    if (i > 0 && text) std::fputc('\n', stdout);
+    emit(r, names[i], run.options->tally, tally, outcome);
+  }
+  for (std::thread& t : threads)
+    t.join();
 }
 
 int save(const std::string& dir) {
@@ -183,11 +237,7 @@ int main(int argc, char** argv) {
                                                        : Source::Kind::kSnapshot;
   Tally tally;
   Outcome outcome;
-  for (std::size_t i = 0; i < std::max<std::size_t>(names.size(), 1); ++i) {
-    // Several text reports are set apart by a blank line.
-    if (i > 0 && !options.json && !options.tally) std::fputc('\n', stdout);
-    runInput(run, kind, names.empty() ? "" : names[i], &tally, &outcome);
-  }
+  runAll(run, kind, names.empty() ? std::vector<std::string>{""} : names, &tally, &outcome);
   if (options.tally) std::fputs(tally.text().c_str(), stdout);
   if (std::fflush(stdout) != 0 || std::ferror(stdout)) {
     std::fprintf(stderr, "xrprocdetect: cannot write the report: %s\n", std::strerror(errno));

@@ -226,8 +226,9 @@ class ThreadState {
   bool haveAffinity_;
 };
 
-// The default detector's fault guard has one jump buffer for the process.
-std::mutex liveDefaultLock;
+// The default detector's fault guard has one jump buffer and one SIGSEGV
+// disposition for the process.
+std::mutex probeLock;
 
 void runOn(Generation g, const SourceData& source, const DetectOptions& options, Detection& d) {
   switch (source.kind) {
@@ -236,17 +237,18 @@ void runOn(Generation g, const SourceData& source, const DetectOptions& options,
       return run(g, source, options, d);
     }
     case Source::Kind::kSnapshot: {
-      // The default detector's VMware probe sets the SIGSEGV disposition,
-      // replayed or not.
+      // The default detector's VMware probe sets the process's SIGSEGV
+      // disposition, replayed or not: one at a time, and given back.
+      std::unique_lock<std::mutex> lock(probeLock, std::defer_lock);
       std::optional<detail::SignalState> signals;
-      if (g == Generation::kDefault) signals.emplace();
+      if (g == Generation::kDefault) lock.lock(), signals.emplace();
       const XrSnapshotReplay replay(source.snapshot);
       return run(g, source, options, d);
     }
     case Source::Kind::kLive:
       break;
   }
-  std::unique_lock<std::mutex> lock(liveDefaultLock, std::defer_lock);
+  std::unique_lock<std::mutex> lock(probeLock, std::defer_lock);
   if (g == Generation::kDefault) lock.lock();
   const ThreadState thread;
   run(g, source, options, d);

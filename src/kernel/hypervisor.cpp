@@ -42,8 +42,13 @@ std::optional<Hypervisor> pciVendor(unsigned long vendor) {
 
 // The hypervisor the PCI devices name: sys/bus/pci/devices/*/vendor, or the
 // second column of proc/bus/pci/devices (vendor and device, 4 digits each).
+// VMware's name wins over another's.
 std::optional<Hypervisor> pciHint(SystemRoot& root) {
   std::optional<Hypervisor> found;
+  auto take = [&found](unsigned long vendor) {
+    const auto hint = pciVendor(vendor);
+    if (hint && found != Hypervisor::kVmware) found = hint;
+  };
   const std::string folder = "sys/bus/pci/devices";
   if (DIR* listing = ::opendir(root.shown(folder).c_str())) {
     while (const dirent* entry = ::readdir(listing)) {
@@ -51,8 +56,7 @@ std::optional<Hypervisor> pciHint(SystemRoot& root) {
       if (entry->d_name[0] == '.' ||
           root.text(folder + "/" + entry->d_name + "/vendor", &vendor) != Read::kOk)
         continue;
-      const auto hint = pciVendor(std::strtoul(vendor.c_str(), nullptr, 16));
-      if (hint && !(found == Hypervisor::kVmware)) found = hint;
+      take(std::strtoul(vendor.c_str(), nullptr, 16));
     }
     ::closedir(listing);
     return found;
@@ -65,8 +69,7 @@ std::optional<Hypervisor> pciHint(SystemRoot& root) {
     std::string slot;
     std::string ids;
     words >> slot >> ids;
-    const auto hint = pciVendor(std::strtoul(ids.substr(0, 4).c_str(), nullptr, 16));
-    if (hint && !(found == Hypervisor::kVmware)) found = hint;
+    take(std::strtoul(ids.substr(0, 4).c_str(), nullptr, 16));
   }
   return found;
 }

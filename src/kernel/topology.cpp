@@ -308,19 +308,9 @@ KernelTopology kernelTopology(const Source& source) noexcept {
 }
 
 std::optional<Smt> smtOf(const Detection& d) noexcept {
-  if (!d.counted) return std::nullopt;
-  switch (d.hyperThreading) {
-    case HyperThreading::kNotCapable:
-      return Smt::kNotSupported;
-    case HyperThreading::kDisabled:
-      return Smt::kOff;
-    case HyperThreading::kEnabled:
-    case HyperThreading::kEnabledOverTwiceCores:
-      return Smt::kOn;
-    case HyperThreading::kNotDetermined:
-      break;
-  }
-  return std::nullopt;
+  if (!d.counted || d.hyperThreading == HyperThreading::kNotDetermined) return std::nullopt;
+  if (d.hyperThreading == HyperThreading::kNotCapable) return Smt::kNotSupported;
+  return d.hyperThreading == HyperThreading::kDisabled ? Smt::kOff : Smt::kOn;  // 2 and 3: on
 }
 
 std::optional<Hypervisor> hypervisorOf(const Detection& d) noexcept {

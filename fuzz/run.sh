@@ -21,7 +21,7 @@ for target in "$build"/fuzz/fuzz_*; do
   # The readers take inputs up to a CPUID dump's cap; the others' inputs
   # are texts and trees of a few kilobytes.
   max_len=16384
-  [[ $name != fuzz_snapshot_readers ]] || max_len=1048576
+  [[ $name != fuzz_snapshot_readers ]] || max_len=4194304
   echo "=== $name: $2 s"
   "$target" "$corpus" -max_total_time="$2" -timeout=20 -rss_limit_mb=2048 -max_len=$max_len \
     -dict="$here/cpuinfo.dict" -artifact_prefix="$artifacts/" >"$artifacts.log" 2>&1 ||

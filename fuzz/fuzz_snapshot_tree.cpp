@@ -6,6 +6,7 @@
 //
 // The input is a list of entries: a kind byte, a path byte, a two-byte
 // length, then that many bytes of content.
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -51,11 +52,12 @@ void place(const std::string& root, std::uint8_t kind, const char* path, const s
   const std::string at = root + "/" + path;
   switch (kind % 6) {
     case 0:
-    case 1: {  // a regular file, the most common part
-      FILE* f = std::fopen(at.c_str(), "wb");
-      if (f == nullptr) return;
-      std::fwrite(body.data(), 1, body.size(), f);
-      std::fclose(f);
+    case 1: {  // a regular file, the most common part; only a new one, as
+               // opening a FIFO put there before would wait for a reader
+      const int fd = ::open(at.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, 0644);
+      if (fd < 0) return;
+      [[maybe_unused]] const ssize_t written = ::write(fd, body.data(), body.size());
+      ::close(fd);
       return;
     }
     case 2:

@@ -175,6 +175,17 @@ TEST(Kernel, ABrokenListIsAnErrorAndNoCountIsTakenFromItsTree) {
   }
 }
 
+TEST(Kernel, AnEmptyOnlineListCountsNothing) {
+  const Scratch scratch;
+  scratch.write("sys/devices/system/cpu/online", "\n");
+  const auto source = Source::snapshot(scratch.path.string());
+  ASSERT_TRUE(source);
+  const KernelTopology k = kernelTopology(*source);
+  EXPECT_FALSE(k.logicalProcessors || k.packages || k.cores || k.usableProcessors);
+  EXPECT_EQ(k.missing, "sys/devices/system/cpu/online is empty");
+  EXPECT_EQ(k.error, "");
+}
+
 TEST(Kernel, CompareNamesWhatAgreesAndWhatCannotBeCompared) {
   Detection d = detect(Generation::k70, Source::cpuinfoText(kTwoCores));
   KernelTopology k;

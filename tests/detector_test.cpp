@@ -26,8 +26,10 @@ TEST(Hexify, SeparateBufferInPlaceAndLengthZero) {
   char out[] = "??????????";
   EXPECT_EQ(object.hexify(out, "\x01\x2F\x80\xFF", 4), 8);  // 0x80 and above: natural digits
   EXPECT_EQ(out + std::string("|") + (out + 9), "012F80FF|?");
+  EXPECT_EQ(object.hexify(out, "J", 1), 2);  // one byte: two digits, then the zero byte
+  EXPECT_EQ(out + std::string("|") + (out + 3), "4A|F80FF");
   EXPECT_EQ(object.hexify(out, "zz", 0), 0);  // only the zero byte
-  EXPECT_EQ(out + std::string("|") + (out + 1), "|12F80FF");
+  EXPECT_EQ(out + std::string("|") + (out + 1), "|A");
   // In place: from the last byte to the first; the zero byte goes first and
   // nothing is written after the last digit.
   char same[] = "\xAB\xC0\x7E####";

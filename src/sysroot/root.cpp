@@ -81,7 +81,6 @@ bool parseProcessorList(std::string_view text, unsigned limit, std::vector<unsig
   // One line; its end is optional.
   if (!text.empty() && text.back() == '\n') text.remove_suffix(1);
   if (text.empty()) return true;
-  const std::string last = std::to_string(limit - 1);
   std::size_t pos = 0;
   auto number = [&](unsigned* value) {
     const std::size_t from = pos;
@@ -106,8 +105,7 @@ bool parseProcessorList(std::string_view text, unsigned limit, std::vector<unsig
     if (!ok) {
       // A number stopped before its last digit was too large.
       const bool tooLarge = pos < text.size() && text[pos] >= '0' && text[pos] <= '9';
-      *error = tooLarge ? "line 1: a processor number above " + last +
-                              " (the detectors' processor sets hold 0 to " + last + ")"
+      *error = tooLarge ? "line 1: a processor number above " + std::to_string(limit - 1)
                         : "line 1: not a processor list such as 0-3,8-11";
       return false;
     }

@@ -1,6 +1,4 @@
 // Whether the machine is virtual, and whose, as its files show it.
-#include <dirent.h>
-
 #include <cstdlib>
 #include <sstream>
 
@@ -49,16 +47,13 @@ std::optional<Hypervisor> pciHint(SystemRoot& root) {
     const auto hint = pciVendor(vendor);
     if (hint && found != Hypervisor::kVmware) found = hint;
   };
-  const std::string folder = "sys/bus/pci/devices";
-  if (DIR* listing = ::opendir(root.shown(folder).c_str())) {
-    while (const dirent* entry = ::readdir(listing)) {
+  std::vector<std::string> devices;
+  if (root.entries("sys/bus/pci/devices", &devices) == Read::kOk) {
+    for (const std::string& device : devices) {
       std::string vendor;
-      if (entry->d_name[0] == '.' ||
-          root.text(folder + "/" + entry->d_name + "/vendor", &vendor) != Read::kOk)
-        continue;
-      take(std::strtoul(vendor.c_str(), nullptr, 16));
+      if (root.text("sys/bus/pci/devices/" + device + "/vendor", &vendor) == Read::kOk)
+        take(std::strtoul(vendor.c_str(), nullptr, 16));
     }
-    ::closedir(listing);
     return found;
   }
   std::string table;

@@ -1,9 +1,7 @@
 // The kernel's own topology of a machine, read from sys/devices/system/cpu
 // (live, or under a snapshot's or a system root's directory), and how a
 // detection compares with it.
-#include <dirent.h>
 #include <fcntl.h>
-#include <unistd.h>
 
 #include <sched.h>
 
@@ -26,11 +24,9 @@ namespace xrprocdetector {
 
 namespace {
 
+using detail::kKernelMaxProcessors;
 using detail::Read;
 using detail::SystemRoot;
-
-// The kernel's own limit on processor numbers (NR_CPUS at its largest).
-constexpr unsigned kKernelMaxProcessors = 8192;
 
 // A processor's file, relative to sys/devices/system/cpu: the short path
 // that the kernel looks up in fewer steps.
@@ -42,21 +38,17 @@ std::string cpuFile(unsigned cpu, const char* file) {
 // cpuN folders, each online unless its own online file says 0.
 Read onlineProcessors(SystemRoot& root, std::vector<unsigned>* online) {
   const Read r = root.list("online", kKernelMaxProcessors, online);
-  if (r != Read::kAbsent) return r;
-  DIR* listing = ::opendir(root.dir().c_str());
-  if (listing == nullptr) return Read::kAbsent;
-  while (const dirent* entry = ::readdir(listing)) {
-    char* end = nullptr;
-    if (std::strncmp(entry->d_name, "cpu", 3) != 0 || entry->d_name[3] < '0' ||
-        entry->d_name[3] > '9')
-      continue;
-    const unsigned long n = std::strtoul(entry->d_name + 3, &end, 10);
+  std::vector<std::string> names;
+  if (r != Read::kAbsent || root.entries("", &names) != Read::kOk) return r;
+  for (const std::string& name : names) {
+    unsigned n = 0;
+    std::string problem;
     long state = 1;
-    if (*end != '\0' || n >= kKernelMaxProcessors) continue;
-    if (root.number(cpuFile(static_cast<unsigned>(n), "online"), &state) == Read::kFailed) break;
-    if (state != 0) online->push_back(static_cast<unsigned>(n));
+    if (!detail::numberedName(name, "cpu", kKernelMaxProcessors, &n, &problem) || !problem.empty())
+      continue;
+    if (root.number(cpuFile(n, "online"), &state) == Read::kFailed) break;
+    if (state != 0) online->push_back(n);
   }
-  ::closedir(listing);
   std::sort(online->begin(), online->end());
   return online->empty() ? Read::kAbsent : Read::kOk;
 }

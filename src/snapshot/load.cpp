@@ -1,9 +1,6 @@
 // Loading a snapshot directory, or a system root recorded for other
 // topology tools, through the system-root reader.
-#include <dirent.h>
-#include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -28,61 +25,24 @@ Read readPart(const dt::SystemRoot& root, const std::string& path, std::size_t c
   return r;
 }
 
-// The number N of a dump's name "puN". False for a name that is not a dump
-// at all ("pu0.txt", "info"); *problem is set for a dump's name that cannot
-// be taken: not in canonical form (a leading zero), or above the limit.
-bool dumpNumber(const char* name, unsigned* n, std::string* problem) {
-  if (std::strncmp(name, "pu", 2) != 0 || name[2] < '0' || name[2] > '9') return false;
-  const char* digits = name + 2;
-  std::size_t length = 0;
-  while (digits[length] >= '0' && digits[length] <= '9')
-    ++length;
-  if (digits[length] != '\0') return false;
-  if (length > 1 && digits[0] == '0') {
-    *problem = "not a processor number in canonical form (no leading zero)";
-    return true;
-  }
-  unsigned long value = 0;
-  for (std::size_t i = 0; i < length && value < kSnapshotMaxProcessors; ++i)
-    value = value * 10 + static_cast<unsigned long>(digits[i] - '0');
-  if (value >= kSnapshotMaxProcessors) {
-    *problem = "processor number above " + std::to_string(kSnapshotMaxProcessors - 1);
-    return true;
-  }
-  *n = static_cast<unsigned>(value);
-  return true;
-}
-
-// cpuid/puN (or the folder's own puN, for a CPUID folder given alone).
+// cpuid/puN (or the folder's own puN, for a CPUID folder given alone). Any
+// other name ("pu0.txt", "info") is no dump; a dump whose number is not in
+// canonical form or above the limit is refused.
 bool loadDumps(const dt::SystemRoot& root, const std::string& folder, XrMachineSnapshot* s,
                std::string* error) {
-  const int fd = ::openat(root.fd(), folder.empty() ? "." : folder.c_str(),
-                          O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NONBLOCK);
-  if (fd < 0) {
-    if (errno == ENOENT) return true;
-    *error = root.shown(folder) + ": " + std::strerror(errno);
-    return false;
-  }
-  DIR* listing = ::fdopendir(fd);
-  if (listing == nullptr) {
-    ::close(fd);
-    *error = root.shown(folder) + ": " + std::strerror(errno);
-    return false;
-  }
+  std::vector<std::string> names;
+  const Read listed = root.entries(folder, &names);
+  if (listed == Read::kFailed) *error = root.shown(folder) + ": " + std::strerror(errno);
+  if (listed != Read::kOk) return listed == Read::kAbsent;
   const std::string prefix = folder.empty() ? "" : folder + "/";
   std::vector<unsigned> processors;
-  while (const dirent* entry = ::readdir(listing)) {
+  for (const std::string& name : names) {
     unsigned n = 0;
     std::string problem;
-    if (!dumpNumber(entry->d_name, &n, &problem)) continue;
-    if (!problem.empty()) {
-      *error = root.shown(prefix + entry->d_name) + ": " + problem;
-      ::closedir(listing);
-      return false;
-    }
+    if (!dt::numberedName(name, "pu", kSnapshotMaxProcessors, &n, &problem)) continue;
+    if (!problem.empty()) return *error = root.shown(prefix + name) + ": " + problem, false;
     processors.push_back(n);
   }
-  ::closedir(listing);
   std::sort(processors.begin(), processors.end());
   std::string text;
   for (const unsigned n : processors) {

@@ -3,7 +3,6 @@
 // xrprocdetect.json last; a save that fails removes what it wrote, and one
 // cut off (the process killed) leaves the working folder, which loading
 // refuses as an unfinished save.
-#include <dirent.h>
 #include <fcntl.h>
 #include <ftw.h>
 #include <sys/stat.h>
@@ -131,24 +130,16 @@ class Saver {
   std::string* error_;
 };
 
-bool isNumbered(const char* name, const char* prefix) {
-  const std::size_t n = std::strlen(prefix);
-  if (std::strncmp(name, prefix, n) != 0 || name[n] == '\0') return false;
-  for (const char* c = name + n; *c != '\0'; ++c) {
-    if (*c < '0' || *c > '9') return false;
-  }
-  return true;
-}
-
 // The processor folders cpuN of the live sys/devices/system/cpu, in order.
-std::vector<unsigned> liveProcessorFolders() {
+std::vector<unsigned> liveProcessorFolders(const dt::SystemRoot& live) {
+  std::vector<std::string> names;
   std::vector<unsigned> numbers;
-  if (DIR* listing = ::opendir("/sys/devices/system/cpu")) {
-    while (const dirent* entry = ::readdir(listing)) {
-      if (isNumbered(entry->d_name, "cpu") && std::strlen(entry->d_name) < 9)
-        numbers.push_back(static_cast<unsigned>(std::atoi(entry->d_name + 3)));
-    }
-    ::closedir(listing);
+  live.entries("sys/devices/system/cpu", &names);
+  for (const std::string& name : names) {
+    unsigned n = 0;
+    std::string problem;
+    if (dt::numberedName(name, "cpu", dt::kKernelMaxProcessors, &n, &problem) && problem.empty())
+      numbers.push_back(n);
   }
   std::sort(numbers.begin(), numbers.end());
   return numbers;
@@ -160,20 +151,17 @@ std::vector<unsigned> liveProcessorFolders() {
 bool saveMoreKernelFiles(Saver& saver, const std::vector<unsigned>& processors) {
   std::vector<std::string> files = {"proc/self/cgroup", "proc/self/mountinfo", "proc/self/cpuset",
                                     "sys/devices/cpu_core/cpus", "sys/devices/cpu_atom/cpus"};
-  for (std::string& file : dt::readCgroupLimits(saver.live(), 8192).files)
+  for (std::string& file : dt::readCgroupLimits(saver.live(), dt::kKernelMaxProcessors).files)
     files.push_back(std::move(file));
   for (const unsigned n : processors) {
     const std::string folder = "sys/devices/system/cpu/cpu" + std::to_string(n) + "/";
     files.push_back(folder + "cpufreq/base_frequency");
     files.push_back(folder + "acpi_cppc/highest_perf");
   }
-  if (DIR* listing = ::opendir("/sys/bus/pci/devices")) {
-    while (const dirent* entry = ::readdir(listing)) {
-      if (entry->d_name[0] != '.')
-        files.push_back(std::string("sys/bus/pci/devices/") + entry->d_name + "/vendor");
-    }
-    ::closedir(listing);
-  }
+  std::vector<std::string> devices;
+  saver.live().entries("sys/bus/pci/devices", &devices);
+  for (const std::string& device : devices)
+    files.push_back("sys/bus/pci/devices/" + device + "/vendor");
   std::sort(files.begin(), files.end());
   files.erase(std::unique(files.begin(), files.end()), files.end());
   for (const std::string& file : files) {
@@ -190,7 +178,7 @@ bool saveKernelFiles(Saver& saver) {
   for (const char* name : {"possible", "present", "online"}) {
     if (!saver.copy(cpu + name, true)) return false;
   }
-  const std::vector<unsigned> processors = liveProcessorFolders();
+  const std::vector<unsigned> processors = liveProcessorFolders(saver.live());
   for (const unsigned n : processors) {
     const std::string folder = cpu + "cpu" + std::to_string(n) + "/";
     if (!saver.makeDirs(folder + "topology") || !saver.copy(folder + "online", false)) return false;
@@ -260,16 +248,13 @@ bool prepare(const std::string& dir, bool* created, std::string* error) {
   *created = ::mkdir(dir.c_str(), 0755) == 0;
   if (!*created && errno != EEXIST)
     return *error = "cannot create " + dir + ": " + std::strerror(errno), false;
-  DIR* listing = ::opendir(dir.c_str());
-  if (listing == nullptr) return *error = "cannot open " + dir + ": " + std::strerror(errno), false;
-  bool empty = true;
-  while (const dirent* entry = ::readdir(listing)) {
-    if (std::strcmp(entry->d_name, ".") != 0 && std::strcmp(entry->d_name, "..") != 0)
-      empty = false;
-  }
-  ::closedir(listing);
-  if (!empty) *error = dir + ": not empty; a snapshot goes into a new or empty directory";
-  return empty;
+  const dt::SystemRoot root(dir);
+  std::vector<std::string> names;
+  if (!root.isOpen()) return *error = "cannot open " + root.openError(), false;
+  if (root.entries("", &names) != Read::kOk)
+    return *error = "cannot open " + dir + ": " + std::strerror(errno), false;
+  if (!names.empty()) *error = dir + ": not empty; a snapshot goes into a new or empty directory";
+  return names.empty();
 }
 
 // Everything into the working folder, then into place, the metadata last.

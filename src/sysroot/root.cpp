@@ -1,5 +1,6 @@
 #include "sysroot/root.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -168,6 +169,25 @@ bool parseCpuMask(std::string_view text, unsigned limit, std::vector<unsigned>* 
   return true;
 }
 
+bool numberedName(const std::string& name, const char* prefix, unsigned limit, unsigned* n,
+                  std::string* problem) {
+  const std::size_t from = std::strlen(prefix);
+  if (name.compare(0, from, prefix) != 0 || name.size() == from ||
+      name.find_first_not_of("0123456789", from) != std::string::npos)
+    return false;
+  unsigned long value = 0;
+  for (std::size_t i = from; i < name.size() && value < limit; ++i)
+    value = value * 10 + static_cast<unsigned long>(name[i] - '0');
+  if (name.size() - from > 1 && name[from] == '0') {
+    *problem = "not a processor number in canonical form (no leading zero)";
+  } else if (value >= limit) {
+    *problem = "processor number above " + std::to_string(limit - 1);
+  } else {
+    *n = static_cast<unsigned>(value);
+  }
+  return true;
+}
+
 std::string jsonQuoted(std::string_view text) {
   std::string out = "\"";
   for (const unsigned char c : text) {
@@ -211,6 +231,27 @@ Read SystemRoot::fail(const std::string& path, const std::string& why) {
 bool SystemRoot::exists(const std::string& path) const {
   struct stat st;
   return fd_ >= 0 && ::fstatat(fd_, path.c_str(), &st, 0) == 0;
+}
+
+Read SystemRoot::entries(const std::string& path, std::vector<std::string>* names) const {
+  names->clear();
+  if (fd_ < 0) return Read::kAbsent;
+  // O_NONBLOCK: a FIFO where a folder should be must not make the open wait.
+  const int fd = ::openat(fd_, path.empty() ? "." : path.c_str(),
+                          O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NONBLOCK);
+  DIR* listing = fd < 0 ? nullptr : ::fdopendir(fd);
+  if (listing == nullptr) {
+    const int why = errno;
+    if (fd >= 0) ::close(fd);
+    errno = why;
+    return why == ENOENT ? Read::kAbsent : Read::kFailed;
+  }
+  while (const dirent* entry = ::readdir(listing)) {
+    if (std::strcmp(entry->d_name, ".") != 0 && std::strcmp(entry->d_name, "..") != 0)
+      names->push_back(entry->d_name);
+  }
+  ::closedir(listing);
+  return Read::kOk;
 }
 
 Read SystemRoot::text(const std::string& path, std::string* out) {

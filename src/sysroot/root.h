@@ -25,6 +25,9 @@ constexpr std::size_t kCpuinfoCap = 64u << 20;
 constexpr std::size_t kSmallFileCap = 64u << 10;  // a list, mask, number or word
 constexpr std::size_t kCpuidDumpCap = 4u << 20;   // a real dump is a few hundred lines
 
+// The kernel's own limit on processor numbers (NR_CPUS at its largest).
+constexpr unsigned kKernelMaxProcessors = 8192;
+
 // Reads `path` under the directory `dirFd` (AT_FDCWD: the path itself) into
 // *text. Only a regular file is read, unless `anyKind` (a saved text the
 // user names, which may be a pipe); never more than `cap` bytes. kAbsent
@@ -44,6 +47,12 @@ std::string formatProcessorList(const std::vector<unsigned>& processors);
 // `limit`.
 bool parseCpuMask(std::string_view text, unsigned limit, std::vector<unsigned>* processors,
                   std::string* error);
+
+// Whether `name` is `prefix` followed by a number ("cpu12", "pu3"). If so,
+// *n is the number when it is in canonical form (no leading zero) and below
+// `limit`; otherwise *problem says which it is not.
+bool numberedName(const std::string& name, const char* prefix, unsigned limit, unsigned* n,
+                  std::string* problem);
 
 // A JSON string literal of `text`.
 std::string jsonQuoted(std::string_view text);
@@ -72,6 +81,10 @@ class SystemRoot {
   // The first failure met, naming its file; empty when there was none.
   const std::string& error() const { return error_; }
   bool exists(const std::string& path) const;
+  // The names in the folder `path` ("" for the root itself), without "."
+  // and ".."; kAbsent when there is no such folder, kFailed with errno set
+  // when it cannot be listed.
+  Read entries(const std::string& path, std::vector<std::string>* names) const;
 
  private:
   Read fail(const std::string& path, const std::string& why);

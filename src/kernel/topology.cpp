@@ -16,8 +16,8 @@
 #include <vector>
 
 #include "api/source.h"
-#include "kernel/cgroup.h"
 #include "kernel/kernel.h"
+#include "sysroot/cgroup.h"
 #include "sysroot/root.h"
 
 namespace xrprocdetector {

@@ -13,9 +13,9 @@
 #include <cstring>
 #include <new>
 
-#include "kernel/cgroup.h"
 #include "platform/machine.h"
 #include "snapshot/snapshot_io.h"
+#include "sysroot/cgroup.h"
 #include "sysroot/root.h"
 
 namespace dt = xrprocdetector::detail;

@@ -2,8 +2,8 @@
 // the effective cpuset and the CPU bandwidth quota, as the files under a
 // system root show them (live, a snapshot, or a tree recorded for other
 // topology tools).
-#ifndef XRPROCDETECTOR_SRC_KERNEL_CGROUP_H
-#define XRPROCDETECTOR_SRC_KERNEL_CGROUP_H
+#ifndef XRPROCDETECTOR_SRC_SYSROOT_CGROUP_H
+#define XRPROCDETECTOR_SRC_SYSROOT_CGROUP_H
 
 #include <optional>
 #include <string>
@@ -39,4 +39,4 @@ CgroupLimits readCgroupLimits(SystemRoot& root, unsigned limit);
 }  // namespace detail
 }  // namespace xrprocdetector
 
-#endif  // XRPROCDETECTOR_SRC_KERNEL_CGROUP_H
+#endif  // XRPROCDETECTOR_SRC_SYSROOT_CGROUP_H

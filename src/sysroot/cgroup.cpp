@@ -1,4 +1,4 @@
-#include "kernel/cgroup.h"
+#include "sysroot/cgroup.h"
 
 #include <algorithm>
 #include <cstdlib>

@@ -186,6 +186,26 @@ TEST(Kernel, AnEmptyOnlineListCountsNothing) {
   EXPECT_EQ(k.error, "");
 }
 
+// The mount table escapes a blank in a path as \040, also as the last
+// characters of a field; /proc/self/cgroup writes it as it is. The job's
+// quota of half a processor and the worker's cpuset of two apply.
+TEST(Kernel, ControlGroupPathsWithEscapedBlanks) {
+  const Scratch scratch;
+  scratch.write("sys/devices/system/cpu/online", "0-3\n");
+  scratch.write("proc/self/mountinfo",
+                "30 25 0:26 /job\\040 /sys/fs/cgroup rw - cgroup2 cgroup2 rw\n");
+  scratch.write("proc/self/cgroup", "0::/job /worker\n");
+  scratch.write("sys/fs/cgroup/cpu.max", "50000 100000\n");
+  scratch.write("sys/fs/cgroup/worker/cpu.max", "max 100000\n");
+  scratch.write("sys/fs/cgroup/worker/cpuset.cpus.effective", "1-2\n");
+  const auto source = Source::snapshot(scratch.path.string());
+  ASSERT_TRUE(source);
+  const KernelTopology k = kernelTopology(*source);
+  EXPECT_EQ(k.usableProcessors, 2);
+  EXPECT_EQ(k.cpuQuota, 0.5);
+  EXPECT_EQ(k.effectiveProcessors, 1);
+}
+
 TEST(Kernel, CompareNamesWhatAgreesAndWhatCannotBeCompared) {
   Detection d = detect(Generation::k70, Source::cpuinfoText(kTwoCores));
   KernelTopology k;

@@ -38,6 +38,17 @@ TEST(LogicalTable, RecordsByProcessorAndPackageCoresFromTheFirstRecord) {
   EXPECT_EQ(t->totalCores(), 16);  // 18 + 2^32 - 2, in 32 bits
 }
 
+TEST(LogicalTable, ARecordStopsAddingCoreIdsAtItsCapacity) {
+  auto t = std::make_unique<xrLogicalTable>();
+  t->findOrAddProcessor("0");
+  for (int id = 0; id < 300; ++id)
+    t->addCoreId(std::to_string(id));
+  t->addCoreId("7");  // already there: nothing changes
+  const xrLogicalData& record = t->records[0];
+  EXPECT_EQ(record.coreIdCount, 256);
+  EXPECT_EQ(record.coreIds[255], "255");
+}
+
 // One generation's scan of a fixture: 6.0 and 6.1 alone, before the 6.x
 // frame raises zero counts to 1; 7.0 and the default detector through
 // platformProcInfo.

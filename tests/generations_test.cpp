@@ -6,7 +6,8 @@
 // the vendor, highest leaf, logical processors per package (leaf 1, with or
 // without the hyper-threading flag) and cores per package (as leaves 4, 11
 // and 0x80000008 tell) of its processors, what the VMware backdoor does, and
-// the processors that the thread may be pinned to. The rest of the file is
+// the processors that the thread may be pinned to, and whether its affinity
+// cannot be read (affinity=unreadable). The rest of the file is
 // what the run writes to the debug stream, what printSummary writes after
 // it, and the result fields and hardware used.
 
@@ -48,6 +49,7 @@ TEST(Generations, WholeDetection) {
         : run["backdoor"] == "other" ? scripted::Backdoor::kOtherAnswer
                                      : scripted::Backdoor::kFault,
         number("allowed", "0xF"));
+    scripted::affinityUnreadable = run["affinity"] == "unreadable";
     const XrCpuinfoRedirect redirect(XrCpuinfoRedirect::kFile,
                                      testsupport::fixture(run["fixture"] + ".cpuinfo"));
     testsupport::OutputCapture capture;

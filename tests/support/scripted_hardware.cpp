@@ -27,6 +27,7 @@ std::uint32_t vmwareBackdoorVersion() {
 // The thread's affinity on the scripted machine, in place of the C library's
 // calls (a definition here comes before the library's at link time).
 extern "C" int sched_getaffinity(pid_t, size_t size, cpu_set_t* set) noexcept {
+  if (scripted::affinityUnreadable) return errno = EINVAL, -1;
   std::memcpy(set, &scripted::affinity, std::min(size, sizeof(cpu_set_t)));
   return 0;
 }

@@ -25,12 +25,13 @@ inline std::map<std::pair<std::uint32_t, std::uint32_t>, Registers> cpuid;  // b
 inline Backdoor backdoor;
 inline int cpuidQueries, backdoorQueries;
 inline cpu_set_t allowed, affinity;
+inline bool affinityUnreadable;  // sched_getaffinity fails
 
 // The machine from now on: CPUID answers by (leaf, sub-leaf), all zeros for
 // any other query; the backdoor; and the processors that the thread may be
 // pinned to (a bit mask), which are also its affinity to begin with: a
 // pinning that names none of them is refused, as the kernel refuses it.
-// Resets the query counts and unblocks SIGSEGV.
+// The affinity can be read. Resets the query counts and unblocks SIGSEGV.
 inline void setMachine(std::map<std::pair<std::uint32_t, std::uint32_t>, Registers> answers,
                        Backdoor port = Backdoor::kFault, std::uint32_t processors = 0xF) {
   cpuid = std::move(answers);
@@ -40,6 +41,7 @@ inline void setMachine(std::map<std::pair<std::uint32_t, std::uint32_t>, Registe
   for (int cpu = 0; cpu < 32; ++cpu)
     if (processors >> cpu & 1) CPU_SET(cpu, &allowed);
   affinity = allowed;
+  affinityUnreadable = false;
   testsupport::unblockSegv();
 }
 

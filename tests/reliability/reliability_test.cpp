@@ -76,7 +76,8 @@ TEST(Reliability, RepeatedDetectionCountsAlikeEvenOnASmallStack) {
   // The per-call tables must not live on the caller's stack.
   pthread_attr_t attr;
   pthread_t thread;
-  ASSERT_EQ(pthread_attr_init(&attr) + pthread_attr_setstacksize(&attr, 64 << 10), 0);
+  ASSERT_EQ(pthread_attr_init(&attr), 0);
+  ASSERT_EQ(pthread_attr_setstacksize(&attr, 64 << 10), 0);
   ASSERT_EQ(pthread_create(&thread, &attr, detectAll, &onSmallStack), 0);
   pthread_join(thread, nullptr);
   EXPECT_EQ(onSmallStack, first);

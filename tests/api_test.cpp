@@ -206,6 +206,33 @@ TEST(Kernel, ControlGroupPathsWithEscapedBlanks) {
   EXPECT_EQ(k.effectiveProcessors, 1);
 }
 
+// A cgroup that is not below the mount's root, as a path, has no folder in
+// it: its name only begins like the root's, or it is not a path at all.
+TEST(Kernel, ControlGroupsOutsideTheMountAreNotRead) {
+  const struct {
+    const char* root;
+    const char* cgroup;
+    std::optional<double> quota;
+  } cases[] = {
+      {"/job", "/job/worker", 0.5},
+      {"/job", "/jobless/worker", std::nullopt},
+      {"/", "relative", std::nullopt},
+      {"/job", "/job", 0.5},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(std::string(c.root) + " " + c.cgroup);
+    const Scratch scratch;
+    scratch.write("sys/devices/system/cpu/online", "0-3\n");
+    scratch.write("proc/self/mountinfo", std::string("30 25 0:26 ") + c.root +
+                                             " /sys/fs/cgroup rw - cgroup2 cgroup2 rw\n");
+    scratch.write("proc/self/cgroup", std::string("0::") + c.cgroup + "\n");
+    scratch.write("sys/fs/cgroup/cpu.max", "50000 100000\n");
+    const auto source = Source::snapshot(scratch.path.string());
+    ASSERT_TRUE(source);
+    EXPECT_EQ(kernelTopology(*source).cpuQuota, c.quota);
+  }
+}
+
 TEST(Kernel, CompareNamesWhatAgreesAndWhatCannotBeCompared) {
   Detection d = detect(Generation::k70, Source::cpuinfoText(kTwoCores));
   KernelTopology k;

@@ -73,6 +73,9 @@ std::vector<std::string> chain(const Mount& m, std::string path) {
   const std::string top = m.root == "/" ? "" : m.root;
   if (path.compare(0, top.size(), top) != 0) return {};
   path.erase(0, top.size());
+  // Below the mount's root only as a path of its own: "/jobless" is not
+  // below "/job", and a path that is not absolute is below nothing.
+  if (!path.empty() && path.front() != '/') return {};
   std::vector<std::string> dirs;
   for (;;) {
     while (!path.empty() && path.back() == '/')

@@ -1,8 +1,12 @@
 // The entry points of detect.h, called as hosts call them: every generation
 // on a text, the sources' errors, snapshots that must be refused, the
 // kernel row's comparison, and the parsers behind them.
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <csignal>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 
@@ -105,6 +109,24 @@ TEST(Detect, SourcesThatCannotBeReadAreErrorsNotCounts) {
   scratch.write("saved", kTwoCores);
   EXPECT_EQ(detect(Generation::k61, Source::cpuinfoFile((scratch.path / "saved").string())).cores,
             2);
+}
+
+// The default detector's VMware probe on a snapshot (replayed, through the
+// same fault guard) sets SIGSEGV's disposition to the default; detect()
+// gives the host's handler back.
+TEST(Detect, TheHostsSegvHandlerOutlivesADetectionOnASnapshot) {
+  struct sigaction mine {};
+  struct sigaction before {};
+  struct sigaction after {};
+  mine.sa_handler = [](int) { std::_Exit(3); };
+  sigaction(SIGSEGV, &mine, &before);
+  const auto source = Source::snapshot(testsupport::fixture("snapshots/vmware-2"));
+  ASSERT_TRUE(source);
+  const Detection d = detect(Generation::kDefault, *source);
+  sigaction(SIGSEGV, &before, &after);
+  EXPECT_EQ(d.endedBy, Strategy::kCpuid);
+  EXPECT_EQ(d.vm, VmState::kVmware);
+  EXPECT_EQ(after.sa_handler, mine.sa_handler);
 }
 
 TEST(Snapshot, DirectoriesThatAreNoFinishedSnapshotAreRefused) {
@@ -248,6 +270,33 @@ TEST(Kernel, CompareNamesWhatAgreesAndWhatCannotBeCompared) {
   d.counted = false;
   EXPECT_EQ(compare(d, k).packages, Same::kUnknown);
   EXPECT_FALSE(kernelTopology(Source::cpuinfoText(kTwoCores)).logicalProcessors);
+}
+
+// With standard input closed, the next descriptor opened is 0: a file read,
+// or a root's directory, may be given it, and it is open like any other.
+TEST(Parsers, DescriptorZeroIsOpenLikeAnyOther) {
+  namespace dt = xrprocdetector::detail;
+  const Scratch scratch;
+  scratch.write("online", "0-1\n");
+  const int saved = ::dup(0);
+  ASSERT_GE(saved, 0);
+  ::close(0);
+  std::string text;
+  std::string why;
+  const dt::Read r = dt::readWholeFile(AT_FDCWD, (scratch.path / "online").string(),
+                                       dt::kSmallFileCap, &text, &why);
+  bool rootHadZero = false;
+  {
+    const dt::SystemRoot root(scratch.path.string());
+    rootHadZero = root.fd() == 0;
+  }
+  const bool zeroClosedAgain = ::fcntl(0, F_GETFD) == -1;
+  ::dup2(saved, 0);
+  ::close(saved);
+  EXPECT_EQ(r, dt::Read::kOk) << why;
+  EXPECT_EQ(text, "0-1\n");
+  EXPECT_TRUE(rootHadZero);
+  EXPECT_TRUE(zeroClosedAgain);
 }
 
 TEST(Parsers, ListsMasksAndJsonStrings) {

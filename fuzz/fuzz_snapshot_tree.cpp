@@ -1,6 +1,7 @@
 // Whole snapshot trees made from the input: files of any size and content,
 // directories, FIFOs and symbolic links (to a device, a FIFO, a directory or
-// each other) at the paths a snapshot or a system root has. Loading the
+// each other) at the paths a snapshot or a system root has, the control
+// groups' and the PCI devices' among them. Loading the
 // tree, reading its kernel row and running every generation on it must not
 // crash, hang or block: a part that is not a regular file is refused.
 //
@@ -35,6 +36,24 @@ const char* const kPaths[] = {
     "sys/devices/system/cpu/cpu1/topology/physical_package_id",
     "sys/devices/system/cpu/cpu1/topology/thread_siblings_list",
     "sys/class/dmi/id/sys_vendor",
+    "sys/hypervisor/type",
+    "proc/bus/pci/devices",
+    "sys/bus/pci/devices/0000:00:02.0/vendor",
+    "sys/devices/cpu_core/cpus",
+    "sys/devices/system/cpu/cpu0/cpufreq/base_frequency",
+    "sys/devices/system/cpu/cpu1/acpi_cppc/highest_perf",
+    // The control groups: where they are mounted, the process's own, and
+    // their limits at the top of a mount and one folder below it.
+    "proc/self/mountinfo",
+    "proc/mounts",
+    "proc/self/cgroup",
+    "proc/self/cpuset",
+    "sys/fs/cgroup/cpu.max",
+    "sys/fs/cgroup/cpuset.cpus.effective",
+    "sys/fs/cgroup/a/cpu.max",
+    "sys/fs/cgroup/cpu/cpu.cfs_quota_us",
+    "sys/fs/cgroup/cpu/cpu.cfs_period_us",
+    "sys/fs/cgroup/cpuset/cpuset.cpus",
     "cpuid/pu0",
     "cpuid/pu1",
     "cpuid/pu01",

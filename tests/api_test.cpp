@@ -228,6 +228,29 @@ TEST(Kernel, ControlGroupPathsWithEscapedBlanks) {
   EXPECT_EQ(k.effectiveProcessors, 1);
 }
 
+// A container host's mount table of thousands of mounts, the cgroup2 mount
+// last, is read whole.
+TEST(Kernel, AMountTableOfThousandsOfMountsIsRead) {
+  const Scratch scratch;
+  scratch.write("sys/devices/system/cpu/online", "0-3\n");
+  std::string table;
+  for (int n = 0; n < 2000; ++n)
+    table += std::to_string(100 + n) + " 25 0:" + std::to_string(n) +
+             " / /var/lib/containers/overlay/" + std::to_string(n) +
+             "/merged rw,relatime - overlay overlay rw,lowerdir=/l,upperdir=/u,workdir=/w\n";
+  ASSERT_GT(table.size(), 64u << 10);
+  scratch.write("proc/self/mountinfo",
+                table + "30 25 0:26 / /sys/fs/cgroup rw - cgroup2 cgroup2 rw\n");
+  scratch.write("proc/self/cgroup", "0::/\n");
+  scratch.write("sys/fs/cgroup/cpu.max", "150000 100000\n");
+  const auto source = Source::snapshot(scratch.path.string());
+  ASSERT_TRUE(source);
+  const KernelTopology k = kernelTopology(*source);
+  EXPECT_EQ(k.error, "");
+  EXPECT_EQ(k.cpuQuota, 1.5);
+  EXPECT_EQ(k.effectiveProcessors, 2);
+}
+
 // A cgroup that is not below the mount's root, as a path, has no folder in
 // it: its name only begins like the root's, or it is not a path at all.
 TEST(Kernel, ControlGroupsOutsideTheMountAreNotRead) {

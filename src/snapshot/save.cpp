@@ -101,11 +101,12 @@ class Saver {
 
   // Copies the live file at `path` to the same path in the snapshot. A file
   // that is absent, or that the kernel shows but will not give (permissions,
-  // hardware that refuses), is left out unless `required`.
+  // hardware that refuses), is left out unless `required`. Each file is
+  // taken within the cap that loading it again applies.
   bool copy(const std::string& path, bool required) {
     std::string text;
     std::string why;
-    const Read r = dt::readWholeFile(live_.fd(), path, dt::kCpuinfoCap, &text, &why);
+    const Read r = dt::readWholeFile(live_.fd(), path, dt::capOf(path), &text, &why);
     if (r == Read::kOk) return write(path, text);
     if (!required) return true;
     *error_ =

@@ -76,6 +76,11 @@ Read readWholeFile(int dirFd, const std::string& path, std::size_t cap, std::str
   return Read::kFailed;
 }
 
+std::size_t capOf(const std::string& path) {
+  if (path == "proc/cpuinfo") return kCpuinfoCap;
+  return path.compare(0, 5, "proc/") == 0 ? kTableCap : kSmallFileCap;
+}
+
 bool parseProcessorList(std::string_view text, unsigned limit, std::vector<unsigned>* processors,
                         std::string* error) {
   processors->clear();
@@ -257,7 +262,7 @@ Read SystemRoot::entries(const std::string& path, std::vector<std::string>* name
 Read SystemRoot::text(const std::string& path, std::string* out) {
   if (fd_ < 0) return Read::kAbsent;  // a folder that is not there holds nothing
   std::string why;
-  const Read r = readWholeFile(fd_, path, kSmallFileCap, out, &why);
+  const Read r = readWholeFile(fd_, path, capOf(path), out, &why);
   if (r == Read::kFailed) return fail(path, why);
   while (!out->empty() && std::strchr(" \t\n\r", out->back()) != nullptr)
     out->pop_back();

@@ -24,6 +24,14 @@ enum class Read { kOk, kAbsent, kFailed };
 constexpr std::size_t kCpuinfoCap = 64u << 20;
 constexpr std::size_t kSmallFileCap = 64u << 10;  // a list, mask, number or word
 constexpr std::size_t kCpuidDumpCap = 4u << 20;   // a real dump is a few hundred lines
+// A mount table or a device list, a line an entry: a container host may
+// have thousands of mounts.
+constexpr std::size_t kTableCap = 16u << 20;
+
+// The cap of the file at `path` under a system root: proc/cpuinfo's; a
+// table's for the other files of proc/ (the mount tables, the control
+// groups, the PCI devices); a small file's for the rest.
+std::size_t capOf(const std::string& path);
 
 // The kernel's own limit on processor numbers (NR_CPUS at its largest).
 constexpr unsigned kKernelMaxProcessors = 8192;
@@ -72,8 +80,9 @@ class SystemRoot {
   // `path` as a message names it: under the directory as given.
   std::string shown(const std::string& path) const;
 
-  // A small file, without its trailing white space. A failure is recorded
-  // (the first one is kept, naming the file) as well as returned.
+  // A file within its cap (capOf), without its trailing white space. A
+  // failure is recorded (the first one is kept, naming the file) as well as
+  // returned.
   Read text(const std::string& path, std::string* out);
   Read number(const std::string& path, long* value);
   // A processor list, or with `mask` a CPU mask.

@@ -2,7 +2,8 @@
 # A save that fails leaves nothing behind: --save into a tmpfs with too few
 # inodes for the whole snapshot, cut off while it writes the kernel files,
 # the CPUID dumps, and the metadata. Each must exit 2 and leave the tmpfs as
-# it was found (empty: the directory did not exist). Needs root to mount;
+# it was found (empty: the directory did not exist); so must a save that
+# cannot read a kernel list. Needs root to mount;
 # skips (77) otherwise.
 #
 #   failed_save.sh TOOL
@@ -48,5 +49,28 @@ stage() {
 stage "kernel files" 8
 stage "CPUID dumps" $((3 + entries - 1 - dumps))
 stage "metadata" $((3 + entries - 1))
+
+# A kernel list the save cannot read (a file over its size cap bound over
+# the online list, in a mount namespace of its own) fails the save at once,
+# which leaves nothing. The C library still reads the list's first line.
+if unshare -m true 2>/dev/null; then
+  umount "$mnt" 2>/dev/null
+  mount -t tmpfs -o size=16m none "$mnt" || exit 77
+  big=$(mktemp)
+  { echo 0; head -c 70000 /dev/zero | tr '\0' ' '; } >"$big"
+  # shellcheck disable=SC2016
+  if unshare -m sh -c 'mount --bind "$1" /sys/devices/system/cpu/online && exec "$2" --save "$3"' \
+    sh "$big" "$tool" "$mnt/s" >/dev/null 2>"$mnt.err"; then
+    echo "unreadable online list: the save succeeded"
+    failed=1
+  elif [ -n "$(ls -A "$mnt")" ]; then
+    echo "unreadable online list: left behind: $(cd "$mnt" && find . | head -n 5 | tr '\n' ' ')"
+    failed=1
+  elif ! grep -q "^xrprocdetect: cannot save the snapshot: /sys/devices/system/cpu/online: larger than 65536 bytes$" "$mnt.err"; then
+    echo "unreadable online list: $(cat "$mnt.err")"
+    failed=1
+  fi
+  rm -f "$big"
+fi
 rm -f "$mnt.err"
 exit $failed

@@ -296,11 +296,13 @@ TEST(Kernel, CompareNamesWhatAgreesAndWhatCannotBeCompared) {
 }
 
 // With standard input closed, the next descriptor opened is 0: a file read,
-// or a root's directory, may be given it, and it is open like any other.
+// a folder listed or a root's directory may be given it, and it is open
+// like any other.
 TEST(Parsers, DescriptorZeroIsOpenLikeAnyOther) {
   namespace dt = xrprocdetector::detail;
   const Scratch scratch;
   scratch.write("online", "0-1\n");
+  const dt::SystemRoot early(scratch.path.string());  // open before 0 is closed
   const int saved = ::dup(0);
   ASSERT_GE(saved, 0);
   ::close(0);
@@ -308,6 +310,8 @@ TEST(Parsers, DescriptorZeroIsOpenLikeAnyOther) {
   std::string why;
   const dt::Read r = dt::readWholeFile(AT_FDCWD, (scratch.path / "online").string(),
                                        dt::kSmallFileCap, &text, &why);
+  std::vector<std::string> names;
+  const dt::Read listed = early.entries("", &names);
   bool rootHadZero = false;
   {
     const dt::SystemRoot root(scratch.path.string());
@@ -318,6 +322,8 @@ TEST(Parsers, DescriptorZeroIsOpenLikeAnyOther) {
   ::close(saved);
   EXPECT_EQ(r, dt::Read::kOk) << why;
   EXPECT_EQ(text, "0-1\n");
+  EXPECT_EQ(listed, dt::Read::kOk);
+  EXPECT_EQ(names, std::vector<std::string>{"online"});
   EXPECT_TRUE(rootHadZero);
   EXPECT_TRUE(zeroClosedAgain);
 }

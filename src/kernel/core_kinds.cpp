@@ -22,7 +22,7 @@ bool byKernelLists(SystemRoot& root, Ranks* ranks) {
   bool any = false;
   const char* const kLists[] = {"sys/devices/cpu_core/cpus", "sys/devices/cpu_atom/cpus"};
   for (long rank = 0; rank < 2; ++rank) {
-    if (root.list(kLists[rank], 8192, &cpus) != Read::kOk) continue;
+    if (root.list(kLists[rank], kKernelMaxProcessors, &cpus) != Read::kOk) continue;
     any = true;
     for (const unsigned c : cpus)
       (*ranks)[c] = rank;

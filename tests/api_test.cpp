@@ -251,6 +251,26 @@ TEST(Kernel, AMountTableOfThousandsOfMountsIsRead) {
   EXPECT_EQ(k.effectiveProcessors, 2);
 }
 
+// Lines of the mount table and of the process's control groups that are
+// cut short or are no such lines at all are passed over; the good ones
+// still count.
+TEST(Kernel, MalformedControlGroupLinesArePassedOver) {
+  const Scratch scratch;
+  scratch.write("sys/devices/system/cpu/online", "0-3\n");
+  scratch.write("proc/self/mountinfo",
+                "- cgroup2 cgroup2 rw\n"
+                "garbage\n"
+                "1 2 3 4 5 6 - cgroup2\n"
+                "30 25 0:26 / /sys/fs/cgroup rw - cgroup2 cgroup2 rw\n");
+  scratch.write("proc/self/cgroup", "cpu\nnonsense:/x\n0::/\n");
+  scratch.write("sys/fs/cgroup/cpu.max", "50000 100000\n");
+  const auto source = Source::snapshot(scratch.path.string());
+  ASSERT_TRUE(source);
+  const KernelTopology k = kernelTopology(*source);
+  EXPECT_EQ(k.error, "");
+  EXPECT_EQ(k.cpuQuota, 0.5);
+}
+
 // A cgroup that is not below the mount's root, as a path, has no folder in
 // it: its name only begins like the root's, or it is not a path at all.
 TEST(Kernel, ControlGroupsOutsideTheMountAreNotRead) {

@@ -61,6 +61,11 @@ TEST(WordReader, ReadsAsStreamExtractionDoes) {
       {"candidate letters inside words", "xcpu apcore ccc ppp cpu", "\1\1"},
       {"no trigger word after the last", "processor : 0 flags : fpu sse\n", "\1\1"},
       {"short texts", "x processor : 1", "\1"},
+      // Fewer than 16 bytes are searched one at a time: each trigger word's
+      // first two letters there.
+      {"core among the last bytes", "x core id", "\1\1"},
+      {"cpu among the last bytes", "x cpu cores", "\1\1\1"},
+      {"physical among the last bytes", "x physical", "\1\1"},
       {"mixed words", mixedWords(4096), "\1\2\0\1\1\0\2"},
   };
   for (const auto& c : cases) {

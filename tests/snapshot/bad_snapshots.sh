@@ -49,6 +49,10 @@ bad fraction "echo '{\"configuredProcessors\": 2.5}' >xrprocdetect.json" \
 bad after-object "echo '{} []' >xrprocdetect.json" 's/xrprocdetect.json line 1: more after the object'
 bad affinity-huge "printf '{\n\"affinity\": \"0-99999\"}' >xrprocdetect.json" \
   's/xrprocdetect.json line 2: "affinity": a processor number above 1023'
+bad affinity-number "printf '{\n\"affinity\": 5}' >xrprocdetect.json" \
+  's/xrprocdetect.json line 2: expected a string'
+bad no-colon "echo '{\"configuredProcessors\" 2}' >xrprocdetect.json" \
+  "s/xrprocdetect.json line 1: expected ':'"
 # Without the metadata the lists count: malformed ones are named.
 lists='rm xrprocdetect.json && mkdir -p sys/devices/system/cpu && cd sys/devices/system/cpu && echo 0-1 >online'
 bad list-backwards "$lists && echo 3-1 >possible" \

@@ -357,6 +357,11 @@ TEST(Parsers, ListsMasksAndJsonStrings) {
   EXPECT_TRUE(dt::parseProcessorList("0-2,5,7-8", 1024, &cpus, &error));
   EXPECT_EQ(cpus, (std::vector<unsigned>{0, 1, 2, 5, 7, 8}));
   EXPECT_EQ(dt::formatProcessorList(cpus), "0-2,5,7-8");
+  // Only the list's own entries count: a 3 left in the storage past its end
+  // does not extend the last range.
+  std::vector<unsigned> shortened = {0, 1, 2, 3};
+  shortened.pop_back();
+  EXPECT_EQ(dt::formatProcessorList(shortened), "0-2");
   for (const char* bad : {"0,0", "3-1", "1000,0", "1024", "0-", ",1", "1,,2"})
     EXPECT_FALSE(dt::parseProcessorList(bad, 1024, &cpus, &error)) << bad;
   // Hexadecimal words, most significant first: every digit's bits.

@@ -34,18 +34,25 @@ entries=$(find "$mnt/s" -mindepth 1 | wc -l)
 dumps=$(find "$mnt/s/cpuid" -name 'pu*' | wc -l)
 [ -e "$mnt/s/.xrprocdetect-saving" ] && { echo "the working folder stayed"; failed=1; }
 
-# stage NAME INODES: a save cut off there
-stage() {
-  if save "$2"; then
-    echo "$1: the save succeeded with $2 inodes"
+# refused NAME STATUS PATTERN: a save that exited with STATUS must have
+# failed, left the tmpfs as it was found, and said PATTERN.
+refused() {
+  if [ "$2" = 0 ]; then
+    echo "$1: the save succeeded"
     failed=1
   elif [ -n "$(ls -A "$mnt")" ]; then
     echo "$1: left behind: $(cd "$mnt" && find . | head -n 5 | tr '\n' ' ')"
     failed=1
-  elif ! grep -q "^xrprocdetect: cannot save the snapshot: cannot create $mnt/s/" "$mnt.err"; then
+  elif ! grep -q "$3" "$mnt.err"; then
     echo "$1: $(cat "$mnt.err")"
     failed=1
   fi
+}
+
+# stage NAME INODES: a save cut off there
+stage() {
+  save "$2"
+  refused "$1" $? "^xrprocdetect: cannot save the snapshot: cannot create $mnt/s/"
 }
 stage "kernel files" 8
 stage "CPUID dumps" $((3 + entries - 1 - dumps))
@@ -53,40 +60,31 @@ stage "metadata" $((3 + entries - 1))
 
 # A kernel list the save cannot read (a file over its size cap bound over
 # the online list, in a mount namespace of its own) fails the save at once,
-# which leaves nothing. The C library still reads the list's first line.
-if unshare -m true 2>/dev/null; then
-  umount "$mnt" 2>/dev/null
-  mount -t tmpfs -o size=16m none "$mnt" || exit 77
-  big=$(mktemp)
-  { echo 0; head -c 70000 /dev/zero | tr '\0' ' '; } >"$big"
+# which leaves nothing; the C library still reads the list's first line. A
+# file the kernel row may do without (a PCI device's vendor) that cannot be
+# read is left out, and the save goes on.
+big=$(mktemp)
+{ echo 0; head -c 70000 /dev/zero | tr '\0' ' '; } >"$big"
+# bound PATH: --save into a roomy tmpfs with that file bound over PATH
+bound() {
   # shellcheck disable=SC2016
-  if unshare -m sh -c 'mount --bind "$1" /sys/devices/system/cpu/online && exec "$2" --save "$3"' \
-    sh "$big" "$tool" "$mnt/s" >/dev/null 2>"$mnt.err"; then
-    echo "unreadable online list: the save succeeded"
-    failed=1
-  elif [ -n "$(ls -A "$mnt")" ]; then
-    echo "unreadable online list: left behind: $(cd "$mnt" && find . | head -n 5 | tr '\n' ' ')"
-    failed=1
-  elif ! grep -q "^xrprocdetect: cannot save the snapshot: /sys/devices/system/cpu/online: larger than 65536 bytes$" "$mnt.err"; then
-    echo "unreadable online list: $(cat "$mnt.err")"
-    failed=1
-  fi
-  # A file the kernel row may do without (a PCI device's vendor) that
-  # cannot be read is left out, and the save goes on.
+  unshare -m sh -c 'mount --bind "$1" "$2" && exec "$3" --save "$4"' \
+    sh "$big" "$1" "$tool" "$mnt/s" >/dev/null 2>"$mnt.err"
+}
+if unshare -m true 2>/dev/null; then
+  save 100000 && rm -rf "$mnt/s"
+  bound /sys/devices/system/cpu/online
+  refused "unreadable online list" $? \
+    "^xrprocdetect: cannot save the snapshot: /sys/devices/system/cpu/online: larger than 65536 bytes$"
+  rm -rf "$mnt/s"
   vendor=$(ls -d /sys/bus/pci/devices/*/vendor 2>/dev/null | head -n 1)
-  if [ -n "$vendor" ]; then
-    umount "$mnt" && mount -t tmpfs -o size=16m none "$mnt" || exit 77
-    # shellcheck disable=SC2016
-    if ! unshare -m sh -c 'mount --bind "$1" "$4" && exec "$2" --save "$3"' \
-      sh "$big" "$tool" "$mnt/s" "$vendor" >/dev/null 2>"$mnt.err"; then
-      echo "unreadable PCI vendor: the save failed: $(cat "$mnt.err")"
-      failed=1
-    elif [ -e "$mnt/s${vendor}" ] || [ ! -e "$mnt/s/proc/cpuinfo" ]; then
-      echo "unreadable PCI vendor: saved anyway, or the rest is missing"
-      failed=1
-    fi
+  if [ -n "$vendor" ] && ! bound "$vendor"; then
+    echo "unreadable PCI vendor: the save failed: $(cat "$mnt.err")"
+    failed=1
+  elif [ -n "$vendor" ] && { [ -e "$mnt/s$vendor" ] || [ ! -e "$mnt/s/proc/cpuinfo" ]; }; then
+    echo "unreadable PCI vendor: saved anyway, or the rest is missing"
+    failed=1
   fi
-  rm -f "$big"
 fi
-rm -f "$mnt.err"
+rm -f "$big" "$mnt.err"
 exit $failed

@@ -208,67 +208,57 @@ TEST(Kernel, AnEmptyOnlineListCountsNothing) {
   EXPECT_EQ(k.error, "");
 }
 
+// The kernel row of a tree of four online processors whose cgroup2 mount
+// has `root` at /sys/fs/cgroup (`mounts` come before it in the mount table)
+// and whose process is in `cgroup`, with more files (path, text).
+KernelTopology inControlGroup(const std::string& root, const std::string& cgroup,
+                              std::vector<std::pair<std::string, std::string>> files,
+                              const std::string& mounts = "") {
+  const Scratch scratch;
+  scratch.write("sys/devices/system/cpu/online", "0-3\n");
+  scratch.write("proc/self/mountinfo",
+                mounts + "30 25 0:26 " + root + " /sys/fs/cgroup rw - cgroup2 cgroup2 rw\n");
+  scratch.write("proc/self/cgroup", cgroup);
+  for (const auto& [path, text] : files)
+    scratch.write(path, text);
+  const auto source = Source::snapshot(scratch.path.string());
+  return source ? kernelTopology(*source) : KernelTopology();
+}
+
 // The mount table escapes a blank in a path as \040, also as the last
 // characters of a field; /proc/self/cgroup writes it as it is. The job's
 // quota of half a processor and the worker's cpuset of two apply.
 TEST(Kernel, ControlGroupPathsWithEscapedBlanks) {
-  const Scratch scratch;
-  scratch.write("sys/devices/system/cpu/online", "0-3\n");
-  scratch.write("proc/self/mountinfo",
-                "30 25 0:26 /job\\040 /sys/fs/cgroup rw - cgroup2 cgroup2 rw\n");
-  scratch.write("proc/self/cgroup", "0::/job /worker\n");
-  scratch.write("sys/fs/cgroup/cpu.max", "50000 100000\n");
-  scratch.write("sys/fs/cgroup/worker/cpu.max", "max 100000\n");
-  scratch.write("sys/fs/cgroup/worker/cpuset.cpus.effective", "1-2\n");
-  const auto source = Source::snapshot(scratch.path.string());
-  ASSERT_TRUE(source);
-  const KernelTopology k = kernelTopology(*source);
+  const KernelTopology k =
+      inControlGroup("/job\\040", "0::/job /worker\n",
+                     {{"sys/fs/cgroup/cpu.max", "50000 100000\n"},
+                      {"sys/fs/cgroup/worker/cpu.max", "max 100000\n"},
+                      {"sys/fs/cgroup/worker/cpuset.cpus.effective", "1-2\n"}});
   EXPECT_EQ(k.usableProcessors, 2);
   EXPECT_EQ(k.cpuQuota, 0.5);
   EXPECT_EQ(k.effectiveProcessors, 1);
 }
 
-// A container host's mount table of thousands of mounts, the cgroup2 mount
-// last, is read whole.
-TEST(Kernel, AMountTableOfThousandsOfMountsIsRead) {
-  const Scratch scratch;
-  scratch.write("sys/devices/system/cpu/online", "0-3\n");
-  std::string table;
+// A container host's mount table of thousands of mounts is read whole; so
+// is one with lines cut short or that are no mounts at all, which are
+// passed over, as are such lines of the process's control groups.
+TEST(Kernel, LargeAndMalformedMountTablesAreRead) {
+  std::string many;
   for (int n = 0; n < 2000; ++n)
-    table += std::to_string(100 + n) + " 25 0:" + std::to_string(n) +
-             " / /var/lib/containers/overlay/" + std::to_string(n) +
-             "/merged rw,relatime - overlay overlay rw,lowerdir=/l,upperdir=/u,workdir=/w\n";
-  ASSERT_GT(table.size(), 64u << 10);
-  scratch.write("proc/self/mountinfo",
-                table + "30 25 0:26 / /sys/fs/cgroup rw - cgroup2 cgroup2 rw\n");
-  scratch.write("proc/self/cgroup", "0::/\n");
-  scratch.write("sys/fs/cgroup/cpu.max", "150000 100000\n");
-  const auto source = Source::snapshot(scratch.path.string());
-  ASSERT_TRUE(source);
-  const KernelTopology k = kernelTopology(*source);
-  EXPECT_EQ(k.error, "");
-  EXPECT_EQ(k.cpuQuota, 1.5);
-  EXPECT_EQ(k.effectiveProcessors, 2);
-}
-
-// Lines of the mount table and of the process's control groups that are
-// cut short or are no such lines at all are passed over; the good ones
-// still count.
-TEST(Kernel, MalformedControlGroupLinesArePassedOver) {
-  const Scratch scratch;
-  scratch.write("sys/devices/system/cpu/online", "0-3\n");
-  scratch.write("proc/self/mountinfo",
-                "- cgroup2 cgroup2 rw\n"
-                "garbage\n"
-                "1 2 3 4 5 6 - cgroup2\n"
-                "30 25 0:26 / /sys/fs/cgroup rw - cgroup2 cgroup2 rw\n");
-  scratch.write("proc/self/cgroup", "cpu\nnonsense:/x\n0::/\n");
-  scratch.write("sys/fs/cgroup/cpu.max", "50000 100000\n");
-  const auto source = Source::snapshot(scratch.path.string());
-  ASSERT_TRUE(source);
-  const KernelTopology k = kernelTopology(*source);
-  EXPECT_EQ(k.error, "");
-  EXPECT_EQ(k.cpuQuota, 0.5);
+    many += std::to_string(100 + n) + " 25 0:" + std::to_string(n) +
+            " / /var/lib/containers/overlay/" + std::to_string(n) +
+            "/merged rw,relatime - overlay overlay rw,lowerdir=/l,upperdir=/u,workdir=/w\n";
+  ASSERT_GT(many.size(), 64u << 10);
+  const std::string malformed = "- cgroup2 cgroup2 rw\ngarbage\n1 2 3 4 5 6 - cgroup2\n";
+  const std::vector<std::pair<std::string, std::string>> quota = {
+      {"sys/fs/cgroup/cpu.max", "150000 100000\n"}};
+  for (const KernelTopology& k :
+       {inControlGroup("/", "0::/\n", quota, many),
+        inControlGroup("/", "cpu\nnonsense:/x\n0::/\n", quota, malformed)}) {
+    EXPECT_EQ(k.error, "");
+    EXPECT_EQ(k.cpuQuota, 1.5);
+    EXPECT_EQ(k.effectiveProcessors, 2);
+  }
 }
 
 // A cgroup that is not below the mount's root, as a path, has no folder in
@@ -286,15 +276,9 @@ TEST(Kernel, ControlGroupsOutsideTheMountAreNotRead) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(std::string(c.root) + " " + c.cgroup);
-    const Scratch scratch;
-    scratch.write("sys/devices/system/cpu/online", "0-3\n");
-    scratch.write("proc/self/mountinfo", std::string("30 25 0:26 ") + c.root +
-                                             " /sys/fs/cgroup rw - cgroup2 cgroup2 rw\n");
-    scratch.write("proc/self/cgroup", std::string("0::") + c.cgroup + "\n");
-    scratch.write("sys/fs/cgroup/cpu.max", "50000 100000\n");
-    const auto source = Source::snapshot(scratch.path.string());
-    ASSERT_TRUE(source);
-    EXPECT_EQ(kernelTopology(*source).cpuQuota, c.quota);
+    const KernelTopology k = inControlGroup(c.root, std::string("0::") + c.cgroup + "\n",
+                                            {{"sys/fs/cgroup/cpu.max", "50000 100000\n"}});
+    EXPECT_EQ(k.cpuQuota, c.quota);
   }
 }
 

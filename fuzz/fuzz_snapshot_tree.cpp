@@ -22,43 +22,24 @@
 namespace {
 
 const char* const kPaths[] = {
-    "proc/cpuinfo",
-    "xrprocdetect.json",
-    "sys/devices/system/cpu/online",
-    "sys/devices/system/cpu/possible",
-    "sys/devices/system/cpu/smt/control",
-    "sys/devices/system/cpu/smt/active",
-    "sys/devices/system/cpu/cpu0/online",
+    "proc/cpuinfo", "xrprocdetect.json", "sys/devices/system/cpu/online",
+    "sys/devices/system/cpu/possible", "sys/devices/system/cpu/smt/control",
+    "sys/devices/system/cpu/smt/active", "sys/devices/system/cpu/cpu0/online",
     "sys/devices/system/cpu/cpu0/topology/physical_package_id",
     "sys/devices/system/cpu/cpu0/topology/core_cpus_list",
     "sys/devices/system/cpu/cpu0/topology/thread_siblings",
     "sys/devices/system/cpu/cpu0/topology/core_id",
     "sys/devices/system/cpu/cpu1/topology/physical_package_id",
-    "sys/devices/system/cpu/cpu1/topology/thread_siblings_list",
-    "sys/class/dmi/id/sys_vendor",
-    "sys/hypervisor/type",
-    "proc/bus/pci/devices",
-    "sys/bus/pci/devices/0000:00:02.0/vendor",
-    "sys/devices/cpu_core/cpus",
-    "sys/devices/system/cpu/cpu0/cpufreq/base_frequency",
+    "sys/devices/system/cpu/cpu1/topology/thread_siblings_list", "sys/class/dmi/id/sys_vendor",
+    "sys/hypervisor/type", "proc/bus/pci/devices", "sys/bus/pci/devices/0000:00:02.0/vendor",
+    "sys/devices/cpu_core/cpus", "sys/devices/system/cpu/cpu0/cpufreq/base_frequency",
     "sys/devices/system/cpu/cpu1/acpi_cppc/highest_perf",
     // The control groups: where they are mounted, the process's own, and
     // their limits at the top of a mount and one folder below it.
-    "proc/self/mountinfo",
-    "proc/mounts",
-    "proc/self/cgroup",
-    "proc/self/cpuset",
-    "sys/fs/cgroup/cpu.max",
-    "sys/fs/cgroup/cpuset.cpus.effective",
-    "sys/fs/cgroup/a/cpu.max",
-    "sys/fs/cgroup/cpu/cpu.cfs_quota_us",
-    "sys/fs/cgroup/cpu/cpu.cfs_period_us",
-    "sys/fs/cgroup/cpuset/cpuset.cpus",
-    "cpuid/pu0",
-    "cpuid/pu1",
-    "cpuid/pu01",
-    "pu0",
-};
+    "proc/self/mountinfo", "proc/mounts", "proc/self/cgroup", "proc/self/cpuset",
+    "sys/fs/cgroup/cpu.max", "sys/fs/cgroup/cpuset.cpus.effective", "sys/fs/cgroup/a/cpu.max",
+    "sys/fs/cgroup/cpu/cpu.cfs_quota_us", "sys/fs/cgroup/cpu/cpu.cfs_period_us",
+    "sys/fs/cgroup/cpuset/cpuset.cpus", "cpuid/pu0", "cpuid/pu1", "cpuid/pu01", "pu0"};
 constexpr std::size_t kPathCount = sizeof kPaths / sizeof kPaths[0];
 
 void makeParents(const std::string& root, const std::string& path) {

@@ -38,18 +38,12 @@ std::string cpuFile(unsigned cpu, const char* file) {
 // cpuN folders, each online unless its own online file says 0.
 Read onlineProcessors(SystemRoot& root, std::vector<unsigned>* online) {
   const Read r = root.list("online", kKernelMaxProcessors, online);
-  std::vector<std::string> names;
-  if (r != Read::kAbsent || root.entries("", &names) != Read::kOk) return r;
-  for (const std::string& name : names) {
-    unsigned n = 0;
-    std::string problem;
+  if (r != Read::kAbsent) return r;
+  for (const unsigned n : root.processorFolders("")) {
     long state = 1;
-    if (!detail::numberedName(name, "cpu", kKernelMaxProcessors, &n, &problem) || !problem.empty())
-      continue;
     if (root.number(cpuFile(n, "online"), &state) == Read::kFailed) break;
     if (state != 0) online->push_back(n);
   }
-  std::sort(online->begin(), online->end());
   return online->empty() ? Read::kAbsent : Read::kOk;
 }
 

@@ -131,21 +131,6 @@ class Saver {
   std::string* error_;
 };
 
-// The processor folders cpuN of the live sys/devices/system/cpu, in order.
-std::vector<unsigned> liveProcessorFolders(const dt::SystemRoot& live) {
-  std::vector<std::string> names;
-  std::vector<unsigned> numbers;
-  live.entries("sys/devices/system/cpu", &names);
-  for (const std::string& name : names) {
-    unsigned n = 0;
-    std::string problem;
-    if (dt::numberedName(name, "cpu", dt::kKernelMaxProcessors, &n, &problem) && problem.empty())
-      numbers.push_back(n);
-  }
-  std::sort(numbers.begin(), numbers.end());
-  return numbers;
-}
-
 // What the kernel row reads beyond sys/devices/system/cpu: the process's
 // control groups and the files of their limits, the PCI devices' vendors,
 // and the files that tell core kinds apart.
@@ -179,7 +164,7 @@ bool saveKernelFiles(Saver& saver) {
   for (const char* name : {"possible", "present", "online"}) {
     if (!saver.copy(cpu + name, true)) return false;
   }
-  const std::vector<unsigned> processors = liveProcessorFolders(saver.live());
+  const std::vector<unsigned> processors = saver.live().processorFolders(cpu);
   for (const unsigned n : processors) {
     const std::string folder = cpu + "cpu" + std::to_string(n) + "/";
     if (!saver.makeDirs(folder + "topology") || !saver.copy(folder + "online", false)) return false;

@@ -259,6 +259,20 @@ Read SystemRoot::entries(const std::string& path, std::vector<std::string>* name
   return Read::kOk;
 }
 
+std::vector<unsigned> SystemRoot::processorFolders(const std::string& path) const {
+  std::vector<std::string> names;
+  std::vector<unsigned> numbers;
+  entries(path, &names);
+  for (const std::string& name : names) {
+    unsigned n = 0;
+    std::string problem;
+    if (numberedName(name, "cpu", kKernelMaxProcessors, &n, &problem) && problem.empty())
+      numbers.push_back(n);
+  }
+  std::sort(numbers.begin(), numbers.end());
+  return numbers;
+}
+
 Read SystemRoot::text(const std::string& path, std::string* out) {
   if (fd_ < 0) return Read::kAbsent;  // a folder that is not there holds nothing
   std::string why;

@@ -94,6 +94,9 @@ class SystemRoot {
   // and ".."; kAbsent when there is no such folder, kFailed with errno set
   // when it cannot be listed.
   Read entries(const std::string& path, std::vector<std::string>* names) const;
+  // The numbers N of the processor folders cpuN in the folder `path`, in
+  // increasing order; none when it cannot be listed.
+  std::vector<unsigned> processorFolders(const std::string& path) const;
 
  private:
   Read fail(const std::string& path, const std::string& why);

@@ -282,6 +282,88 @@ TEST(Kernel, ControlGroupsOutsideTheMountAreNotRead) {
   }
 }
 
+// A limit is what the kernel could hold: anything else in its files is an
+// error naming the file, never a limit. A quota of more processors than may
+// be used leaves them as they are.
+TEST(Kernel, LimitsAreNumbersTheKernelCouldHold) {
+  const std::string v1 = "28 22 0:25 / /sys/fs/cgroup/cpu rw - cgroup cgroup rw,cpu\n";
+  const struct {
+    bool v1;
+    const char *quota, *period;
+    std::optional<double> cpuQuota;
+    int effective;  // 0: an error
+  } cases[] = {
+      {false, "150000", "100000", 1.5, 2},
+      {false, "max", "100000", std::nullopt, 4},
+      {false, "2147484000000", "1000", 2147484000.0, 4},
+      {false, "abc", "100000", {}, 0},
+      {false, "-1", "100000", {}, 0},
+      {false, "nan", "100000", {}, 0},
+      {false, "inf", "1", {}, 0},
+      {false, "999", "100000", {}, 0},
+      {false, "50000", "1000001", {}, 0},
+      {false, "50000", "", {}, 0},
+      {false, "17592186044416", "1000000", {}, 0},
+      {true, "-1", "100000", std::nullopt, 4},
+      {true, "2147484000000", "1000", 2147484000.0, 4},
+      {true, "0", "100000", {}, 0},
+      {true, "-2", "100000", {}, 0},
+      {true, "50000", "0", {}, 0},
+      {true, "1e5", "100000", {}, 0},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(std::string(c.quota) + " " + c.period);
+    const std::string dir = c.v1 ? "sys/fs/cgroup/cpu/" : "sys/fs/cgroup/";
+    const KernelTopology k =
+        c.v1 ? inControlGroup(
+                   "/", "4:cpu:/\n",
+                   {{dir + "cpu.cfs_quota_us", c.quota}, {dir + "cpu.cfs_period_us", c.period}}, v1)
+             : inControlGroup("/", "0::/\n",
+                              {{dir + "cpu.max", c.quota + (" " + std::string(c.period))}});
+    EXPECT_EQ(k.cpuQuota, c.cpuQuota);
+    EXPECT_EQ(k.effectiveProcessors.value_or(0), c.effective);
+    EXPECT_EQ(k.error.empty(), c.effective != 0) << k.error;
+    EXPECT_EQ(k.error.find(dir + "cpu.") != std::string::npos, c.effective == 0) << k.error;
+  }
+}
+
+// Counts, frequencies and processor numbers out of their range are errors
+// that say which range, not answers.
+TEST(Kernel, NumbersOutOfRangeAreErrors) {
+  const Scratch scratch;
+  scratch.write("xrprocdetect.json",
+                "{\"format\": \"xrprocdetect-snapshot\", \"version\": 1, "
+                "\"configuredProcessors\": -5}");
+  std::string error;
+  EXPECT_FALSE(Source::snapshot(scratch.path.string(), &error));
+  EXPECT_NE(error.find("configuredProcessors -5 is not a processor count from 1 to 8192"),
+            std::string::npos)
+      << error;
+  fs::remove(scratch.path / "xrprocdetect.json");
+  const std::string cpu = "sys/devices/system/cpu/";
+  scratch.write(cpu + "online", "0-1");
+  for (const char* c : {"0", "1"}) {
+    scratch.write(cpu + "cpu" + c + "/topology/core_cpus_list", c);
+    scratch.write(cpu + "cpu" + c + "/topology/physical_package_id", "0");
+  }
+  scratch.write(cpu + "cpu1/cpufreq/base_frequency", "2000000");
+  for (const char* frequency : {"-9223372036854775808", "0"}) {
+    scratch.write(cpu + "cpu0/cpufreq/base_frequency", frequency);
+    const KernelTopology k = kernelTopology(*Source::snapshot(scratch.path.string()));
+    EXPECT_NE(k.error.find("cpu0/cpufreq/base_frequency line 1: not a whole number from 1 up"),
+              std::string::npos)
+        << k.error;
+  }
+  fs::remove_all(scratch.path / cpu);
+  fs::create_directories(scratch.path / cpu / "cpu0");
+  fs::create_directories(scratch.path / cpu / "cpu8192");
+  const KernelTopology k = kernelTopology(*Source::snapshot(scratch.path.string()));
+  EXPECT_NE(k.error.find("cpu8192: processor number above 8191, the kernel's limit"),
+            std::string::npos)
+      << k.error;
+  EXPECT_FALSE(k.logicalProcessors);
+}
+
 TEST(Kernel, CompareNamesWhatAgreesAndWhatCannotBeCompared) {
   Detection d = detect(Generation::k70, Source::cpuinfoText(kTwoCores));
   KernelTopology k;

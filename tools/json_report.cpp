@@ -65,11 +65,7 @@ void addKernel(JsonObject& o, const Detection& row, const KernelTopology& k, int
   kernel.maybe("virtualMachine", k.hypervisor, [&](Hypervisor v) { return word(vmKey(v)); });
   kernel.maybe("offlineProcessors", k.offlineProcessors, number);
   kernel.maybe("usableProcessors", k.usableProcessors, number);
-  kernel.maybe("cpuQuota", k.cpuQuota, [](double q) {
-    char text[32];
-    std::snprintf(text, sizeof text, "%.6g", q);
-    return std::string(text);
-  });
+  kernel.maybe("cpuQuota", k.cpuQuota, quotaText);
   kernel.maybe("effectiveProcessors", k.effectiveProcessors, number);
   std::string kinds;
   for (const CoreKind& kind : k.coreKinds) {

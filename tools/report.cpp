@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 #include <optional>
 
 namespace xrprocdetect {
@@ -13,11 +14,18 @@ const char* stateWords(int state) {
   return state == 15 ? "not determined" : "unknown value";
 }
 
+std::string quotaText(double quota) {
+  char text[32];
+  for (int digits = 6;; ++digits) {  // the fewest from 6 that read back as the same number
+    std::snprintf(text, sizeof text, "%.*g", digits, quota);
+    if (digits == 17 || std::strtod(text, nullptr) == quota) return text;
+  }
+}
+
 std::string usableWords(const KernelTopology& k) {
-  char quota[32] = "none";
-  if (k.cpuQuota)
-    std::snprintf(quota, sizeof quota, "%.6g processor%s", *k.cpuQuota,
-                  *k.cpuQuota == 1 ? "" : "s");
+  const std::string quota =
+      k.cpuQuota ? quotaText(*k.cpuQuota) + (*k.cpuQuota == 1 ? " processor" : " processors")
+                 : "none";
   return std::to_string(k.usableProcessors.value_or(0)) + " of " +
          std::to_string(k.logicalProcessors.value_or(0)) + " online" +
          (k.offlineProcessors ? " (" + std::to_string(*k.offlineProcessors) + " offline)" : "") +

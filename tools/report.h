@@ -38,6 +38,8 @@ std::string summaries(const std::vector<Detection>& rows);
 std::string json(const std::vector<Detection>& rows, const Input& source, bool asArray,
                  bool withSummary, bool lines = false);
 
+// A CPU quota in processors, with as few digits as read back exactly.
+std::string quotaText(double quota);
 // What the process may use, e.g. "2 of 4 online (0 offline), CPU quota 1.5
 // processors, effective 2"; and the core kinds, e.g. "6 performance cores
 // (12 logical processors), 8 efficiency cores (8 logical processors)".

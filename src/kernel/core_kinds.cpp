@@ -35,8 +35,8 @@ bool byValue(SystemRoot& root, const std::vector<unsigned>& firsts, const char* 
   for (const unsigned c : firsts) {
     long value = 0;
     const std::string path = "sys/devices/system/cpu/cpu" + std::to_string(c) + "/" + file;
-    if (root.number(path, &value) != Read::kOk) return false;
-    (*ranks)[c] = -value;  // the highest value first
+    if (root.number(path, &value, 1) != Read::kOk) return false;  // a frequency or a rank
+    (*ranks)[c] = -value;                                         // the highest value first
   }
   return !firsts.empty();
 }

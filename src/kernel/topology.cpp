@@ -208,9 +208,10 @@ void usable(SystemRoot& root, const std::vector<unsigned>& online,
   if (limits.cpuset) cpus = both(cpus, *limits.cpuset);
   k->usableProcessors = static_cast<std::int32_t>(cpus.size());
   k->cpuQuota = limits.quota;
+  // A quota of more processors than may be used leaves them as they are.
   std::int32_t effective = *k->usableProcessors;
-  if (limits.quota)
-    effective = std::min(effective, static_cast<std::int32_t>(std::ceil(*limits.quota)));
+  if (limits.quota && *limits.quota < effective)
+    effective = static_cast<std::int32_t>(std::ceil(*limits.quota));
   k->effectiveProcessors = std::max(effective, 1);
 }
 

@@ -181,9 +181,14 @@ bool readValue(Json& json, int k, SnapshotMetadata* m, std::string* error) {
              (n == 1 || json.fail("version " + std::to_string(n) +
                                   " is not 1, the version this build reads"));
     case kConfigured:
-      return integer(json, line, &m->configured, error);
-    case kOnline:
-      return integer(json, line, &m->online, error);
+    case kOnline: {
+      long* count = k == kConfigured ? &m->configured : &m->online;
+      return integer(json, line, count, error) &&
+             ((*count >= 1 && *count <= kKernelMaxProcessors) ||
+              json.fail(std::string(kNames[k]) + " " + std::to_string(*count) +
+                        " is not a processor count from 1 to " +
+                        std::to_string(kKernelMaxProcessors)));
+    }
     case kAffinity:
       if (!json.string(&s)) return false;
       if (parseProcessorList(s, kSnapshotMaxProcessors, &m->affinity, error)) return true;

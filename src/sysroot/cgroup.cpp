@@ -114,25 +114,44 @@ void tighten(std::optional<double>& quota, double value) {
   if (!quota || value < *quota) quota = value;
 }
 
-// The quota of one folder: cpu.max, or cpu.cfs_quota_us over its period.
+// What the kernel accepts for a CPU bandwidth limit, in microseconds: a
+// period of 1 ms to 1 s, and a quota of at least 1 ms and at most 2^44 - 1
+// (the kernel's MAX_BW); anything else in these files is not a limit.
+constexpr long kMinPeriod = 1000;
+constexpr long kMaxPeriod = 1000000;
+constexpr long kMaxQuota = (1L << 44) - 1;
+
+// The quota of one folder: cpu.max ("max PERIOD" or "QUOTA PERIOD"), or
+// cpu.cfs_quota_us (-1: none) over cpu.cfs_period_us. Anything the kernel
+// could not hold is a failure naming the file, never a limit.
 void readQuota(SystemRoot& root, const std::string& dir, bool v2, CgroupLimits& limits) {
+  const std::string file = dir + (v2 ? "/cpu.max" : "/cpu.cfs_quota_us");
+  limits.files.push_back(file);
+  if (!v2) limits.files.push_back(dir + "/cpu.cfs_period_us");
   std::string text;
   long quota = -1;
   long period = 0;
   if (v2) {
-    limits.files.push_back(dir + "/cpu.max");
-    if (root.text(dir + "/cpu.max", &text) != Read::kOk) return;
-    std::istringstream words(text);
-    std::string max;
-    words >> max >> period;
-    if (max != "max" && period > 0) tighten(limits.quota, std::atof(max.c_str()) / period);
+    if (root.text(file, &text) != Read::kOk) return;
+    const std::size_t blank = text.find(' ');
+    const std::string max = text.substr(0, blank);
+    if (blank == std::string::npos ||
+        !wholeNumber(text.substr(blank + 1), kMinPeriod, kMaxPeriod, &period) ||
+        (max != "max" && !wholeNumber(max, kMinPeriod, kMaxQuota, &quota)))
+      return void(root.fail(file,
+                            "line 1: not \"max PERIOD\" or \"QUOTA PERIOD\" with a period "
+                            "from 1000 to 1000000 and a quota from 1000 to " +
+                                std::to_string(kMaxQuota)));
+  } else if (root.number(file, &quota, -1, kMaxQuota) != Read::kOk || quota == -1) {
+    return;
+  } else if (quota < kMinPeriod) {
+    return void(root.fail(
+        file, "line 1: not -1 or a whole number from 1000 to " + std::to_string(kMaxQuota)));
+  } else if (root.number(dir + "/cpu.cfs_period_us", &period, kMinPeriod, kMaxPeriod) !=
+             Read::kOk) {
     return;
   }
-  limits.files.push_back(dir + "/cpu.cfs_quota_us");
-  limits.files.push_back(dir + "/cpu.cfs_period_us");
-  if (root.number(dir + "/cpu.cfs_quota_us", &quota) == Read::kOk && quota > 0 &&
-      root.number(dir + "/cpu.cfs_period_us", &period) == Read::kOk && period > 0)
-    tighten(limits.quota, static_cast<double>(quota) / static_cast<double>(period));
+  if (quota > 0) tighten(limits.quota, static_cast<double>(quota) / static_cast<double>(period));
 }
 
 // The cpuset of the nearest folder that has one of `files`.

@@ -259,15 +259,17 @@ Read SystemRoot::entries(const std::string& path, std::vector<std::string>* name
   return Read::kOk;
 }
 
-std::vector<unsigned> SystemRoot::processorFolders(const std::string& path) const {
+std::vector<unsigned> SystemRoot::processorFolders(const std::string& path) {
   std::vector<std::string> names;
   std::vector<unsigned> numbers;
   entries(path, &names);
   for (const std::string& name : names) {
     unsigned n = 0;
     std::string problem;
-    if (numberedName(name, "cpu", kKernelMaxProcessors, &n, &problem) && problem.empty())
-      numbers.push_back(n);
+    if (!numberedName(name, "cpu", kKernelMaxProcessors, &n, &problem)) continue;
+    if (!problem.empty())
+      fail((path.empty() ? "" : path + "/") + name, problem + ", the kernel's limit");
+    if (problem.empty()) numbers.push_back(n);
   }
   std::sort(numbers.begin(), numbers.end());
   return numbers;
@@ -283,15 +285,22 @@ Read SystemRoot::text(const std::string& path, std::string* out) {
   return r;
 }
 
-Read SystemRoot::number(const std::string& path, long* value) {
-  std::string t;
-  const Read r = text(path, &t);
-  if (r != Read::kOk) return r;
+bool wholeNumber(const std::string& text, long min, long max, long* value) {
   char* end = nullptr;
   errno = 0;
-  *value = std::strtol(t.c_str(), &end, 10);
-  if (t.empty() || *end != '\0' || errno != 0) return fail(path, "line 1: not a whole number");
-  return Read::kOk;
+  *value = std::strtol(text.c_str(), &end, 10);
+  return !text.empty() && *end == '\0' && errno == 0 && *value >= min && *value <= max;
+}
+
+Read SystemRoot::number(const std::string& path, long* value, long min, long max) {
+  std::string t;
+  const Read r = text(path, &t);
+  if (r != Read::kOk || wholeNumber(t, min, max, value)) return r;
+  const std::string range = min == LONG_MIN
+                                ? ""
+                                : " from " + std::to_string(min) +
+                                      (max == LONG_MAX ? " up" : " to " + std::to_string(max));
+  return fail(path, "line 1: not a whole number" + range);
 }
 
 Read SystemRoot::list(const std::string& path, unsigned limit, std::vector<unsigned>* out,

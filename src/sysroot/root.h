@@ -8,6 +8,7 @@
 #ifndef XRPROCDETECTOR_SRC_SYSROOT_ROOT_H
 #define XRPROCDETECTOR_SRC_SYSROOT_ROOT_H
 
+#include <climits>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -62,6 +63,9 @@ bool parseCpuMask(std::string_view text, unsigned limit, std::vector<unsigned>* 
 bool numberedName(const std::string& name, const char* prefix, unsigned limit, unsigned* n,
                   std::string* problem);
 
+// `text` as a whole number from `min` to `max`: base 10, nothing around it.
+bool wholeNumber(const std::string& text, long min, long max, long* value);
+
 // A JSON string literal of `text`.
 std::string jsonQuoted(std::string_view text);
 
@@ -84,7 +88,8 @@ class SystemRoot {
   // failure is recorded (the first one is kept, naming the file) as well as
   // returned.
   Read text(const std::string& path, std::string* out);
-  Read number(const std::string& path, long* value);
+  // A whole number from `min` to `max`; any other text is a failure.
+  Read number(const std::string& path, long* value, long min = LONG_MIN, long max = LONG_MAX);
   // A processor list, or with `mask` a CPU mask.
   Read list(const std::string& path, unsigned limit, std::vector<unsigned>* out, bool mask = false);
   // The first failure met, naming its file; empty when there was none.
@@ -95,11 +100,13 @@ class SystemRoot {
   // when it cannot be listed.
   Read entries(const std::string& path, std::vector<std::string>* names) const;
   // The numbers N of the processor folders cpuN in the folder `path`, in
-  // increasing order; none when it cannot be listed.
-  std::vector<unsigned> processorFolders(const std::string& path) const;
+  // increasing order; none when it cannot be listed. A folder cpuN whose N
+  // is not canonical or not below the kernel's limit is a failure.
+  std::vector<unsigned> processorFolders(const std::string& path);
+  // Records a failure of the file at `path` ("line 1: ..." or a reason).
+  Read fail(const std::string& path, const std::string& why);
 
  private:
-  Read fail(const std::string& path, const std::string& why);
   std::string dir_;
   int fd_ = -1;
   std::string openError_;

@@ -6,7 +6,10 @@
 // crash, hang or block: a part that is not a regular file is refused.
 //
 // The input is a list of entries: a kind byte, a path byte, a two-byte
-// length, then that many bytes of content.
+// length, then that many bytes of content. Besides files of any content,
+// an entry may write numbers at the edges of their types to the quota,
+// period, frequency and count files, and a skeleton of a machine under
+// control groups for them to limit.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -15,6 +18,7 @@
 
 #include <cstdint>
 #include <cstdlib>
+#include <iterator>
 #include <string>
 
 #include <xrprocdetector/detect.h>
@@ -42,6 +46,40 @@ const char* const kPaths[] = {
     "sys/fs/cgroup/cpuset/cpuset.cpus", "cpuid/pu0", "cpuid/pu1", "cpuid/pu01", "pu0"};
 constexpr std::size_t kPathCount = sizeof kPaths / sizeof kPaths[0];
 
+// Numbers at and beyond the edges of the types and ranges that hold them.
+const char* const kEdges[] = {"-9223372036854775808",
+                              "9223372036854775807",
+                              "9223372036854775808",
+                              "-2147483649",
+                              "2147483648",
+                              "4294967296",
+                              "2147484000000",
+                              "17592186044416",
+                              "-1",
+                              "0",
+                              "1",
+                              "999",
+                              "1000",
+                              "1000000",
+                              "1000001",
+                              "nan",
+                              "inf",
+                              "-0",
+                              "1e308",
+                              "max"};
+
+std::string edge(const std::string& body, std::size_t i) {
+  return kEdges[(i < body.size() ? static_cast<std::uint8_t>(body[i]) : 0) % std::size(kEdges)];
+}
+
+// A machine of two processors whose process is in a cgroup of each kind,
+// under the limits that the other entries write.
+const char* const kSkeleton[][2] = {{"sys/devices/system/cpu/online", "0-1"},
+                                    {"proc/self/mountinfo",
+                                     "30 25 0:26 / /sys/fs/cgroup rw - cgroup2 cgroup2 rw\n"
+                                     "31 25 0:27 / /sys/fs/cgroup/cpu rw - cgroup cgroup rw,cpu\n"},
+                                    {"proc/self/cgroup", "0::/a\n4:cpu:/\n"}};
+
 void makeParents(const std::string& root, const std::string& path) {
   for (std::size_t at = path.find('/'); at != std::string::npos; at = path.find('/', at + 1))
     ::mkdir((root + "/" + path.substr(0, at)).c_str(), 0755);
@@ -50,7 +88,7 @@ void makeParents(const std::string& root, const std::string& path) {
 void place(const std::string& root, std::uint8_t kind, const char* path, const std::string& body) {
   makeParents(root, path);
   const std::string at = root + "/" + path;
-  switch (kind % 6) {
+  switch (kind % 8) {
     case 0:
     case 1: {  // a regular file, the most common part; only a new one, as
                // opening a FIFO put there before would wait for a reader
@@ -69,9 +107,21 @@ void place(const std::string& root, std::uint8_t kind, const char* path, const s
     case 4:
       ::symlink(body.empty() ? "/dev/zero" : "/dev/null", at.c_str());
       return;
-    default:  // a link to another part of the tree, or to itself
+    case 5:  // a link to another part of the tree, or to itself
       ::symlink(body.empty() ? path : kPaths[body.size() % kPathCount], at.c_str());
       return;
+    case 6:  // a number, a pair for cpu.max, or the metadata's counts
+      return place(
+          root, 0, path,
+          std::string(path) == "xrprocdetect.json"
+              ? "{\"configuredProcessors\": " + edge(body, 0) +
+                    ", \"onlineProcessors\": " + edge(body, 1) + "}"
+              : edge(body, 0) + (at.size() > 7 && at.compare(at.size() - 7, 7, "cpu.max") == 0
+                                     ? " " + edge(body, 1)
+                                     : ""));
+    default:
+      for (const auto& [file, text] : kSkeleton)
+        place(root, 0, file, text);
   }
 }
 

@@ -387,22 +387,25 @@ TEST(Kernel, CompareNamesWhatAgreesAndWhatCannotBeCompared) {
 TEST(Parsers, DescriptorZeroIsOpenLikeAnyOther) {
   namespace dt = xrprocdetector::detail;
   const Scratch scratch;
-  scratch.write("online", "0-1\n");
+  const fs::path online = scratch.path / "sys/devices/system/cpu/online";
+  scratch.write("sys/devices/system/cpu/online", "0-1\n");
   const dt::SystemRoot early(scratch.path.string());  // open before 0 is closed
   const int saved = ::dup(0);
   ASSERT_GE(saved, 0);
   ::close(0);
   std::string text;
   std::string why;
-  const dt::Read r = dt::readWholeFile(AT_FDCWD, (scratch.path / "online").string(),
-                                       dt::kSmallFileCap, &text, &why);
+  const dt::Read r = dt::readWholeFile(AT_FDCWD, online.string(), dt::kSmallFileCap, &text, &why);
   std::vector<std::string> names;
-  const dt::Read listed = early.entries("", &names);
+  const dt::Read listed = early.entries("sys/devices/system/cpu", &names);
   bool rootHadZero = false;
   {
     const dt::SystemRoot root(scratch.path.string());
     rootHadZero = root.fd() == 0;
   }
+  // The snapshot's root and the kernel row's are each given 0.
+  const auto source = Source::snapshot(scratch.path.string());
+  const KernelTopology k = source ? kernelTopology(*source) : KernelTopology();
   const bool zeroClosedAgain = ::fcntl(0, F_GETFD) == -1;
   ::dup2(saved, 0);
   ::close(saved);
@@ -411,6 +414,7 @@ TEST(Parsers, DescriptorZeroIsOpenLikeAnyOther) {
   EXPECT_EQ(listed, dt::Read::kOk);
   EXPECT_EQ(names, std::vector<std::string>{"online"});
   EXPECT_TRUE(rootHadZero);
+  EXPECT_EQ(k.logicalProcessors, 2) << k.missing << k.error;
   EXPECT_TRUE(zeroClosedAgain);
 }
 

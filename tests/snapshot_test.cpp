@@ -119,4 +119,21 @@ TEST(Snapshot, ALargeDumpIsReadInLinearTime) {
                        ": a second, different answer to the query of line 1");
 }
 
+// A processor without a dump, and a leaf that a dump lacks, answer zeros in
+// every register, as a processor answers a leaf beyond its highest.
+TEST(Snapshot, WhatADumpLacksAnswersZeros) {
+  XrMachineSnapshot s;
+  s.affinity = std::vector<unsigned>{0, 1};
+  s.cpuid[1] = {{1, {0, 0, 0, 0}, {0xd, 1, 2, 3}}};
+  const XrSnapshotReplay replay(s);
+  const auto zeros = [](dt::CpuidRegisters r) { return (r.eax | r.ebx | r.ecx | r.edx) == 0; };
+  EXPECT_TRUE(zeros(dt::queryCpuid(0, 0)));  // on processor 0 at first, which has no dump
+  cpu_set_t one;
+  CPU_ZERO(&one);
+  CPU_SET(1, &one);
+  ASSERT_EQ(dt::querySetAffinity(&one), 0);
+  EXPECT_EQ(dt::queryCpuid(0, 0).edx, 3u);
+  EXPECT_TRUE(zeros(dt::queryCpuid(7, 0)));
+}
+
 }  // namespace

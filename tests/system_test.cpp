@@ -3,7 +3,10 @@
 // scans of a /proc/cpuinfo that cannot be opened.
 #include <sys/wait.h>
 
+#include <filesystem>
 #include <vector>
+
+#include <xrprocdetector/detect.h>
 
 #include "support/test_support.h"
 
@@ -24,6 +27,38 @@ TEST(RealMachine, CpuidEstimateAndVMwareProbe) {
   struct sigaction now {};
   sigaction(SIGSEGV, nullptr, &now);
   EXPECT_EQ(now.sa_handler, SIG_DFL);  // not the handler in place before
+}
+
+// The calling thread's own affinity, narrower than process 1's, is what is
+// read: for the usable processors, a snapshot's affinity, and what the
+// detectors give back after pinning.
+TEST(RealMachine, TheCallersOwnAffinityIsReadAndGivenBack) {
+  cpu_set_t all, one, after;
+  ASSERT_EQ(sched_getaffinity(0, sizeof all, &all), 0);
+  ASSERT_EQ(sched_getaffinity(1, sizeof one, &one), 0);
+  if (CPU_COUNT(&one) < 2) GTEST_SKIP() << "process 1 may use fewer than two processors";
+  int last = CPU_SETSIZE - 1;
+  while (!CPU_ISSET(last, &one))
+    --last;
+  CPU_ZERO(&one);
+  CPU_SET(last, &one);
+  ASSERT_EQ(sched_setaffinity(0, sizeof one, &one), 0);
+  using namespace xrprocdetector;
+  EXPECT_EQ(kernelTopology().usableProcessors, 1);
+  char dir[] = "/tmp/xrprocdetector-affinity-XXXXXX";
+  ASSERT_NE(mkdtemp(dir), nullptr);
+  const std::string saved = std::string(dir) + "/s";
+  std::string error;
+  EXPECT_TRUE(saveSnapshot(saved, &error)) << error;
+  const auto snapshot = Source::snapshot(saved);
+  EXPECT_EQ(snapshot ? kernelTopology(*snapshot).usableProcessors : 0, 1);
+  std::filesystem::remove_all(dir);
+  detect(Generation::kDefault);
+  XrProcDetectorLinux32(tzDebugNone, 0, nullptr, nullptr).getCPUIDProcData();
+  testsupport::unblockSegv();
+  ASSERT_EQ(sched_getaffinity(0, sizeof after, &after), 0);
+  sched_setaffinity(0, sizeof all, &all);
+  EXPECT_TRUE(CPU_EQUAL(&one, &after));
 }
 
 TEST(RealMachine, FactoryHandsOutASilentDefaultDetector) {

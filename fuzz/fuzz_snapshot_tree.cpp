@@ -8,8 +8,7 @@
 // The input is a list of entries: a kind byte, a path byte, a two-byte
 // length, then that many bytes of content. Besides files of any content,
 // an entry may write numbers at the edges of their types to the quota,
-// period, frequency and count files, and a skeleton of a machine under
-// control groups for them to limit.
+// period, frequency and count files.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -47,38 +46,28 @@ const char* const kPaths[] = {
 constexpr std::size_t kPathCount = sizeof kPaths / sizeof kPaths[0];
 
 // Numbers at and beyond the edges of the types and ranges that hold them.
-const char* const kEdges[] = {"-9223372036854775808",
-                              "9223372036854775807",
-                              "9223372036854775808",
-                              "-2147483649",
-                              "2147483648",
-                              "4294967296",
-                              "2147484000000",
-                              "17592186044416",
-                              "-1",
-                              "0",
-                              "1",
-                              "999",
-                              "1000",
-                              "1000000",
-                              "1000001",
-                              "nan",
-                              "inf",
-                              "-0",
-                              "1e308",
-                              "max"};
+// clang-format off
+const char* const kEdges[] = {
+    "-9223372036854775808", "9223372036854775807", "9223372036854775808", "-2147483649",
+    "2147483648", "4294967296", "2147484000000", "17592186044416", "-1", "0", "1", "999", "1000",
+    "1000000", "1000001", "nan", "inf", "-0", "1e308", "max"};
+// clang-format on
 
 std::string edge(const std::string& body, std::size_t i) {
   return kEdges[(i < body.size() ? static_cast<std::uint8_t>(body[i]) : 0) % std::size(kEdges)];
 }
 
-// A machine of two processors whose process is in a cgroup of each kind,
-// under the limits that the other entries write.
-const char* const kSkeleton[][2] = {{"sys/devices/system/cpu/online", "0-1"},
-                                    {"proc/self/mountinfo",
-                                     "30 25 0:26 / /sys/fs/cgroup rw - cgroup2 cgroup2 rw\n"
-                                     "31 25 0:27 / /sys/fs/cgroup/cpu rw - cgroup cgroup rw,cpu\n"},
-                                    {"proc/self/cgroup", "0::/a\n4:cpu:/\n"}};
+// What every tree has unless an entry made it otherwise: two processors on
+// two cores, and a process in a cgroup of each version, so that the limits
+// and frequencies that entries write are read.
+const char* const kSkeleton[][2] = {
+    {"sys/devices/system/cpu/online", "0-1"},
+    {"sys/devices/system/cpu/cpu0/topology/core_cpus_list", "0"},
+    {"sys/devices/system/cpu/cpu1/topology/thread_siblings_list", "1"},
+    {"proc/self/mountinfo",
+     "30 25 0:26 / /sys/fs/cgroup rw - cgroup2 cgroup2 rw\n"
+     "31 25 0:27 / /sys/fs/cgroup/cpu rw - cgroup cgroup rw,cpu\n"},
+    {"proc/self/cgroup", "0::/a\n4:cpu:/\n"}};
 
 void makeParents(const std::string& root, const std::string& path) {
   for (std::size_t at = path.find('/'); at != std::string::npos; at = path.find('/', at + 1))
@@ -88,7 +77,7 @@ void makeParents(const std::string& root, const std::string& path) {
 void place(const std::string& root, std::uint8_t kind, const char* path, const std::string& body) {
   makeParents(root, path);
   const std::string at = root + "/" + path;
-  switch (kind % 8) {
+  switch (kind % 7) {
     case 0:
     case 1: {  // a regular file, the most common part; only a new one, as
                // opening a FIFO put there before would wait for a reader
@@ -110,18 +99,15 @@ void place(const std::string& root, std::uint8_t kind, const char* path, const s
     case 5:  // a link to another part of the tree, or to itself
       ::symlink(body.empty() ? path : kPaths[body.size() % kPathCount], at.c_str());
       return;
-    case 6:  // a number, a pair for cpu.max, or the metadata's counts
-      return place(
-          root, 0, path,
-          std::string(path) == "xrprocdetect.json"
-              ? "{\"configuredProcessors\": " + edge(body, 0) +
-                    ", \"onlineProcessors\": " + edge(body, 1) + "}"
-              : edge(body, 0) + (at.size() > 7 && at.compare(at.size() - 7, 7, "cpu.max") == 0
-                                     ? " " + edge(body, 1)
-                                     : ""));
-    default:
-      for (const auto& [file, text] : kSkeleton)
-        place(root, 0, file, text);
+    default: {  // a number, a pair for cpu.max, or the metadata's counts
+      const bool pair = at.size() > 7 && at.compare(at.size() - 7, 7, "cpu.max") == 0;
+      const std::string number = edge(body, 0) + (pair ? " " + edge(body, 1) : "");
+      return place(root, 0, path,
+                   std::string(path) != "xrprocdetect.json"
+                       ? number
+                       : "{\"configuredProcessors\": " + edge(body, 0) +
+                             ", \"onlineProcessors\": " + edge(body, 1) + "}");
+    }
   }
 }
 
@@ -141,6 +127,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     place(dir, kind, path, std::string(reinterpret_cast<const char*>(data + i + 4), length));
     i += 4 + length;
   }
+  for (const auto& [file, text] : kSkeleton)
+    place(dir, 0, file, text);
   std::string error;
   if (const auto source = xrprocdetector::Source::snapshot(dir, &error)) {
     const xrprocdetector::KernelTopology kernel = xrprocdetector::kernelTopology(*source);

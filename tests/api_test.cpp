@@ -5,10 +5,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <thread>
 
 #include <xrprocdetector/detect.h>
 
@@ -176,6 +178,34 @@ TEST(Snapshot, OnlyRegularFilesWithinTheirCapsAreRead) {
   scratch.write("cpuid/pu0", std::string((4u << 20) + 1, '#'));
   EXPECT_FALSE(Source::snapshot(scratch.path.string(), &error));
   EXPECT_EQ(error, (scratch.path / "cpuid/pu0").string() + ": larger than 4 MiB");
+}
+
+// A save that fails (the affinity cannot be read) while its directory is
+// renamed and a link put in its place, round after round, removes only what
+// it wrote: never the files the link leads to.
+TEST(Snapshot, AFailedSaveNeverRemovesThroughALinkPutInPlaceOfItsDirectory) {
+  scripted::setMachine({});
+  scripted::affinityUnreadable = true;
+  const Scratch scratch;
+  for (const char* part : {"proc", "sys", "cpuid"})
+    scratch.write(std::string("victim/") + part + "/file", "mine");
+  std::atomic<int> round{0};
+  std::thread swapper([&] {
+    for (int r; (r = round) < 200;) {
+      const std::string dir = (scratch.path / std::to_string(r)).string(), old = dir + ".old";
+      if (::rename(dir.c_str(), old.c_str()) != 0) continue;
+      ::symlink("victim", dir.c_str());
+      ::usleep(1000);
+      ::unlink(dir.c_str());
+      ::rename(old.c_str(), dir.c_str());
+      ::usleep(2000);
+    }
+  });
+  for (; round < 200; ++round)
+    EXPECT_FALSE(saveSnapshot((scratch.path / std::to_string(round)).string()));
+  swapper.join();
+  for (const char* part : {"proc", "sys", "cpuid"})
+    EXPECT_EQ(testsupport::readFile((scratch.path / "victim" / part / "file").string()), "mine");
 }
 
 TEST(Kernel, ABrokenListIsAnErrorAndNoCountIsTakenFromItsTree) {

@@ -3,8 +3,8 @@
 // xrprocdetect.json last; a save that fails removes what it wrote, and one
 // cut off (the process killed) leaves the working folder, which loading
 // refuses as an unfinished save.
+#include <dirent.h>
 #include <fcntl.h>
-#include <ftw.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -24,8 +24,6 @@ using dt::Read;
 namespace {
 
 const char kWork[] = ".xrprocdetect-saving";
-// What the working folder holds, in the order it is moved into place.
-const char* const kParts[] = {"proc", "sys", "cpuid", "xrprocdetect.json"};
 
 const char* const kTopology[] = {"physical_package_id",
                                  "die_id",
@@ -212,45 +210,45 @@ bool saveDumps(Saver& saver, std::vector<unsigned>* affinity) {
   return ok;
 }
 
-int removeOne(const char* path, const struct stat*, int type, struct FTW*) {
-  return type == FTW_DP ? ::rmdir(path) : ::unlink(path);
-}
-
-// Removes `path` and all below it; links are removed, never followed.
-void removeTree(const std::string& path) {
-  ::nftw(path.c_str(), removeOne, 16, FTW_DEPTH | FTW_PHYS);
-}
-
-// The directory: new, or empty; never a symbolic link. *created says
-// whether this save made it.
-bool prepare(const std::string& dir, bool* created, std::string* error) {
-  struct stat st;
-  if (::lstat(dir.c_str(), &st) == 0 && S_ISLNK(st.st_mode)) {
-    *error = dir +
-             ": a symbolic link; a snapshot goes into a new or empty directory, named "
-             "itself rather than through a link";
-    return false;
+// The names in the folder open as `fd`, without "." and "..".
+bool names(int fd, std::vector<std::string>* out) {
+  const int own = ::openat(fd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (own < 0) return false;
+  DIR* folder = ::fdopendir(own);
+  if (folder == nullptr) return ::close(own), false;
+  while (const dirent* entry = ::readdir(folder)) {
+    if (std::strcmp(entry->d_name, ".") != 0 && std::strcmp(entry->d_name, "..") != 0)
+      out->push_back(entry->d_name);
   }
-  *created = ::mkdir(dir.c_str(), 0755) == 0;
-  if (!*created && errno != EEXIST)
-    return *error = "cannot create " + dir + ": " + std::strerror(errno), false;
-  const dt::SystemRoot root(dir);
-  std::vector<std::string> names;
-  if (!root.isOpen()) return *error = "cannot open " + root.openError(), false;
-  if (root.entries("", &names) != Read::kOk)
-    return *error = "cannot open " + dir + ": " + std::strerror(errno), false;
-  if (!names.empty()) *error = dir + ": not empty; a snapshot goes into a new or empty directory";
-  return names.empty();
+  return ::closedir(folder) == 0;
 }
 
-// Everything into the working folder, then into place, the metadata last.
-bool saveInto(const std::string& dir, int root, const std::string& savedBy, std::string* error) {
-  if (::mkdirat(root, kWork, 0755) != 0)
-    return *error = "cannot create " + dir + "/" + kWork + ": " + std::strerror(errno), false;
-  Fd work(::openat(root, kWork, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-  Saver saver(dir, work.get(), error);
-  if (work.get() < 0) return saver.fail("cannot open " + dir + "/" + kWork);
+void clear(int fd);
+
+// Removes `name` in the folder open as `fd`, and all below it, through
+// descriptors only: a link is removed, never followed.
+void remove(int fd, const std::string& name) {
+  const Fd folder(::openat(fd, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  if (folder.get() >= 0) clear(folder.get());
+  ::unlinkat(fd, name.c_str(), folder.get() >= 0 ? AT_REMOVEDIR : 0);
+}
+
+// Empties the folder open as `fd`.
+void clear(int fd) {
+  std::vector<std::string> inside;
+  names(fd, &inside);
+  for (const std::string& name : inside)
+    remove(fd, name);
+}
+
+// Everything into the working folder `work`, then each of its entries into
+// place, the metadata last; *moved names those moved.
+bool saveInto(const std::string& dir, int root, int work, const std::string& savedBy,
+              std::vector<std::string>* moved, std::string* error) {
+  Saver saver(dir, work, error);
+  if (work < 0) return saver.fail("cannot open " + dir + "/" + kWork);
   dt::SnapshotMetadata metadata;
+  std::vector<std::string> parts;
   if (!saveKernelFiles(saver) || !saveDumps(saver, &metadata.affinity)) return false;
   {
     const dt::SignalState signals;
@@ -258,31 +256,58 @@ bool saveInto(const std::string& dir, int root, const std::string& savedBy, std:
   }
   metadata.configured = sysconf(_SC_NPROCESSORS_CONF);
   metadata.online = sysconf(_SC_NPROCESSORS_ONLN);
+  if (!names(work, &parts)) return saver.fail("cannot list " + dir + "/" + kWork);
+  parts.push_back("xrprocdetect.json");
   if (!saver.write("xrprocdetect.json", dt::formatMetadata(metadata, savedBy))) return false;
-  for (const char* part : kParts) {
-    if (::renameat(work.get(), part, root, part) != 0)
+  for (const std::string& part : parts) {
+    if (::renameat(work, part.c_str(), root, part.c_str()) != 0)
       return saver.fail("cannot move " + dir + "/" + kWork + "/" + part + " into place");
+    moved->push_back(part);
   }
-  if (::unlinkat(root, kWork, AT_REMOVEDIR) != 0)
-    return saver.fail("cannot remove " + dir + "/" + kWork);
   return true;
 }
 
+// Saves into `dir`, new or empty and never a symbolic link, opened once:
+// every step, and the removal of what a failed save wrote, goes through
+// that descriptor. The directory itself is removed when this save made it
+// and it is still the one opened.
 bool save(const std::string& dir, const std::string& savedBy, std::string* error) {
   if (dt::MachineStandIn::active() != nullptr) {
     *error = "cannot save a snapshot while a snapshot replay is active on this thread";
     return false;
   }
-  bool created = false;
-  if (!prepare(dir, &created, error)) return false;
-  Fd root(::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  const bool created = ::mkdir(dir.c_str(), 0755) == 0;
+  if (!created && errno != EEXIST)
+    return *error = "cannot create " + dir + ": " + std::strerror(errno), false;
+  const Fd root(::open(dir.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  struct stat opened, now;
+  if (root.get() < 0 && ::lstat(dir.c_str(), &now) == 0 && S_ISLNK(now.st_mode))
+    return *error = dir +
+                    ": a symbolic link; a snapshot goes into a new or empty directory, "
+                    "named itself rather than through a link",
+           false;
   if (root.get() < 0) return *error = "cannot open " + dir + ": " + std::strerror(errno), false;
-  if (saveInto(dir, root.get(), savedBy, error)) return true;
-  // Leave the directory as it was found: empty, or not there at all.
-  for (const char* part : kParts)
-    removeTree(dir + "/" + part);
-  removeTree(dir + "/" + kWork);
-  if (created) ::rmdir(dir.c_str());
+  std::vector<std::string> found, moved;
+  if (!names(root.get(), &found)) {
+    *error = "cannot open " + dir + ": " + std::strerror(errno);
+  } else if (!found.empty()) {
+    *error = dir + ": not empty; a snapshot goes into a new or empty directory";
+  } else if (::mkdirat(root.get(), kWork, 0755) != 0) {
+    *error = "cannot create " + dir + "/" + kWork + ": " + std::strerror(errno);
+  } else {
+    const Fd work(::openat(root.get(), kWork, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (saveInto(dir, root.get(), work.get(), savedBy, &moved, error)) {
+      if (::unlinkat(root.get(), kWork, AT_REMOVEDIR) == 0) return true;
+      *error = "cannot remove " + dir + "/" + kWork + ": " + std::strerror(errno);
+    }
+    clear(work.get());
+    ::unlinkat(root.get(), kWork, AT_REMOVEDIR);
+    for (const std::string& part : moved)
+      remove(root.get(), part);
+  }
+  if (created && ::fstat(root.get(), &opened) == 0 && ::lstat(dir.c_str(), &now) == 0 &&
+      opened.st_dev == now.st_dev && opened.st_ino == now.st_ino)
+    ::rmdir(dir.c_str());
   return false;
 }
 

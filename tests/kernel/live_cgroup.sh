@@ -2,13 +2,15 @@
 # The usable processors of a process in a control group, live: the tool in
 # a group with a quota of 1.5 processors and a cpuset of one processor, then
 # in an unlimited child of a group limited to 1 processor, whose limit must
-# win. Needs root and a writable cgroup v1 cpu and cpuset hierarchy, or a
-# cgroup v2 hierarchy with the cpu and cpuset controllers; skips (77)
-# otherwise. Removes the groups it makes, whatever happens.
+# win; with cgroup v1, also with the cpuset hierarchy mounted outside /sys,
+# whose files a save must keep. A save refused into a new group removes it.
+# Needs root and a writable cgroup v1 cpu and cpuset hierarchy, or a cgroup
+# v2 hierarchy with the cpu and cpuset controllers; skips (77) otherwise.
+# Removes the groups it makes, whatever happens.
 #
 #   live_cgroup.sh TOOL
 set -u
-tool=$1 name=xrprocdetect-test-$$ failed=0
+tool=$1 name=xrprocdetect-test-$$ failed=0 ns=
 [ "$(id -u)" = 0 ] || { echo "skipped: not root"; exit 77; }
 v1=/sys/fs/cgroup
 if [ -w $v1/cpu/cgroup.procs ] && [ -w $v1/cpuset/cgroup.procs ]; then
@@ -26,17 +28,20 @@ else
 fi
 work=$(mktemp -d)
 cleanup() {
-  rmdir "$cpu/child" "$cpu" "$set" 2>/dev/null
+  rmdir "$cpu/child" "$cpu/new" "$cpu" "$set" 2>/dev/null
   rm -rf "$work"
 }
 trap cleanup EXIT
 mkdir -p "$cpu" "$set" || exit 1
 first=$(cut -d, -f1 /sys/devices/system/cpu/online | cut -d- -f1)
 
-# in_groups ARGS GROUP... : the tool run with ARGS in each GROUP.
+# in_groups ARGS GROUP... : the tool run with ARGS in each GROUP; with $ns
+# "env at=DIR unshare -m", in a mount namespace where the v1 cpuset
+# hierarchy is mounted at DIR instead of under /sys.
 in_groups() {
   # shellcheck disable=SC2016
-  sh -c 'a=$1; shift; for g in "$@"; do echo $$ >"$g/cgroup.procs" || exit 1; done
+  $ns sh -c 'a=$1; shift; for g in "$@"; do echo $$ >"$g/cgroup.procs" || exit 1; done
+    [ -z "${at:-}" ] || { umount /sys/fs/cgroup/cpuset && mount -t cpuset none "$at"; } || exit 1
     exec "$0" $a' "$tool" "$@"
 }
 # run ARGS GROUP... : its kernel row, as "usable quota effective".
@@ -58,6 +63,22 @@ check "quota 1.5, one processor" "$(run "-J -a 5.3" $groups)" "1 1.5 1"
 # A snapshot saved there keeps the groups' files, and replays them.
 in_groups "--save $work/s" $groups >/dev/null || failed=1
 check "the same, saved" "$(run "-J -a 5.3 --snapshot $work/s")" "1 1.5 1"
+# The same with the cpuset hierarchy mounted outside /sys (the old cpuset
+# file system, as at /dev/cpuset): its files are saved under the snapshot,
+# and no working folder is left.
+if [ "$set" = "$v1/cpuset/$name" ] && mkdir "$work/cpuset"; then
+  ns="env at=$work/cpuset unshare -m"
+  # shellcheck disable=SC2086
+  check "cpuset outside /sys" "$(run "-J -a 5.3" $groups)" "1 1.5 1"
+  in_groups "--save $work/t" $groups >/dev/null && [ ! -e "$work/t/.xrprocdetect-saving" ] &&
+    [ -f "$work/t$work/cpuset/$name/cpuset.effective_cpus" ] ||
+    { echo "cpuset outside /sys: not saved"; failed=1; }
+  ns=
+  check "outside /sys, saved" "$(run "-J -a 5.3 --snapshot $work/t")" "1 1.5 1"
+fi
+# A save refused into a new group (which is not empty) removes the group.
+"$tool" --save "$cpu/new" 2>/dev/null
+[ $? = 2 ] && [ ! -e "$cpu/new" ] || { echo "a save refused into a new group left it"; failed=1; }
 
 quota "$cpu" 100000 && mkdir "$cpu/child" && quota "$cpu/child" $unlimited || exit 1
 echo "$(cat /sys/devices/system/cpu/online)" >"$set/cpuset.cpus"

@@ -4,7 +4,8 @@
 # the CPUID dumps, and the metadata. Each must exit 2 and leave the tmpfs as
 # it was found (empty: the directory did not exist); so must a save that
 # cannot read a kernel list, while one that cannot read a file it may do
-# without leaves that file out. Needs root to mount;
+# without leaves that file out; and one refused for permissions removes the
+# directory it made. Needs root to mount;
 # skips (77) otherwise.
 #
 #   failed_save.sh TOOL
@@ -57,6 +58,10 @@ stage() {
 stage "kernel files" 8
 stage "CPUID dumps" $((3 + entries - 1 - dumps))
 stage "metadata" $((3 + entries - 1))
+# A save refused for permissions (a user's whose umask leaves the directory
+# it makes unreadable) removes that directory.
+runuser -u nobody -- sh -c 'umask 777 && exec "$0" --save "$1"' "$tool" "$mnt/s" 2>"$mnt.err"
+refused "refused for permissions" $? "cannot open $mnt/s: Permission denied$"
 
 # A kernel list the save cannot read (a file over its size cap bound over
 # the online list, in a mount namespace of its own) fails the save at once,

@@ -168,10 +168,11 @@ TEST(Snapshot, OnlyRegularFilesWithinTheirCapsAreRead) {
   EXPECT_FALSE(Source::snapshot(scratch.path.string(), &error));
   EXPECT_EQ(error, (scratch.path / "sys/devices/system/cpu/possible").string() +
                        ": a FIFO, not a regular file");
-  fs::remove(scratch.path / "sys/devices/system/cpu/possible");
-  fs::create_symlink("/dev/zero", scratch.path / "sys/devices/system/cpu/possible");
+  // Through a link, whose absolute target is taken inside the tree.
+  fs::rename(scratch.path / "sys/devices/system/cpu/possible", scratch.path / "fifo");
+  fs::create_symlink("/fifo", scratch.path / "sys/devices/system/cpu/possible");
   EXPECT_FALSE(Source::snapshot(scratch.path.string(), &error));
-  EXPECT_NE(error.find("possible: a device, not a regular file"), std::string::npos) << error;
+  EXPECT_NE(error.find("possible: a FIFO, not a regular file"), std::string::npos) << error;
   fs::remove(scratch.path / "sys/devices/system/cpu/possible");
   scratch.write("cpuid/pu0", std::string((4u << 20) + 1, '#'));
   EXPECT_FALSE(Source::snapshot(scratch.path.string(), &error));

@@ -25,9 +25,14 @@ bad() {
 topology='mkdir -p sys/devices/system/cpu && cd sys/devices/system/cpu'
 bad fifo "$topology && echo 0-1 >possible && mkfifo online" \
   "s/sys/devices/system/cpu/online: a FIFO, not a regular file"
-bad device-link "$topology && echo 0-1 >online && mkdir -p cpu0/topology &&
-  ln -s /dev/zero cpu0/topology/physical_package_id" \
-  "s/sys/devices/system/cpu/cpu0/topology/physical_package_id: a device, not a regular file"
+bad fifo-link "$topology && echo 0-1 >online && mkdir -p cpu0/topology && mkfifo ../../../../fifo &&
+  ln -s ../../../../../../fifo cpu0/topology/physical_package_id" \
+  "s/sys/devices/system/cpu/cpu0/topology/physical_package_id: a FIFO, not a regular file"
+# Reached through a link, a FIFO is refused without being opened: a writer
+# waiting for a reader still waits.
+sh -c 'exec 3>s/fifo' & writer=$!; sleep 1; "$tool" --snapshot s >/dev/null 2>&1; sleep 1
+kill $writer 2>/dev/null || { echo "fifo-link: the FIFO was opened"; failed=1; }
+
 for list in 65535,0 1000,0 0,0,0,0 3-1 0-4294967295; do
   bad "list $list" "$topology && echo $list >online" "s/sys/devices/system/cpu/online line 1: "
 done

@@ -170,10 +170,11 @@ TEST(Snapshot, OnlyRegularFilesWithinTheirCapsAreRead) {
   EXPECT_FALSE(Source::snapshot(scratch.path.string(), &error));
   EXPECT_EQ(error, (scratch.path / "sys/devices/system/cpu/possible").string() +
                        ": a FIFO, not a regular file");
-  fs::remove(scratch.path / "sys/devices/system/cpu/possible");
-  fs::create_symlink("/dev/zero", scratch.path / "sys/devices/system/cpu/possible");
+  // Through a link, whose absolute target is taken inside the tree.
+  fs::rename(scratch.path / "sys/devices/system/cpu/possible", scratch.path / "fifo");
+  fs::create_symlink("/fifo", scratch.path / "sys/devices/system/cpu/possible");
   EXPECT_FALSE(Source::snapshot(scratch.path.string(), &error));
-  EXPECT_NE(error.find("possible: a device, not a regular file"), std::string::npos) << error;
+  EXPECT_NE(error.find("possible: a FIFO, not a regular file"), std::string::npos) << error;
   fs::remove(scratch.path / "sys/devices/system/cpu/possible");
   scratch.write("cpuid/pu0", std::string((4u << 20) + 1, '#'));
   EXPECT_FALSE(Source::snapshot(scratch.path.string(), &error));
@@ -446,6 +447,36 @@ TEST(Parsers, DescriptorZeroIsOpenLikeAnyOther) {
   EXPECT_TRUE(rootHadZero);
   EXPECT_EQ(k.logicalProcessors, 2) << k.missing << k.error;
   EXPECT_TRUE(zeroClosedAgain);
+}
+
+// A path under a root is resolved inside it, by openat2 and one component
+// at a time alike: ".." stops at the root, an absolute path or link target
+// starts from it, links within the tree are followed, and nothing from
+// outside (outside/cpu.max, 987654) is ever read.
+TEST(Parsers, PathsUnderARootResolveInsideIt) {
+  const Scratch scratch;
+  const fs::path tree = scratch.path / "tree";
+  for (const char* file : {"outside/cpu.max", "tree/sys/fs/cgroup/cpu.max", "tree/outside/cpu.max"})
+    scratch.write(file, file[0] == 'o' ? "987654" : "in");
+  fs::create_symlink("/sys/fs/cgroup/cpu.max", tree / "rooted");
+  fs::create_symlink("../../outside/cpu.max", tree / "up");
+  fs::create_symlink("../cgroup", tree / "sys/fs/cgroup/self");
+  fs::create_symlink(scratch.path / "outside/cpu.max", tree / "escape");
+  fs::create_symlink("loop", tree / "loop");
+  const char* const paths[] = {
+      // Seven to the tree's "in",
+      "sys/fs/cgroup/cpu.max", "../../sys/fs/cgroup/cpu.max", "/sys/fs/cgroup/cpu.max",
+      "sys/fs/cgroup/../../../../outside/cpu.max", "rooted", "up", "sys/fs/cgroup/self/./cpu.max",
+      // then three to nothing.
+      "escape", "loop/x", "/proc/sys/kernel/pid_max"};
+  const xrprocdetector::detail::SystemRoot root(tree.string());
+  for (const bool componentwise : {false, true})
+    for (const char* const& path : paths) {
+      const int fd = xrprocdetector::detail::openInRoot(root.fd(), path, O_RDONLY, componentwise);
+      char got[8] = "nothing";
+      if (fd >= 0) got[std::max<ssize_t>(::read(fd, got, sizeof got - 1), 0)] = '\0', ::close(fd);
+      EXPECT_STREQ(got, &path < paths + 7 ? "in" : "nothing") << path << " " << componentwise;
+    }
 }
 
 TEST(Parsers, ListsMasksAndJsonStrings) {

@@ -234,7 +234,7 @@ KernelTopology readTopology(const std::string& dir, const std::string* cpuinfo,
     return k;
   }
   // The processors' own files, relative to their folder.
-  SystemRoot cpus(root.shown("sys/devices/system/cpu"));
+  SystemRoot cpus(root, "sys/devices/system/cpu");
   std::vector<unsigned> online;
   std::vector<std::vector<unsigned>> threadsOf;
   int maxThreads = 0;

@@ -2,7 +2,9 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <linux/openat2.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -24,26 +26,89 @@ const char* kindOf(mode_t mode) {
   return "not a regular file";
 }
 
-std::string strerrorText(int error) {
-  return std::strerror(error);
+// openInRoot one component at a time: each opened with O_PATH|O_NOFOLLOW
+// from the folder before it, a link's target put in the link's place (from
+// the root when it is absolute), ".." going back up the folders entered but
+// never above the root. The last component is opened again with `flags`.
+int byComponents(int root, std::string rest, int flags) {
+  std::vector<int> entered;  // the folders entered, from the root down
+  const auto up = [&entered] { ::close(entered.back()), entered.pop_back(); };
+  int links = 0;
+  int fd = -1;
+  for (bool last = false; !last;) {
+    const std::size_t from = rest.find_first_not_of('/');
+    const std::size_t to = rest.find('/', from);
+    std::string name = from == std::string::npos ? "." : rest.substr(from, to - from);
+    rest.erase(0, to);
+    last = rest.find_first_not_of('/') == std::string::npos;
+    if (name == ".." && !entered.empty()) up();
+    if (name == "..") name = ".";
+    const int at = entered.empty() ? root : entered.back();
+    const int next = ::openat(at, name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC);
+    if (next < 0) break;
+    entered.push_back(next);
+    char target[4096];
+    const ssize_t n = ::readlinkat(next, "", target, sizeof target);  // -1 but for a link
+    if (n > 0 || name == ".") up();  // a link gives way to its target; "." was entered
+    while (n > 0 && target[0] == '/' && !entered.empty())
+      up();
+    if (n > 0 && ++links > 40) break;  // as many links as the kernel follows in one path
+    if (n > 0) rest = std::string(target, static_cast<std::size_t>(n)) + "/" + rest;
+    last = last && n <= 0;
+    if (last) fd = ::openat(at, name.c_str(), flags | O_NOFOLLOW | O_CLOEXEC);
+  }
+  if (links > 40) errno = ELOOP;
+  for (const int dir : entered)
+    ::close(dir);  // errno is kept: close changes it only when it fails
+  return fd;
+}
+
+// What `path` names under the root, opened for reading without blocking
+// when it is of `type` (S_IFREG or S_IFDIR), *st saying what it is. It is
+// found first as an O_PATH descriptor, so that nothing else, a device or a
+// FIFO, is ever opened, and then that very file is opened. -1 with errno set
+// when it cannot be (ENOTDIR when it is of another type).
+int openChecked(int root, const std::string& path, mode_t type, struct stat* st) {
+  const int at = openInRoot(root, path, O_PATH);
+  if (at < 0) return -1;
+  const int flags = O_RDONLY | O_NONBLOCK | (type == S_IFDIR ? O_DIRECTORY : 0);
+  struct stat again {};
+  int fd = -1;
+  errno = ENOTDIR;
+  if (::fstat(at, st) == 0 && (st->st_mode & S_IFMT) == type) {
+    fd = ::open(("/proc/self/fd/" + std::to_string(at)).c_str(), flags | O_CLOEXEC);
+    // Without /proc: found again, and taken only if it is still that file.
+    if (fd < 0 && errno == ENOENT && (fd = openInRoot(root, path, flags)) >= 0 &&
+        (::fstat(fd, &again) != 0 || again.st_ino != st->st_ino || again.st_dev != st->st_dev))
+      ::close(fd), fd = -1, errno = ESTALE;
+  }
+  ::close(at);
+  return fd;
 }
 
 }  // namespace
 
+int openInRoot(int root, const std::string& path, int flags, bool componentwise) {
+  if (root == AT_FDCWD) return ::open(path.c_str(), flags | O_CLOEXEC);
+  open_how how{static_cast<std::uint64_t>(flags | O_CLOEXEC), 0, RESOLVE_IN_ROOT};
+  const long fd = componentwise ? -1 : ::syscall(SYS_openat2, root, path.c_str(), &how, sizeof how);
+  // openat2 is missing before Linux 5.6, and refused by some containers' filters.
+  const bool missing = componentwise || (fd < 0 && (errno == ENOSYS || errno == EPERM));
+  return missing ? byComponents(root, path, flags) : static_cast<int>(fd);
+}
+
 Read readWholeFile(int dirFd, const std::string& path, std::size_t cap, std::string* text,
                    std::string* error, bool anyKind) {
   text->clear();
-  // O_NONBLOCK: opening a FIFO that no one writes to must not wait.
-  const int fd = ::openat(dirFd, path.c_str(), O_RDONLY | O_CLOEXEC | (anyKind ? 0 : O_NONBLOCK));
-  if (fd < 0) {
-    if (errno == ENOENT) return Read::kAbsent;
-    *error = "cannot open: " + strerrorText(errno);
-    return Read::kFailed;
-  }
   struct stat st {};
-  if (!anyKind && (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode))) {
-    *error = std::string(kindOf(st.st_mode)) + ", not a regular file";
-    ::close(fd);
+  // A pipe is opened as it is, to wait for what it will be given.
+  const int fd =
+      anyKind ? openInRoot(dirFd, path, O_RDONLY) : openChecked(dirFd, path, S_IFREG, &st);
+  if (fd < 0) {
+    const bool other = st.st_mode != 0 && !S_ISREG(st.st_mode);  // found, of another kind
+    if (!other && errno == ENOENT) return Read::kAbsent;
+    *error = other ? std::string(kindOf(st.st_mode)) + ", not a regular file"
+                   : std::string("cannot open: ") + std::strerror(errno);
     return Read::kFailed;
   }
   // Straight into the text, sized by what the file says it holds (sysfs
@@ -56,24 +121,18 @@ Read readWholeFile(int dirFd, const std::string& path, std::size_t cap, std::str
     if (size == text->size()) text->resize(std::min(2 * size, cap + 1));
     const ssize_t n = ::read(fd, &(*text)[size], text->size() - size);
     if (n > 0) size += static_cast<std::size_t>(n);
-    if (size > cap) {
+    const bool failed = size > cap || (n < 0 && errno != EINTR);
+    if (size > cap)
       *error = cap >= (1u << 20) ? "larger than " + std::to_string(cap >> 20) + " MiB"
                                  : "larger than " + std::to_string(cap) + " bytes";
-      break;
-    }
-    if (n == 0 || (n > 0 && size == expected)) {
-      ::close(fd);
-      text->resize(size);
-      return Read::kOk;
-    }
-    if (n < 0 && errno != EINTR) {
-      *error = "cannot read: " + strerrorText(errno);
-      break;
-    }
+    else if (failed)
+      *error = std::string("cannot read: ") + std::strerror(errno);
+    else if (n < 0 || (n > 0 && size != expected))
+      continue;  // interrupted, or more to come
+    ::close(fd);
+    text->resize(failed ? 0 : size);
+    return failed ? Read::kFailed : Read::kOk;
   }
-  ::close(fd);
-  text->clear();
-  return Read::kFailed;
 }
 
 std::size_t capOf(const std::string& path) {
@@ -216,8 +275,13 @@ std::string jsonQuoted(std::string_view text) {
 
 SystemRoot::SystemRoot(const std::string& dir) : dir_(dir) {
   fd_ = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (fd_ < 0) openError_ = dir + ": " + strerrorText(errno);
+  if (fd_ < 0) openError_ = dir + ": " + std::strerror(errno);
 }
+
+SystemRoot::SystemRoot(const SystemRoot& parent, const std::string& path)
+    : dir_(parent.shown(path)),
+      base_(parent.base_ + path + "/"),
+      fd_(::fcntl(parent.fd_, F_DUPFD_CLOEXEC, 0)) {}
 
 SystemRoot::~SystemRoot() {
   if (fd_ >= 0) ::close(fd_);
@@ -234,16 +298,15 @@ Read SystemRoot::fail(const std::string& path, const std::string& why) {
 }
 
 bool SystemRoot::exists(const std::string& path) const {
-  struct stat st;
-  return fd_ >= 0 && ::fstatat(fd_, path.c_str(), &st, 0) == 0;
+  const int fd = openInRoot(fd_, base_ + path, O_PATH);
+  return fd >= 0 && ::close(fd) == 0;
 }
 
 Read SystemRoot::entries(const std::string& path, std::vector<std::string>* names) const {
   names->clear();
   if (fd_ < 0) return Read::kAbsent;
-  // O_NONBLOCK: a FIFO where a folder should be must not make the open wait.
-  const int fd = ::openat(fd_, path.empty() ? "." : path.c_str(),
-                          O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NONBLOCK);
+  struct stat st {};
+  const int fd = openChecked(fd_, base_ + path, S_IFDIR, &st);
   DIR* listing = fd < 0 ? nullptr : ::fdopendir(fd);
   if (listing == nullptr) {
     const int why = errno;
@@ -278,7 +341,7 @@ std::vector<unsigned> SystemRoot::processorFolders(const std::string& path) {
 Read SystemRoot::text(const std::string& path, std::string* out) {
   if (fd_ < 0) return Read::kAbsent;  // a folder that is not there holds nothing
   std::string why;
-  const Read r = readWholeFile(fd_, path, capOf(path), out, &why);
+  const Read r = readWholeFile(fd_, base_ + path, capOf(path), out, &why);
   if (r == Read::kFailed) return fail(path, why);
   while (!out->empty() && std::strchr(" \t\n\r", out->back()) != nullptr)
     out->pop_back();

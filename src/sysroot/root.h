@@ -1,10 +1,12 @@
 // The one reader of a system root: the live machine ("/"), a snapshot
-// directory, or a tree recorded for other topology tools. Every file is read
-// relative to the root's directory descriptor, opened without blocking and
-// taken only when it is a regular file no larger than its cap, so a FIFO, a
-// device or a runaway file among collected directories is named as broken
-// instead of hanging or exhausting the reader. Live /proc and /sys files are
-// regular files and read as usual.
+// directory, or a tree recorded for other topology tools. Every path is
+// resolved inside the root's directory, its links and ".." included, so a
+// tree collected from another machine is never read beyond. A file is
+// opened, without blocking, only once it is known to be a regular file, and
+// taken only when no larger than its cap, so a FIFO, a device or a runaway
+// file among collected directories is named as broken instead of hanging or
+// exhausting the reader. Live /proc and /sys files are regular files and
+// read as usual.
 #ifndef XRPROCDETECTOR_SRC_SYSROOT_ROOT_H
 #define XRPROCDETECTOR_SRC_SYSROOT_ROOT_H
 
@@ -37,11 +39,23 @@ std::size_t capOf(const std::string& path);
 // The kernel's own limit on processor numbers (NR_CPUS at its largest).
 constexpr unsigned kKernelMaxProcessors = 8192;
 
-// Reads `path` under the directory `dirFd` (AT_FDCWD: the path itself) into
-// *text. Only a regular file is read, unless `anyKind` (a saved text the
-// user names, which may be a pipe); never more than `cap` bytes. kAbsent
-// when there is no such file; kFailed with *error saying why otherwise
-// ("a FIFO, not a regular file", "larger than 65536 bytes", ...).
+// Opens `path` (not empty: "." is the root itself) under the directory
+// `root` with `flags` (and O_CLOEXEC), resolved inside it as openat2's
+// RESOLVE_IN_ROOT resolves: ".." stops at the root and an absolute path or
+// link target starts from it. Where openat2 is missing (ENOSYS, or EPERM
+// from a container's filter), or `componentwise`, the path is walked one
+// component at a time to the same effect, following at most 40 links (then
+// ELOOP). AT_FDCWD: the path as it is, a path the user named. -1 with errno
+// set when it cannot be opened.
+int openInRoot(int root, const std::string& path, int flags, bool componentwise = false);
+
+// Reads `path` under the directory `dirFd`, resolved inside it (openInRoot),
+// or with AT_FDCWD the path itself as the user named it, into *text. Only a
+// regular file is read, and opened only once it is known to be one, unless
+// `anyKind` (a saved text the user names, which may be a pipe); never more
+// than `cap` bytes. kAbsent when there is no such file; kFailed with *error
+// saying why otherwise ("a FIFO, not a regular file", "larger than 65536
+// bytes", ...).
 Read readWholeFile(int dirFd, const std::string& path, std::size_t cap, std::string* text,
                    std::string* error, bool anyKind = false);
 
@@ -73,12 +87,16 @@ std::string jsonQuoted(std::string_view text);
 class SystemRoot {
  public:
   explicit SystemRoot(const std::string& dir);
+  // The folder `path` of `parent`: its files are named as parent.shown(path)
+  // names them, and read as `path`'s under the parent's own root, so that a
+  // link in them is resolved inside the whole tree.
+  SystemRoot(const SystemRoot& parent, const std::string& path);
   ~SystemRoot();
   SystemRoot(const SystemRoot&) = delete;
   SystemRoot& operator=(const SystemRoot&) = delete;
 
   bool isOpen() const { return fd_ >= 0; }
-  int fd() const { return fd_; }
+  int fd() const { return fd_; }  // the whole tree's, for a sub-root too
   const std::string& openError() const { return openError_; }
   const std::string& dir() const { return dir_; }
   // `path` as a message names it: under the directory as given.
@@ -108,7 +126,8 @@ class SystemRoot {
 
  private:
   std::string dir_;
-  int fd_ = -1;
+  std::string base_ = "./";  // the folder under the root, ending in '/'
+  int fd_ = -1;              // the root's directory
   std::string openError_;
   std::string error_;
 };

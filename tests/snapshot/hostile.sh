@@ -25,9 +25,30 @@ bad() {
 topology='mkdir -p sys/devices/system/cpu && cd sys/devices/system/cpu'
 bad fifo "$topology && echo 0-1 >possible && mkfifo online" \
   "s/sys/devices/system/cpu/online: a FIFO, not a regular file"
-bad device-link "$topology && echo 0-1 >online && mkdir -p cpu0/topology &&
-  ln -s /dev/zero cpu0/topology/physical_package_id" \
-  "s/sys/devices/system/cpu/cpu0/topology/physical_package_id: a device, not a regular file"
+bad fifo-link "$topology && echo 0-1 >online && mkdir -p cpu0/topology && mkfifo ../../../../fifo &&
+  ln -s ../../../../../../fifo cpu0/topology/physical_package_id" \
+  "s/sys/devices/system/cpu/cpu0/topology/physical_package_id: a FIFO, not a regular file"
+# Reached through a link, a FIFO is refused without being opened: a writer
+# waiting for a reader still waits.
+sh -c 'exec 3>s/fifo' & writer=$!; sleep 1; "$tool" --snapshot s >/dev/null 2>&1; sleep 1
+kill $writer 2>/dev/null || { echo "fifo-link: the FIFO was opened"; failed=1; }
+
+# Nothing is read from outside the tree, through a link, a control group or
+# a mount point: not outside/cpu.max's quota, not outside/cpuinfo's cores.
+mkdir outside && echo 987654 1 >outside/cpu.max &&
+  printf 'processor\t: 0\nphysical id\t: 0\ncore id\t: 0\ncpu cores\t: 987654\n' >outside/cpuinfo
+inside() {
+  rm -rf s && mkdir -p s/proc/self s/sys/fs/cgroup s/sys/devices/system/cpu && (cd s &&
+    echo 0-3 >sys/devices/system/cpu/online && echo "0::${3:-/}" >proc/self/cgroup &&
+    echo "35 24 0:30 / ${4:-/sys/fs/cgroup} rw - cgroup2 cgroup2 rw" >proc/self/mountinfo &&
+    eval "$2") && timeout 20 "$tool" --all --snapshot s >out 2>&1
+  grep -q 987654 out || ! grep -q "^Counted from: s" out && { echo "$1: $(cat out)"; failed=1; }
+}
+inside cpuinfo-link "ln -s $work/outside/cpuinfo proc/cpuinfo"
+inside quota-link "ln -s $work/outside/cpu.max sys/fs/cgroup/cpu.max"
+inside cgroup-up : /../../../../outside
+inside mount-up : / /../outside
+inside mount-at-root : "$work/outside" /
 for list in 65535,0 1000,0 0,0,0,0 3-1 0-4294967295; do
   bad "list $list" "$topology && echo $list >online" "s/sys/devices/system/cpu/online line 1: "
 done

@@ -131,56 +131,6 @@ TEST(Detect, TheHostsSegvHandlerOutlivesADetectionOnASnapshot) {
   EXPECT_EQ(after.sa_handler, mine.sa_handler);
 }
 
-TEST(Snapshot, DirectoriesThatAreNoFinishedSnapshotAreRefused) {
-  const Scratch scratch;
-  const std::string dir = scratch.path.string();
-  // Each case: what the directory holds, and the end of the message.
-  const std::pair<std::vector<std::string>, std::string> cases[] = {
-      {{}, " holds none of proc/cpuinfo, sys/devices/system/cpu, cpuid/ and xrprocdetect.json"},
-      {{"proc/cpuinfo", ".xrprocdetect-saving/proc/cpuinfo"},
-       ": an unfinished save (it has no xrprocdetect.json); save the snapshot again"},
-      {{"proc/cpuinfo", "cpuid/pu01"},
-       "/cpuid/pu01: not a processor number in canonical form (no leading zero)"},
-      {{"proc/cpuinfo", "cpuid/pu10240"}, "/cpuid/pu10240: processor number above 1023"},
-      {{"proc/cpuinfo", "cpuid/pu99999999999"},
-       "/cpuid/pu99999999999: processor number above 1023"},
-  };
-  for (const auto& [files, message] : cases) {
-    fs::remove_all(scratch.path);
-    fs::create_directories(scratch.path);
-    for (const std::string& f : files)
-      scratch.write(f, f == "proc/cpuinfo" ? kTwoCores : "");
-    std::string error;
-    EXPECT_FALSE(Source::snapshot(dir, &error));
-    EXPECT_EQ(error.substr(error.size() - std::min(error.size(), message.size())), message)
-        << error;
-  }
-  // A dump's name that is not a dump at all is passed over.
-  fs::remove_all(scratch.path / "cpuid");
-  scratch.write("cpuid/pu0.txt", "");
-  EXPECT_TRUE(Source::snapshot(dir));
-}
-
-TEST(Snapshot, OnlyRegularFilesWithinTheirCapsAreRead) {
-  const Scratch scratch;
-  scratch.write("proc/cpuinfo", kTwoCores);
-  scratch.write("sys/devices/system/cpu/online", "0-1\n");
-  ASSERT_EQ(::mkfifo((scratch.path / "sys/devices/system/cpu/possible").c_str(), 0644), 0);
-  std::string error;
-  EXPECT_FALSE(Source::snapshot(scratch.path.string(), &error));
-  EXPECT_EQ(error, (scratch.path / "sys/devices/system/cpu/possible").string() +
-                       ": a FIFO, not a regular file");
-  // Through a link, whose absolute target is taken inside the tree.
-  fs::rename(scratch.path / "sys/devices/system/cpu/possible", scratch.path / "fifo");
-  fs::create_symlink("/fifo", scratch.path / "sys/devices/system/cpu/possible");
-  EXPECT_FALSE(Source::snapshot(scratch.path.string(), &error));
-  EXPECT_NE(error.find("possible: a FIFO, not a regular file"), std::string::npos) << error;
-  fs::remove(scratch.path / "sys/devices/system/cpu/possible");
-  scratch.write("cpuid/pu0", std::string((4u << 20) + 1, '#'));
-  EXPECT_FALSE(Source::snapshot(scratch.path.string(), &error));
-  EXPECT_EQ(error, (scratch.path / "cpuid/pu0").string() + ": larger than 4 MiB");
-}
-
 // A save that fails (the affinity cannot be read) while its directory is
 // renamed and a link put in its place, round after round, removes only what
 // it wrote: never the files the link leads to.
@@ -207,25 +157,6 @@ TEST(Snapshot, AFailedSaveNeverRemovesThroughALinkPutInPlaceOfItsDirectory) {
   swapper.join();
   for (const char* part : {"proc", "sys", "cpuid"})
     EXPECT_EQ(testsupport::readFile((scratch.path / "victim" / part / "file").string()), "mine");
-}
-
-TEST(Kernel, ABrokenListIsAnErrorAndNoCountIsTakenFromItsTree) {
-  const Scratch scratch;
-  scratch.write("proc/cpuinfo", kTwoCores);
-  scratch.write("xrprocdetect.json",
-                "{\"format\": \"xrprocdetect-snapshot\", \"version\": 1, \"configuredProcessors\": "
-                "2, \"onlineProcessors\": 2, \"affinity\": \"0-1\", \"vmwareBackdoor\": false}");
-  for (const char* list : {"65535,0", "1000,0", "0,0,0,0", "3-1", "0-4294967295"}) {
-    scratch.write("sys/devices/system/cpu/online", list);
-    const auto source = Source::snapshot(scratch.path.string());
-    ASSERT_TRUE(source) << list;
-    const KernelTopology k = kernelTopology(*source);
-    EXPECT_EQ(
-        k.error.rfind((scratch.path / "sys/devices/system/cpu/online").string() + " line 1: ", 0),
-        0u)
-        << list << ": " << k.error;
-    EXPECT_FALSE(k.logicalProcessors || k.packages || k.cores) << list;
-  }
 }
 
 TEST(Kernel, AnEmptyOnlineListCountsNothing) {
@@ -311,88 +242,6 @@ TEST(Kernel, ControlGroupsOutsideTheMountAreNotRead) {
                                             {{"sys/fs/cgroup/cpu.max", "50000 100000\n"}});
     EXPECT_EQ(k.cpuQuota, c.quota);
   }
-}
-
-// A limit is what the kernel could hold: anything else in its files is an
-// error naming the file, never a limit. A quota of more processors than may
-// be used leaves them as they are.
-TEST(Kernel, LimitsAreNumbersTheKernelCouldHold) {
-  const std::string v1 = "28 22 0:25 / /sys/fs/cgroup/cpu rw - cgroup cgroup rw,cpu\n";
-  const struct {
-    bool v1;
-    const char *quota, *period;
-    std::optional<double> cpuQuota;
-    int effective;  // 0: an error
-  } cases[] = {
-      {false, "150000", "100000", 1.5, 2},
-      {false, "max", "100000", std::nullopt, 4},
-      {false, "2147484000000", "1000", 2147484000.0, 4},
-      {false, "abc", "100000", {}, 0},
-      {false, "-1", "100000", {}, 0},
-      {false, "nan", "100000", {}, 0},
-      {false, "inf", "1", {}, 0},
-      {false, "999", "100000", {}, 0},
-      {false, "50000", "1000001", {}, 0},
-      {false, "50000", "", {}, 0},
-      {false, "17592186044416", "1000000", {}, 0},
-      {true, "-1", "100000", std::nullopt, 4},
-      {true, "2147484000000", "1000", 2147484000.0, 4},
-      {true, "0", "100000", {}, 0},
-      {true, "-2", "100000", {}, 0},
-      {true, "50000", "0", {}, 0},
-      {true, "1e5", "100000", {}, 0},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(std::string(c.quota) + " " + c.period);
-    const std::string dir = c.v1 ? "sys/fs/cgroup/cpu/" : "sys/fs/cgroup/";
-    const KernelTopology k =
-        c.v1 ? inControlGroup(
-                   "/", "4:cpu:/\n",
-                   {{dir + "cpu.cfs_quota_us", c.quota}, {dir + "cpu.cfs_period_us", c.period}}, v1)
-             : inControlGroup("/", "0::/\n",
-                              {{dir + "cpu.max", c.quota + (" " + std::string(c.period))}});
-    EXPECT_EQ(k.cpuQuota, c.cpuQuota);
-    EXPECT_EQ(k.effectiveProcessors.value_or(0), c.effective);
-    EXPECT_EQ(k.error.empty(), c.effective != 0) << k.error;
-    EXPECT_EQ(k.error.find(dir + "cpu.") != std::string::npos, c.effective == 0) << k.error;
-  }
-}
-
-// Counts, frequencies and processor numbers out of their range are errors
-// that say which range, not answers.
-TEST(Kernel, NumbersOutOfRangeAreErrors) {
-  const Scratch scratch;
-  scratch.write("xrprocdetect.json",
-                "{\"format\": \"xrprocdetect-snapshot\", \"version\": 1, "
-                "\"configuredProcessors\": -5}");
-  std::string error;
-  EXPECT_FALSE(Source::snapshot(scratch.path.string(), &error));
-  EXPECT_NE(error.find("configuredProcessors -5 is not a processor count from 1 to 8192"),
-            std::string::npos)
-      << error;
-  fs::remove(scratch.path / "xrprocdetect.json");
-  const std::string cpu = "sys/devices/system/cpu/";
-  scratch.write(cpu + "online", "0-1");
-  for (const char* c : {"0", "1"}) {
-    scratch.write(cpu + "cpu" + c + "/topology/core_cpus_list", c);
-    scratch.write(cpu + "cpu" + c + "/topology/physical_package_id", "0");
-  }
-  scratch.write(cpu + "cpu1/cpufreq/base_frequency", "2000000");
-  for (const char* frequency : {"-9223372036854775808", "0"}) {
-    scratch.write(cpu + "cpu0/cpufreq/base_frequency", frequency);
-    const KernelTopology k = kernelTopology(*Source::snapshot(scratch.path.string()));
-    EXPECT_NE(k.error.find("cpu0/cpufreq/base_frequency line 1: not a whole number from 1 up"),
-              std::string::npos)
-        << k.error;
-  }
-  fs::remove_all(scratch.path / cpu);
-  fs::create_directories(scratch.path / cpu / "cpu0");
-  fs::create_directories(scratch.path / cpu / "cpu8192");
-  const KernelTopology k = kernelTopology(*Source::snapshot(scratch.path.string()));
-  EXPECT_NE(k.error.find("cpu8192: processor number above 8191, the kernel's limit"),
-            std::string::npos)
-      << k.error;
-  EXPECT_FALSE(k.logicalProcessors);
 }
 
 TEST(Kernel, CompareNamesWhatAgreesAndWhatCannotBeCompared) {

@@ -73,5 +73,6 @@ got=$("$tool" --save full 2>&1)
   [ -z "$(ls -A full | grep -v mine)" ] || { echo "--save into a full directory: $got"; failed=1; }
 mkdir empty && ln -s empty link
 got=$("$tool" --save link 2>&1)
-[ $? = 2 ] && [ -z "$(ls -A empty)" ] || { echo "--save through a link: $got"; failed=1; }
+[ $? = 2 ] && [ -z "$(ls -A empty)" ] && echo "$got" | grep -q "symbolic link" ||
+  { echo "--save through a link: $got"; failed=1; }
 exit $failed

@@ -55,10 +55,31 @@ done
 bad unfinished 'mkdir .xrprocdetect-saving' "cannot read the snapshot: s: an unfinished save"
 bad pu01 'cp cpuid/pu0 cpuid/pu01' \
   "cannot read the snapshot: s/cpuid/pu01: not a processor number in canonical form"
-bad pu10240 'cp cpuid/pu0 cpuid/pu10240' \
-  "cannot read the snapshot: s/cpuid/pu10240: processor number above 1023"
 bad pu99999999999 'cp cpuid/pu0 cpuid/pu99999999999' \
   "cannot read the snapshot: s/cpuid/pu99999999999: processor number above 1023"
+
+# Numbers out of their range are errors that say which range, never answers:
+# a count, a frequency, a processor folder, and limits the kernel could not
+# hold (the good ones are in the kernel rows' fixtures).
+bad count "sed -i 's/\"configuredProcessors\": 2/\"configuredProcessors\": -5/' xrprocdetect.json" \
+  "cannot read the snapshot: s/xrprocdetect.json line 4: configuredProcessors -5 is not a processor count from 1 to 8192"
+bad frequency "$topology && echo 0-1 >online && for c in 0 1; do mkdir -p cpu\$c/topology cpu\$c/cpufreq &&
+  echo \$c >cpu\$c/topology/core_cpus_list; done && echo 2000000 >cpu1/cpufreq/base_frequency &&
+  echo -9223372036854775808 >cpu0/cpufreq/base_frequency" \
+  "s/sys/devices/system/cpu/cpu0/cpufreq/base_frequency line 1: not a whole number from 1 up"
+bad cpu8192 "$topology && mkdir cpu0 cpu8192" \
+  "s/sys/devices/system/cpu/cpu8192: processor number above 8191, the kernel's limit"
+cgroup="mkdir -p proc/self sys/fs/cgroup/cpu && $topology && echo 0-1 >online && cd - >/dev/null &&
+  printf '0::/\n4:cpu:/\n' >proc/self/cgroup && printf '%s\n' '1 0 0:1 / /sys/fs/cgroup rw - cgroup2 c rw' \
+  '2 0 0:2 / /sys/fs/cgroup/cpu rw - cgroup c rw,cpu' >proc/self/mountinfo"
+for max in "abc 100000" "-1 100000" "nan 100000" "inf 1" "999 100000" "1000 1000001" 50000 \
+  "17592186044416 1000000" "1000 1000 1"; do
+  bad "cpu.max $max" "$cgroup && echo $max >sys/fs/cgroup/cpu.max" "s/sys/fs/cgroup/cpu.max line 1: not "
+done
+for v1 in "0 100000" "-2 100000" "1e5 100000" "50000 0" "50000 1000001"; do
+  bad "v1 $v1" "$cgroup && cd sys/fs/cgroup/cpu && echo ${v1% *} >cpu.cfs_quota_us &&
+    echo ${v1#* } >cpu.cfs_period_us" "s/sys/fs/cgroup/cpu/cpu.cfs_.*_us line 1: not "
+done
 bad too-big 'head -c 4194305 /dev/zero | tr "\0" "#" >cpuid/pu1' \
   "cannot read the snapshot: s/cpuid/pu1: larger than 4 MiB"
 bad not-a-snapshot 'rm -rf ./* && mkdir other' "cannot read the snapshot: not a snapshot: s holds none"
@@ -67,9 +88,4 @@ bad not-a-snapshot 'rm -rf ./* && mkdir other' "cannot read the snapshot: not a 
 timeout 20 "$tool" --snapshot /proc >/dev/null 2>err
 [ $? = 2 ] && grep -q "not a snapshot: /proc" err || { echo "--snapshot /proc: $(cat err)"; failed=1; }
 
-# A link given to --save is refused as a link, and its target left empty.
-mkdir empty && ln -s empty link
-got=$("$tool" --save link 2>&1)
-[ $? = 2 ] && [ -z "$(ls -A empty)" ] && echo "$got" | grep -q "symbolic link" ||
-  { echo "--save through a link: $got"; failed=1; }
 exit $failed

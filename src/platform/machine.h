@@ -52,7 +52,8 @@ int querySetAffinity(const cpu_set_t* set);
 // The VMware probe under its fault guard: a SIGSEGV handler for the span of
 // one port access, left by a non-local jump, with SIGSEGV unblocked in the
 // calling thread for that access alone; then SIGSEGV's disposition is set to
-// the default, whatever it was. Faults that are not the probe's (of other
+// the default, whatever it was (under a SignalState, which gives the one
+// before back, to that one at once). Faults that are not the probe's (of other
 // threads, or outside the access) go to the action in place before. After
 // a fault, SIGSEGV stays blocked in the calling thread. One probe at a time
 // in the process, under the probe lock. True when the port answered with

@@ -147,9 +147,14 @@ struct Detection {
 /// its result fields. Live, it reads the processor counts and
 /// /proc/cpuinfo, and the default detector may pin the calling thread to
 /// each processor in turn and probe the VMware port (which faults outside
-/// VMware, under a guard). The thread's affinity, signal mask and SIGSEGV
-/// disposition are given back before it returns; live runs of the default
-/// detector take one process-wide lock, as its fault guard is process-wide.
+/// VMware, under a guard). The guard lasts one port access: for that span a
+/// process-wide SIGSEGV handler is in place and SIGSEGV is unblocked on the
+/// calling thread; a fault of another thread in that span is passed on to
+/// the handler in place before (with its flags and mask), or takes the
+/// default action when there was none. The thread's affinity, signal mask
+/// and SIGSEGV disposition are given back before it returns. Runs of the
+/// default detector, saveSnapshot() and every other VMware probe take one
+/// process-wide lock, as the fault guard is process-wide.
 /// A live /proc/cpuinfo that cannot be read is an error, never a wait. Costs
 /// one scan of /proc/cpuinfo (a few milliseconds of the kernel's time on a
 /// large machine) and, for the CPUID estimate, a pinning per processor.
@@ -225,9 +230,12 @@ XRPROCDETECTOR_API Agreement compare(const Detection& detection,
 /// empty directory (never a symbolic link): /proc/cpuinfo, the kernel's
 /// processor files, each processor's CPUID answers and the counts no file
 /// holds. Pins the calling thread to each processor of its affinity in turn
-/// and probes the VMware port, then gives back the affinity, signal mask and
-/// SIGSEGV disposition. False with *error saying why when it fails; nothing
-/// it wrote is left behind.
+/// and probes the VMware port under the guard and the lock that detect()
+/// describes (a SIGSEGV handler and SIGSEGV unblocked on the calling thread
+/// for one port access; other threads' faults passed on to the handler in
+/// place before), then gives back the affinity, signal mask and SIGSEGV
+/// disposition. False with *error saying why when it fails; nothing it
+/// wrote is left behind.
 XRPROCDETECTOR_API bool saveSnapshot(const std::string& dir, std::string* error = nullptr) noexcept;
 
 /// `text` as a JSON string literal, quotes included: `"` and `\` escaped,

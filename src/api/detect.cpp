@@ -9,7 +9,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
-#include <mutex>
 #include <new>
 
 #include <xrprocdetector/xrprocdetector_legacy_53.h>
@@ -209,11 +208,15 @@ void run(Generation g, const SourceData& source, const DetectOptions& options, D
   }
 }
 
-// The calling thread's affinity, signal mask and SIGSEGV disposition, given
+// The calling thread's affinity, and for a detector that probes the VMware
+// port its signal mask and SIGSEGV disposition under the probe lock, given
 // back when the scope ends.
 class ThreadState {
  public:
-  ThreadState() { haveAffinity_ = sched_getaffinity(0, sizeof affinity_, &affinity_) == 0; }
+  explicit ThreadState(bool probes) {
+    if (probes) signals_.emplace();
+    haveAffinity_ = sched_getaffinity(0, sizeof affinity_, &affinity_) == 0;
+  }
   ~ThreadState() {
     if (haveAffinity_) sched_setaffinity(0, sizeof affinity_, &affinity_);
   }
@@ -221,14 +224,10 @@ class ThreadState {
   ThreadState& operator=(const ThreadState&) = delete;
 
  private:
-  detail::SignalState signals_;
+  std::optional<detail::SignalState> signals_;
   cpu_set_t affinity_;
   bool haveAffinity_;
 };
-
-// The default detector's fault guard has one jump buffer and one SIGSEGV
-// disposition for the process.
-std::mutex probeLock;
 
 void runOn(Generation g, const SourceData& source, const DetectOptions& options, Detection& d) {
   switch (source.kind) {
@@ -239,18 +238,15 @@ void runOn(Generation g, const SourceData& source, const DetectOptions& options,
     case Source::Kind::kSnapshot: {
       // The default detector's VMware probe sets the process's SIGSEGV
       // disposition, replayed or not: one at a time, and given back.
-      std::unique_lock<std::mutex> lock(probeLock, std::defer_lock);
       std::optional<detail::SignalState> signals;
-      if (g == Generation::kDefault) lock.lock(), signals.emplace();
+      if (g == Generation::kDefault) signals.emplace();
       const XrSnapshotReplay replay(source.snapshot);
       return run(g, source, options, d);
     }
     case Source::Kind::kLive:
       break;
   }
-  std::unique_lock<std::mutex> lock(probeLock, std::defer_lock);
-  if (g == Generation::kDefault) lock.lock();
-  const ThreadState thread;
+  const ThreadState thread(g == Generation::kDefault);
   run(g, source, options, d);
 }
 

@@ -10,6 +10,7 @@
 #include <signal.h>
 
 #include <cstdint>
+#include <mutex>
 
 #include "platform/hardware.h"
 
@@ -49,13 +50,20 @@ int queryGetAffinity(cpu_set_t* set);  // sched_getaffinity(0, 128, set)
 int querySetAffinity(const cpu_set_t* set);
 
 // The VMware probe under its fault guard: a SIGSEGV handler for the span of
-// one port access, left by a non-local jump; then SIGSEGV's disposition is
-// set to the default, whatever it was. After a fault, SIGSEGV stays blocked
-// in the calling thread. True when the port answered with the magic.
+// one port access, left by a non-local jump, with SIGSEGV unblocked in the
+// calling thread for that access alone; then SIGSEGV's disposition is set to
+// the default, whatever it was (under a SignalState, which gives the one
+// before back, to that one at once). Faults that are not the probe's (of other
+// threads, or outside the access) go to the action in place before. After
+// a fault, SIGSEGV stays blocked in the calling thread. One probe at a time
+// in the process, under the probe lock. True when the port answered with
+// the magic.
 bool guardedVmwareProbe();
 
 // What guardedVmwareProbe changes, kept so that it can be given back: the
-// SIGSEGV disposition and the thread's signal mask.
+// SIGSEGV disposition and the thread's signal mask. It holds the probe lock
+// (recursive) while it lives, so that no other thread's probe runs between
+// the keeping and the giving back.
 class SignalState {
  public:
   SignalState();
@@ -64,6 +72,7 @@ class SignalState {
   SignalState& operator=(const SignalState&) = delete;
 
  private:
+  std::lock_guard<std::recursive_mutex> lock_;
   struct sigaction segv_;
   sigset_t mask_;
 };

@@ -3,9 +3,12 @@
 // Valgrind's memcheck, where it must lose nothing), and a small stack.
 #include <malloc.h>
 #include <sched.h>
+#include <setjmp.h>
+#include <sys/mman.h>
 #include <sys/mount.h>
 #include <sys/wait.h>
 
+#include <atomic>
 #include <optional>
 #include <thread>
 
@@ -156,4 +159,50 @@ TEST(Reliability, RepeatedLiveDetectionGivesTheThreadBackAfterAFaultedProbe) {
   if (WEXITSTATUS(status) == 77) GTEST_SKIP() << "no private mount namespace here";
   EXPECT_EQ(WEXITSTATUS(status), 0) << "3: a fault reached the host's handler; 4: not the CPUID "
                                        "strategy; 5: the handler or the mask not given back";
+}
+
+// Another thread that blocks every signal saves this machine 100 times,
+// each save probing the VMware port; meanwhile this thread runs the default
+// detector and the probe (whose fault leaves SIGSEGV blocked here too), and
+// then, as a host that handles its own faults (as runtimes with implicit
+// null checks do), faults again and again. The probes run one at a time,
+// take their own faults though the signal is blocked, find no VMware, and
+// leave every other fault to the host's handler.
+static sigjmp_buf hostRecovery;
+static int hostFaults, hostHandled;
+
+TEST(Reliability, SavesBesideProbesAndBesideAHostThatHandlesItsOwnFaults) {
+  auto* const page = static_cast<volatile char*>(
+      mmap(nullptr, 4096, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+  struct sigaction host {};
+  host.sa_sigaction = [](int, siginfo_t*, void*) { ++hostHandled, siglongjmp(hostRecovery, 1); };
+  host.sa_flags = SA_SIGINFO;
+  for (const bool hostFaulting : {false, true}) {
+    SCOPED_TRACE(hostFaulting ? "beside a host's faults" : "beside probes");
+    if (hostFaulting) testsupport::unblockSegv(), sigaction(SIGSEGV, &host, nullptr);
+    std::atomic<int> round{0}, wrong{0};  // saves or probes that failed or found VMware
+    std::thread saver([&round, &wrong] {
+      sigset_t all;
+      sigfillset(&all);
+      pthread_sigmask(SIG_BLOCK, &all, nullptr);
+      for (; round < 100; ++round) {
+        const std::string dir = testing::TempDir() + "saved-" + std::to_string(getpid());
+        wrong += !xrprocdetector::saveSnapshot(dir) ||
+                 testsupport::readFile(dir + "/xrprocdetect.json").find("kdoor\": false") ==
+                     std::string::npos;
+        std::filesystem::remove_all(dir);
+      }
+    });
+    while (round < 100) {
+      if (hostFaulting && sigsetjmp(hostRecovery, 1) == 0) ++hostFaults, (void)*page;
+      if (!hostFaulting)
+        wrong += !xrprocdetector::detect(xrprocdetector::Generation::kDefault).counted +
+                 XrProcDetectorLinux32(tzDebugNone, 0, nullptr, nullptr).IsInsideVMware();
+    }
+    saver.join();
+    EXPECT_EQ(wrong, 0);
+  }
+  signal(SIGSEGV, SIG_DFL);
+  EXPECT_EQ(hostHandled, hostFaults);
+  EXPECT_GT(hostFaults, 1000);
 }

@@ -68,7 +68,6 @@ void roundTrip(const Answers& answers) {
   std::filesystem::remove_all(dir);
   std::string error;
   ASSERT_TRUE(xrSaveSnapshot(dir.string(), "test", &error)) << error;
-  testsupport::unblockSegv();  // the probe's fault left SIGSEGV blocked
   XrMachineSnapshot snapshot;
   ASSERT_TRUE(xrLoadSnapshot(dir.string(), &snapshot, &error)) << error;
   std::filesystem::remove_all(dir);
@@ -112,11 +111,6 @@ TEST(Snapshot, ALargeDumpIsReadInLinearTime) {
   ASSERT_TRUE(dt::parseCpuidDump("1 4 0 0 0 => 1 2 3 4\n5 4 0 0 0 => 5 6 7 8\n", &lines, &error))
       << error;
   EXPECT_EQ(dt::dumpAnswer(lines, 4, 0).eax, 1u);  // the first line that matches
-  EXPECT_TRUE(dt::parseCpuidDump(dump, &lines, &error)) << error;
-  dump += "5 4 0 0 0 => 1c004121 1c0003f 3f 1\n";
-  EXPECT_FALSE(dt::parseCpuidDump(dump, &lines, &error));
-  EXPECT_EQ(error, "line " + std::to_string(lines.size() + 1) +
-                       ": a second, different answer to the query of line 1");
 }
 
 // A processor without a dump, and a leaf that a dump lacks, answer zeros in

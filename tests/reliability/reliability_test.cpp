@@ -123,7 +123,7 @@ TEST(Reliability, RepeatedLiveDetectionGivesTheThreadBackAfterAFaultedProbe) {
                                        "strategy; 5: the handler or the mask not given back";
 }
 
-// Another thread that blocks every signal saves this machine 100 times,
+// Another thread that blocks every signal saves this machine 200 times,
 // each save probing the VMware port; meanwhile this thread runs the default
 // detector on a VMware guest's snapshot, whose replay is this thread's
 // alone, and the probe (whose fault leaves SIGSEGV blocked here too), and
@@ -149,7 +149,7 @@ TEST(Reliability, SavesBesideProbesAndBesideAHostThatHandlesItsOwnFaults) {
       sigset_t all;
       sigfillset(&all);
       pthread_sigmask(SIG_BLOCK, &all, nullptr);
-      for (; round < 100; ++round) {
+      for (; round < 200; ++round) {
         const std::string dir = testing::TempDir() + "saved-" + std::to_string(getpid());
         wrong += !xrprocdetector::saveSnapshot(dir) ||
                  testsupport::readFile(dir + "/xrprocdetect.json").find("kdoor\": false") ==
@@ -157,7 +157,7 @@ TEST(Reliability, SavesBesideProbesAndBesideAHostThatHandlesItsOwnFaults) {
         std::filesystem::remove_all(dir);
       }
     });
-    while (round < 100) {
+    while (round < 200) {
       if (hostFaulting && sigsetjmp(hostRecovery, 1) == 0) ++hostFaults, (void)*page;
       if (!hostFaulting)
         wrong += (xrprocdetector::detect(xrprocdetector::Generation::kDefault, vmware).vm !=

@@ -61,10 +61,9 @@ stage "metadata" $((3 + entries - 1))
 # A save refused for permissions (a user's whose umask leaves the directory
 # it makes unreadable) removes that directory; where that user may run the
 # tool (a build tree in a private folder is not theirs to run).
-if runuser -u nobody -- "$tool" --version >/dev/null 2>&1; then
-  runuser -u nobody -- sh -c 'umask 777 && exec "$0" --save "$1"' "$tool" "$mnt/s" 2>"$mnt.err"
-  refused "refused for permissions" $? "cannot open $mnt/s: Permission denied$"
-fi
+runuser -u nobody -- "$tool" --version >/dev/null 2>&1 && { runuser -u nobody -- sh -c \
+  'umask 777 && exec "$0" --save "$1"' "$tool" "$mnt/s" 2>"$mnt.err"
+refused "refused for permissions" $? "cannot open $mnt/s: Permission denied$"; }
 
 # A kernel list the save cannot read (a file over its size cap bound over
 # the online list, in a mount namespace of its own) fails the save at once,

@@ -63,7 +63,7 @@ TEST(WordReader, ReadsAsStreamExtractionDoes) {
       // first two letters there.
       {"core among the last bytes", "x core id", "\1\1"},
       {"cpu among the last bytes", "x cpu cores", "\1\1\1"},
-      {"physical among the last bytes", "x physical", "\1\1"},
+      {"physical among the last bytes", "x physical id", "\1\1"},
       {"mixed words", mixedWords(4096), "\1\2\0\1\1\0\2"},
   };
   for (const auto& c : cases) {

@@ -45,14 +45,11 @@ TEST(RealMachine, TheCallersOwnAffinityIsReadAndGivenBack) {
   ASSERT_EQ(sched_setaffinity(0, sizeof one, &one), 0);
   using namespace xrprocdetector;
   EXPECT_EQ(kernelTopology().usableProcessors, 1);
-  char dir[] = "/tmp/xrprocdetector-affinity-XXXXXX";
-  ASSERT_NE(mkdtemp(dir), nullptr);
-  const std::string saved = std::string(dir) + "/s";
-  std::string error;
-  EXPECT_TRUE(saveSnapshot(saved, &error)) << error;
+  const std::string saved = testing::TempDir() + "affinity-" + std::to_string(getpid());
+  EXPECT_TRUE(saveSnapshot(saved));
   const auto snapshot = Source::snapshot(saved);
   EXPECT_EQ(snapshot ? kernelTopology(*snapshot).usableProcessors : 0, 1);
-  std::filesystem::remove_all(dir);
+  std::filesystem::remove_all(saved);
   detect(Generation::kDefault);
   XrProcDetectorLinux32(tzDebugNone, 0, nullptr, nullptr).getCPUIDProcData();
   testsupport::unblockSegv();

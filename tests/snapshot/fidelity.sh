@@ -44,6 +44,11 @@ for leaf in 4 b; do
   [ $((0x$max)) -lt $((0x$leaf)) ] || grep -q "^5 $leaf 0 0 0 => " "$dump" ||
     { echo "$dump lacks the sub-leaves of leaf $leaf"; exit 1; }
 done
+# Each dump was taken on its own processor: no two share an initial APIC id
+# (leaf 1's EBX, bits 24 to 31).
+dup=$(for d in "$work"/snap/cpuid/pu*; do
+  echo $((0x$(awk '$1 == 1 && $2 == 1 { print $8 }' "$d") >> 24)); done | sort | uniq -d)
+[ -z "$dup" ] || { echo "two dumps share the APIC id $dup"; exit 1; }
 failed=0
 "$tool" --all -d2 --summary --snapshot "$work/snap" >/dev/null 2>"$work/replay.err"
 cmp "$work/live.err" "$work/replay.err" ||

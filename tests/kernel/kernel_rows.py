@@ -38,8 +38,7 @@ for text in open(os.path.join(os.path.dirname(rows_file), "usable.txt"), encodin
                         "coreKinds": kinds}
 missing = [e[0] for e in expected if e[0] not in USABLE]
 if missing:
-    print("usable.txt lacks", *missing)
-    sys.exit(1)
+    sys.exit("usable.txt lacks " + " ".join(missing))
 
 done = subprocess.run([tool, "--all", "-J", "--snapshot"] + [e[0] for e in expected],
                       cwd=sysroots, capture_output=True, text=True, check=False)

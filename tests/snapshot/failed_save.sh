@@ -20,10 +20,12 @@ cleanup() {
 trap cleanup EXIT
 failed=0
 
-# save INODES: --save into a fresh tmpfs of that many inodes; its exit status
+# save INODES [keep]: --save into a fresh tmpfs of that many inodes, into a
+# directory made beforehand with "keep"; its exit status
 save() {
   umount "$mnt" 2>/dev/null
   mount -t tmpfs -o "size=16m,nr_inodes=$1" none "$mnt" || exit 77
+  [ -z "${2:-}" ] || mkdir "$mnt/s"
   "$tool" --save "$mnt/s" >/dev/null 2>"$mnt.err"
 }
 
@@ -35,13 +37,14 @@ entries=$(find "$mnt/s" -mindepth 1 | wc -l)
 dumps=$(find "$mnt/s/cpuid" -name 'pu*' | wc -l)
 [ -e "$mnt/s/.xrprocdetect-saving" ] && { echo "the working folder stayed"; failed=1; }
 
-# refused NAME STATUS PATTERN: a save that exited with STATUS must have
-# failed, left the tmpfs as it was found, and said PATTERN.
+# refused NAME STATUS PATTERN [FOUND]: a save that exited with STATUS must
+# have failed, left the tmpfs as it was found (FOUND, "./s" for a directory
+# made beforehand, which stays), and said PATTERN.
 refused() {
   if [ "$2" = 0 ]; then
     echo "$1: the save succeeded"
     failed=1
-  elif [ -n "$(ls -A "$mnt")" ]; then
+  elif [ "$(cd "$mnt" && find . -mindepth 1)" != "${4:-}" ]; then
     echo "$1: left behind: $(cd "$mnt" && find . | head -n 5 | tr '\n' ' ')"
     failed=1
   elif ! grep -q "$3" "$mnt.err"; then
@@ -50,13 +53,13 @@ refused() {
   fi
 }
 
-# stage NAME INODES: a save cut off there
+# stage NAME INODES [keep]: a save cut off there
 stage() {
-  save "$2"
-  refused "$1" $? "^xrprocdetect: cannot save the snapshot: cannot create $mnt/s/"
+  save "$2" "${3:-}"
+  refused "$1" $? "^xrprocdetect: cannot save the snapshot: cannot create $mnt/s/" "${3:+./s}"
 }
 stage "kernel files" 8
-stage "CPUID dumps" $((3 + entries - 1 - dumps))
+stage "CPUID dumps" $((3 + entries - 1 - dumps)) keep
 stage "metadata" $((3 + entries - 1))
 # A save refused for permissions (a user's whose umask leaves the directory
 # it makes unreadable) removes that directory; where that user may run the

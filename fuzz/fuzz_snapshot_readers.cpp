@@ -17,7 +17,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const std::string_view text(reinterpret_cast<const char*>(data), size);
   std::string error;
 
-  std::vector<XrCpuidLine> lines;
+  dt::CpuidDump lines;
   if (dt::parseCpuidDump(text, &lines, &error)) {
     dt::dumpAnswer(lines, 0, 0);
     dt::dumpAnswer(lines, 0xb, 1);
@@ -26,22 +26,22 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   }
 
   std::vector<unsigned> processors;
-  if (dt::parseProcessorList(text, kSnapshotMaxProcessors, &processors, &error)) {
+  if (dt::parseProcessorList(text, dt::kKernelMaxProcessors, &processors, &error)) {
     for (std::size_t i = 0; i < processors.size(); ++i) {
-      if (processors[i] >= kSnapshotMaxProcessors || (i > 0 && processors[i] <= processors[i - 1]))
+      if (processors[i] >= dt::kKernelMaxProcessors || (i > 0 && processors[i] <= processors[i - 1]))
         std::abort();
     }
     std::vector<unsigned> again;
-    if (!dt::parseProcessorList(dt::formatProcessorList(processors), kSnapshotMaxProcessors, &again,
+    if (!dt::parseProcessorList(dt::formatProcessorList(processors), dt::kKernelMaxProcessors, &again,
                                 &error) ||
         again != processors)
       std::abort();
   }
 
   // A CPU mask's processors come out in order and within the limit.
-  if (dt::parseCpuMask(text, kSnapshotMaxProcessors, &processors, &error)) {
+  if (dt::parseCpuMask(text, dt::kKernelMaxProcessors, &processors, &error)) {
     for (std::size_t i = 0; i < processors.size(); ++i) {
-      if (processors[i] >= kSnapshotMaxProcessors || (i > 0 && processors[i] <= processors[i - 1]))
+      if (processors[i] >= dt::kKernelMaxProcessors || (i > 0 && processors[i] <= processors[i - 1]))
         std::abort();
     }
   }
@@ -49,7 +49,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   dt::SnapshotMetadata metadata;
   if (dt::parseMetadata(text, &metadata, &error)) {
     for (const unsigned p : metadata.affinity) {
-      if (p >= kSnapshotMaxProcessors) std::abort();
+      if (p >= dt::kKernelMaxProcessors) std::abort();
     }
   }
   return 0;

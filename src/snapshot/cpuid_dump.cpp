@@ -45,7 +45,7 @@ bool isSpace(char c) {
 
 // What identifies a query: the mask and the inputs it keeps. Two lines with
 // the same key ask the same question.
-std::string queryKey(const XrCpuidLine& l) {
+std::string queryKey(const CpuidLine& l) {
   std::string key(1, static_cast<char>(l.mask));
   for (int r = 0; r < 4; ++r) {
     const std::uint32_t v = (l.mask >> r & 1) != 0 ? l.in[r] : 0;
@@ -56,7 +56,7 @@ std::string queryKey(const XrCpuidLine& l) {
 
 }  // namespace
 
-bool parseCpuidDump(std::string_view text, std::vector<XrCpuidLine>* lines, std::string* error) {
+bool parseCpuidDump(std::string_view text, CpuidDump* lines, std::string* error) {
   lines->clear();
   // Each query's first line, by its key: one look-up a line.
   std::unordered_map<std::string, std::pair<std::size_t, int>> firstOf;
@@ -85,7 +85,7 @@ bool parseCpuidDump(std::string_view text, std::vector<XrCpuidLine>* lines, std:
       *error = atLine(number, "expected \"mask eax ebx ecx edx => eax ebx ecx edx\"");
       return false;
     }
-    XrCpuidLine l{};
+    CpuidLine l{};
     bool ok = hexWord(words[0], &l.mask);
     for (int r = 0; r < 4; ++r) {
       ok = ok && hexWord(words[1 + r], &l.in[r]) && hexWord(words[6 + r], &l.out[r]);
@@ -100,7 +100,7 @@ bool parseCpuidDump(std::string_view text, std::vector<XrCpuidLine>* lines, std:
     }
     const auto first = firstOf.emplace(queryKey(l), std::make_pair(lines->size(), number));
     if (!first.second) {
-      const XrCpuidLine& seen = (*lines)[first.first->second.first];
+      const CpuidLine& seen = (*lines)[first.first->second.first];
       if (std::memcmp(seen.out, l.out, sizeof l.out) != 0) {
         *error = atLine(number, "a second, different answer to the query of line " +
                                     std::to_string(first.first->second.second));
@@ -110,19 +110,6 @@ bool parseCpuidDump(std::string_view text, std::vector<XrCpuidLine>* lines, std:
     lines->push_back(l);
   }
   return true;
-}
-
-CpuidRegisters dumpAnswer(const std::vector<XrCpuidLine>& lines, std::uint32_t leaf,
-                          std::uint32_t subleaf) {
-  const std::uint32_t query[4] = {leaf, 0, subleaf, 0};
-  for (const XrCpuidLine& l : lines) {
-    bool match = true;
-    for (int r = 0; r < 4; ++r) {
-      if ((l.mask >> r & 1) != 0 && l.in[r] != query[r]) match = false;
-    }
-    if (match) return {l.out[0], l.out[1], l.out[2], l.out[3]};
-  }
-  return {0, 0, 0, 0};
 }
 
 }  // namespace detail

@@ -8,19 +8,18 @@
 #include <new>
 
 #include "snapshot/snapshot_io.h"
-#include "sysroot/root.h"
 
-namespace dt = xrprocdetector::detail;
-using dt::Read;
+namespace xrprocdetector {
+namespace detail {
 
 namespace {
 
 // Reads `path` under the root into *text. kFailed sets *error, naming the
 // file.
-Read readPart(const dt::SystemRoot& root, const std::string& path, std::size_t cap,
-              std::string* text, std::string* error) {
+Read readPart(TreeMachine& root, const std::string& path, std::size_t cap, std::string* text,
+              std::string* error) {
   std::string why;
-  const Read r = dt::readWholeFile(root.fd(), path, cap, text, &why);
+  const Read r = root.file(path, cap, text, &why);
   if (r == Read::kFailed) *error = root.shown(path) + ": " + why;
   return r;
 }
@@ -28,7 +27,7 @@ Read readPart(const dt::SystemRoot& root, const std::string& path, std::size_t c
 // cpuid/puN (or the folder's own puN, for a CPUID folder given alone). Any
 // other name ("pu0.txt", "info") is no dump; a dump whose number is not in
 // canonical form or above the limit is refused.
-bool loadDumps(const dt::SystemRoot& root, const std::string& folder, XrMachineSnapshot* s,
+bool loadDumps(TreeMachine& root, const std::string& folder, SavedMachine* s,
                std::string* error) {
   std::vector<std::string> names;
   const Read listed = root.entries(folder, &names);
@@ -39,7 +38,7 @@ bool loadDumps(const dt::SystemRoot& root, const std::string& folder, XrMachineS
   for (const std::string& name : names) {
     unsigned n = 0;
     std::string problem;
-    if (!dt::numberedName(name, "pu", kSnapshotMaxProcessors, &n, &problem)) continue;
+    if (!numberedName(name, "pu", kKernelMaxProcessors, &n, &problem)) continue;
     if (!problem.empty()) return *error = root.shown(prefix + name) + ": " + problem, false;
     processors.push_back(n);
   }
@@ -47,10 +46,10 @@ bool loadDumps(const dt::SystemRoot& root, const std::string& folder, XrMachineS
   std::string text;
   for (const unsigned n : processors) {
     const std::string file = prefix + "pu" + std::to_string(n);
-    const Read r = readPart(root, file, dt::kCpuidDumpCap, &text, error);
+    const Read r = readPart(root, file, kCpuidDumpCap, &text, error);
     if (r == Read::kAbsent) *error = root.shown(file) + ": vanished while the snapshot was read";
     if (r != Read::kOk) return false;
-    if (!dt::parseCpuidDump(text, &s->cpuid[n], error)) {
+    if (!parseCpuidDump(text, &s->cpuid[n], error)) {
       *error = root.shown(file) + " " + *error;
       return false;
     }
@@ -58,14 +57,13 @@ bool loadDumps(const dt::SystemRoot& root, const std::string& folder, XrMachineS
   return true;
 }
 
-bool loadMetadata(const dt::SystemRoot& root, const std::string& text, XrMachineSnapshot* s,
+bool loadMetadata(TreeMachine& root, const std::string& text, SavedMachine* s,
                   std::string* error) {
-  dt::SnapshotMetadata m;
-  if (!dt::parseMetadata(text, &m, error)) {
+  SnapshotMetadata m;
+  if (!parseMetadata(text, &m, error)) {
     *error = root.shown("xrprocdetect.json") + " " + *error;
     return false;
   }
-  s->hasMetadata = true;
   s->configured = m.configured;
   s->online = m.online;
   s->affinity = std::move(m.affinity);
@@ -75,28 +73,33 @@ bool loadMetadata(const dt::SystemRoot& root, const std::string& text, XrMachine
 
 // Without the metadata: the counts as glibc takes them from the lists, and
 // the affinity of a process that nothing restricted.
-bool loadLists(dt::SystemRoot& root, XrMachineSnapshot* s, std::string* error) {
+bool loadLists(TreeMachine& tree, SavedMachine* s, std::string* error) {
+  SystemRoot root(tree);
   std::vector<unsigned> possible;
   std::vector<unsigned> online;
-  Read r = root.list("sys/devices/system/cpu/possible", kSnapshotMaxProcessors, &possible);
+  Read r = root.list("sys/devices/system/cpu/possible", &possible);
   if (r == Read::kOk) s->configured = static_cast<long>(possible.size());
   if (r != Read::kFailed) {
-    r = root.list("sys/devices/system/cpu/online", kSnapshotMaxProcessors, &online);
+    r = root.list("sys/devices/system/cpu/online", &online);
     if (r == Read::kOk) s->online = static_cast<long>(online.size());
-    if (r == Read::kOk) s->affinity = std::move(online);
+    if (r == Read::kOk) s->affinity = CpuSet(std::move(online));
   }
   if (r != Read::kFailed) return true;
   *error = root.error();
   return false;
 }
 
-bool load(const std::string& dir, XrMachineSnapshot* s, std::string* error) {
-  *s = XrMachineSnapshot();
+bool load(const std::string& dir, SavedMachine* s, std::string* error) {
+  *s = SavedMachine();
+  s->dir = dir;
   struct stat st;
   if (::stat(dir.c_str(), &st) != 0) return *error = dir + ": " + std::strerror(errno), false;
   if (!S_ISDIR(st.st_mode)) return *error = dir + ": not a directory", false;
-  dt::SystemRoot root(dir);
-  if (!root.isOpen()) return *error = root.openError(), false;
+  ReplayMachine root(*s);  // its files alone
+  if (!root.openError().empty()) {
+    *error = root.openError();
+    return false;
+  }
   if (root.exists(".xrprocdetect-saving")) {
     *error = dir + ": an unfinished save (it has no xrprocdetect.json); save the snapshot again";
     return false;
@@ -109,22 +112,21 @@ bool load(const std::string& dir, XrMachineSnapshot* s, std::string* error) {
     return false;
   }
   std::string text;
-  Read r = readPart(root, "proc/cpuinfo", dt::kCpuinfoCap, &text, error);
+  Read r = readPart(root, "proc/cpuinfo", kCpuinfoCap, &text, error);
   if (r == Read::kFailed) return false;
   if (r == Read::kOk) s->cpuinfo = std::move(text);
-  r = readPart(root, "xrprocdetect.json", dt::kSmallFileCap, &text, error);
+  r = readPart(root, "xrprocdetect.json", kSmallFileCap, &text, error);
   if (r == Read::kFailed) return false;
-  if (r == Read::kOk ? !loadMetadata(root, text, s, error) : !loadLists(root, s, error))
-    return false;
+  const bool metadata = r == Read::kOk;
+  if (metadata ? !loadMetadata(root, text, s, error) : !loadLists(root, s, error)) return false;
   // A CPUID folder given by itself (as its gathering tool writes it) is a
   // snapshot of CPUID alone.
-  return loadDumps(root, cpuidAlone && !s->hasMetadata ? "" : "cpuid", s, error);
+  return loadDumps(root, cpuidAlone && !metadata ? "" : "cpuid", s, error);
 }
 
 }  // namespace
 
-bool xrLoadSnapshot(const std::string& dir, XrMachineSnapshot* snapshot,
-                    std::string* error) noexcept {
+bool loadSnapshot(const std::string& dir, SavedMachine* snapshot, std::string* error) noexcept {
   try {
     return load(dir, snapshot, error);
   } catch (const std::bad_alloc&) {
@@ -132,3 +134,6 @@ bool xrLoadSnapshot(const std::string& dir, XrMachineSnapshot* snapshot,
     return false;
   }
 }
+
+}  // namespace detail
+}  // namespace xrprocdetector

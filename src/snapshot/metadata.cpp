@@ -189,11 +189,16 @@ bool readValue(Json& json, int k, SnapshotMetadata* m, std::string* error) {
                         " is not a processor count from 1 to " +
                         std::to_string(kKernelMaxProcessors)));
     }
-    case kAffinity:
+    case kAffinity: {
+      std::vector<unsigned> cpus;
       if (!json.string(&s)) return false;
-      if (parseProcessorList(s, kSnapshotMaxProcessors, &m->affinity, error)) return true;
+      if (parseProcessorList(s, kKernelMaxProcessors, &cpus, error)) {
+        m->affinity = CpuSet(std::move(cpus));
+        return true;
+      }
       *error = atLine(line, "\"affinity\": " + error->substr(error->find(": ") + 2));
       return false;
+    }
     default:
       m->vmwareBackdoor = json.word("true");
       return m->vmwareBackdoor || json.word("false") ||

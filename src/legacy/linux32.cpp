@@ -2,14 +2,37 @@
 
 #include <unistd.h>
 
-#include "core/cpuinfo_walk.h"
-#include "core/word_reader.h"
-#include "generations/generations.h"
-#include "platform/machine.h"
+#include "legacy/cpuinfo_walk.h"
+#include "legacy/word_reader.h"
+#include "legacy/legacy.h"
+#include "machine/machine.h"
 
-using xrprocdetector::detail::queryCpuid;
+using xrprocdetector::detail::machine;
 
 namespace {
+
+xrprocdetector::detail::CpuidRegisters queryCpuid(std::uint32_t leaf, std::uint32_t subleaf) {
+  return machine().cpuid(leaf, subleaf);
+}
+
+// The class's processor sets hold processors 0 to 1023 (128 bytes).
+int queryGetAffinity(cpu_set_t* set) {
+  xrprocdetector::CpuSet cpus;
+  if (!machine().affinity(&cpus)) return -1;
+  CPU_ZERO(set);
+  for (const unsigned c : cpus) {
+    if (c < CPU_SETSIZE) CPU_SET(c, set);
+  }
+  return 0;
+}
+
+int querySetAffinity(const cpu_set_t* set) {
+  std::vector<unsigned> cpus;
+  for (unsigned c = 0; c < CPU_SETSIZE; ++c) {
+    if (CPU_ISSET(c, set)) cpus.push_back(c);
+  }
+  return machine().pin(xrprocdetector::CpuSet(std::move(cpus))) ? 0 : -1;
+}
 
 const char* const VersionShortNames[7][3] = {
     {"5.3", nullptr, nullptr}, {"6.0", nullptr, nullptr}, {"6.1", nullptr, nullptr},
@@ -138,7 +161,7 @@ bool XrProcDetectorLinux32::IsInsideVMware() {
 bool XrProcDetectorLinux32::setAffinityMaskToLevel4CPU(cpu_set_t* savedMask) {
   cpu_set_t set;
   CPU_ZERO(&set);
-  if (xrprocdetector::detail::queryGetAffinity(&set) < 0) return false;
+  if (queryGetAffinity(&set) < 0) return false;
   *savedMask = set;
   const int n = bosGetLogicalProcessorCount();
   if (n < 1) {
@@ -152,7 +175,7 @@ bool XrProcDetectorLinux32::setAffinityMaskToLevel4CPU(cpu_set_t* savedMask) {
     CPU_ZERO(&one);
     if (i < CPU_SETSIZE) CPU_SET(i, &one);
     // On failure the thread keeps the affinity of the last pinning.
-    if (xrprocdetector::detail::querySetAffinity(&one) < 0) return false;
+    if (querySetAffinity(&one) < 0) return false;
     sleep(0);  // let the scheduler move the thread onto processor i
     level = CpuIDSupported();
     if (level > 3) {
@@ -170,7 +193,7 @@ bool XrProcDetectorLinux32::setAffinityMaskToLevel4CPU(cpu_set_t* savedMask) {
 }
 
 void XrProcDetectorLinux32::restoreProcessMask(cpu_set_t mask) {
-  xrprocdetector::detail::querySetAffinity(&mask);
+  querySetAffinity(&mask);
 }
 
 int XrProcDetectorLinux32::getCPUIDProcData() {

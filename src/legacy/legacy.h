@@ -1,10 +1,13 @@
 // What the library's own entry points need of the generations beyond their
-// public classes.
-#ifndef XRPROCDETECTOR_SRC_GENERATIONS_GENERATIONS_H
-#define XRPROCDETECTOR_SRC_GENERATIONS_GENERATIONS_H
+// public classes: the default detector's strategies and the one
+// hyper-threading verdict rule.
+#ifndef XRPROCDETECTOR_SRC_LEGACY_LEGACY_H
+#define XRPROCDETECTOR_SRC_LEGACY_LEGACY_H
 
 #include <xrprocdetector/detect.h>
 #include <xrprocdetector/xrprocdetector_linux32.h>
+
+#include "legacy/verdict.h"
 
 namespace xrprocdetector {
 namespace detail {
@@ -16,4 +19,4 @@ int runDefaultDetection(XrProcDetectorLinux32& detector, Strategy* endedBy);
 }  // namespace detail
 }  // namespace xrprocdetector
 
-#endif  // XRPROCDETECTOR_SRC_GENERATIONS_GENERATIONS_H
+#endif  // XRPROCDETECTOR_SRC_LEGACY_LEGACY_H

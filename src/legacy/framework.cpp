@@ -5,8 +5,8 @@
 #include <cstdarg>
 #include <cstdlib>
 
-#include "core/verdict.h"
-#include "platform/machine.h"
+#include "legacy/verdict.h"
+#include "machine/machine.h"
 #include "xrprocdetector/xrprocdetector_linux32.h"
 
 using xrprocdetector::detail::narrow32;
@@ -162,9 +162,9 @@ Verdict hyperThreadingVerdict(std::int32_t logical, std::int32_t physical, std::
 ProcessorCounts readProcessorCounts(XrProcObject& out, const char* configuredFormat,
                                     const char* onlineFormat) {
   ProcessorCounts counts{};
-  counts.configured = xrprocdetector::detail::querySysconf(_SC_NPROCESSORS_CONF);
+  counts.configured = xrprocdetector::detail::machine().processorCount(_SC_NPROCESSORS_CONF);
   out.tzPrint(tzDebugSteps, configuredFormat, narrow32(counts.configured));
-  counts.online = xrprocdetector::detail::querySysconf(_SC_NPROCESSORS_ONLN);
+  counts.online = xrprocdetector::detail::machine().processorCount(_SC_NPROCESSORS_ONLN);
   out.tzPrint(tzDebugSteps, onlineFormat, narrow32(counts.online));
   return counts;
 }

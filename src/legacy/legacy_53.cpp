@@ -1,6 +1,6 @@
 #include "xrprocdetector/xrprocdetector_legacy_53.h"
 
-#include "core/verdict.h"
+#include "legacy/verdict.h"
 
 int XrProcDetectorLegacy_53::getProcData() {
   return getCommonProcData();

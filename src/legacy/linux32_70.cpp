@@ -1,7 +1,7 @@
 #include "xrprocdetector/xrprocdetector_linux32_70.h"
 
-#include "core/cpuinfo_walk.h"
-#include "core/word_reader.h"
+#include "legacy/cpuinfo_walk.h"
+#include "legacy/word_reader.h"
 
 int XrProcDetectorLinux32_70::getProcData() {
   tzPrint(tzDebugSteps, "\nProcessor Detection Algorithm 7.0\n=================================\n");

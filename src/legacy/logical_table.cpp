@@ -4,8 +4,8 @@
 #include <algorithm>
 #include <cstdlib>
 
-#include "core/cpuinfo_walk.h"
-#include "core/verdict.h"
+#include "legacy/cpuinfo_walk.h"
+#include "legacy/verdict.h"
 #include "xrprocdetector/xrprocdetector.h"
 
 namespace {

@@ -1,4 +1,4 @@
-#include "sysroot/cgroup.h"
+#include "linux/linux.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -40,15 +40,11 @@ std::string relative(const std::string& point) {
 
 // The cgroup mounts of proc/self/mountinfo, or of proc/mounts (which does
 // not say a mount's root: the whole hierarchy is taken to be mounted).
-std::vector<Mount> cgroupMounts(SystemRoot& root, CgroupLimits& limits) {
+std::vector<Mount> cgroupMounts(SystemRoot& root) {
   std::vector<Mount> mounts;
   std::string text;
-  limits.files.push_back("proc/self/mountinfo");
   const bool info = root.text("proc/self/mountinfo", &text) == Read::kOk;
-  if (!info) {
-    limits.files.push_back("proc/mounts");
-    root.text("proc/mounts", &text);
-  }
+  if (!info) root.text("proc/mounts", &text);
   std::istringstream lines(text);
   for (std::string line; std::getline(lines, line);) {
     std::istringstream words(line);
@@ -87,12 +83,12 @@ std::vector<std::string> chain(const Mount& m, std::string path) {
 }
 
 // The cgroup path of each hierarchy from proc/self/cgroup: "" for v2, each
-// controller's name for v1; and "cpuset fs" from proc/self/cpuset.
-std::vector<std::pair<std::string, std::string>> cgroupPaths(SystemRoot& root,
-                                                             CgroupLimits& limits) {
+// controller's name for v1; and "cpuset fs" from proc/self/cpuset, the
+// path of the process's cpuset in whichever hierarchy holds cpusets (what
+// older recordings keep instead of proc/self/cgroup).
+std::vector<std::pair<std::string, std::string>> cgroupPaths(SystemRoot& root) {
   std::vector<std::pair<std::string, std::string>> paths;
   std::string text;
-  limits.files.push_back("proc/self/cgroup");
   root.text("proc/self/cgroup", &text);
   std::istringstream lines(text);
   for (std::string line; std::getline(lines, line);) {
@@ -105,7 +101,6 @@ std::vector<std::pair<std::string, std::string>> cgroupPaths(SystemRoot& root,
     for (std::string name; std::getline(names, name, ',');)
       paths.emplace_back(name, path);
   }
-  limits.files.push_back("proc/self/cpuset");
   if (root.text("proc/self/cpuset", &text) == Read::kOk) paths.emplace_back("cpuset fs", text);
   return paths;
 }
@@ -126,8 +121,6 @@ constexpr long kMaxQuota = (1L << 44) - 1;
 // could not hold is a failure naming the file, never a limit.
 void readQuota(SystemRoot& root, const std::string& dir, bool v2, CgroupLimits& limits) {
   const std::string file = dir + (v2 ? "/cpu.max" : "/cpu.cfs_quota_us");
-  limits.files.push_back(file);
-  if (!v2) limits.files.push_back(dir + "/cpu.cfs_period_us");
   std::string text;
   long quota = -1;
   long period = 0;
@@ -156,19 +149,13 @@ void readQuota(SystemRoot& root, const std::string& dir, bool v2, CgroupLimits& 
 
 // The cpuset of the nearest folder that has one of `files`.
 void readCpuset(SystemRoot& root, const std::vector<std::string>& dirs,
-                std::initializer_list<const char*> files, unsigned limit, CgroupLimits& limits) {
+                std::initializer_list<const char*> files, CgroupLimits& limits) {
   for (const std::string& dir : dirs) {
     for (const char* file : files) {
       std::vector<unsigned> cpus;
-      limits.files.push_back(dir + "/" + file);
-      if (root.list(dir + "/" + file, limit, &cpus) != Read::kOk) continue;
-      if (limits.cpuset) {
-        std::vector<unsigned> both;
-        std::set_intersection(limits.cpuset->begin(), limits.cpuset->end(), cpus.begin(),
-                              cpus.end(), std::back_inserter(both));
-        cpus = std::move(both);
-      }
-      limits.cpuset = std::move(cpus);
+      if (root.list(dir + "/" + file, &cpus) != Read::kOk) continue;
+      const CpuSet set(std::move(cpus));
+      limits.cpuset = limits.cpuset ? *limits.cpuset & set : set;
       return;
     }
   }
@@ -176,26 +163,32 @@ void readCpuset(SystemRoot& root, const std::vector<std::string>& dirs,
 
 }  // namespace
 
-CgroupLimits readCgroupLimits(SystemRoot& root, unsigned limit) {
+CgroupLimits readCgroupLimits(SystemRoot& root) {
   CgroupLimits limits;
-  const std::vector<Mount> mounts = cgroupMounts(root, limits);
+  const std::vector<Mount> mounts = cgroupMounts(root);
   if (mounts.empty()) return limits;  // no control group file system to look in
-  for (const auto& [controller, path] : cgroupPaths(root, limits)) {
+  for (const auto& [controller, path] : cgroupPaths(root)) {
+    const bool named = controller == "cpuset fs";
     for (const Mount& m : mounts) {
-      const bool v2 = controller.empty() && m.type == "cgroup2";
-      const bool old = controller == "cpuset fs" && m.type == "cpuset";
-      const bool v1 =
-          m.type == "cgroup" && m.options.find("," + controller + ",") != std::string::npos;
+      const bool v2 = (controller.empty() || named) && m.type == "cgroup2";
+      const bool old = named && m.type == "cpuset";
+      const bool v1 = m.type == "cgroup" &&
+                      m.options.find("," + (named ? "cpuset" : controller) + ",") !=
+                          std::string::npos;
       if (!v2 && !old && !v1) continue;
       const std::vector<std::string> dirs = chain(m, path);
-      if (v2 || controller == "cpu") {
+      if (!named && (v2 || controller == "cpu")) {
         for (const std::string& dir : dirs)
           readQuota(root, dir, v2, limits);
       }
-      if (v2) readCpuset(root, dirs, {"cpuset.cpus.effective"}, limit, limits);
-      if (v1 && controller == "cpuset")
-        readCpuset(root, dirs, {"cpuset.effective_cpus", "cpuset.cpus"}, limit, limits);
-      if (old) readCpuset(root, dirs, {"cpus", "cpuset.cpus"}, limit, limits);
+      const bool bare = old || m.options.find(",noprefix,") != std::string::npos;
+      const bool cpusets = named || controller == "cpuset";
+      if (v2)
+        readCpuset(root, dirs, {"cpuset.cpus.effective"}, limits);
+      else if (cpusets && bare)
+        readCpuset(root, dirs, {"effective_cpus", "cpus", "cpuset.cpus"}, limits);
+      else if (cpusets)
+        readCpuset(root, dirs, {"cpuset.effective_cpus", "cpuset.cpus"}, limits);
     }
   }
   return limits;

@@ -1,8 +1,8 @@
 #include "xrprocdetector/xrprocdetector_legacy_6x.h"
 
-#include "core/cpuinfo_walk.h"
-#include "core/verdict.h"
-#include "core/word_reader.h"
+#include "legacy/cpuinfo_walk.h"
+#include "legacy/verdict.h"
+#include "legacy/word_reader.h"
 
 int XrProcDetectorLegacy_6x::getProcData() {
   return getCommonProcData();

@@ -1,14 +1,14 @@
-// The one reader of a system root: the live machine ("/"), a snapshot
-// directory, or a tree recorded for other topology tools. Every path is
-// resolved inside the root's directory, its links and ".." included, so a
-// tree collected from another machine is never read beyond. A file is
-// opened, without blocking, only once it is known to be a regular file, and
-// taken only when no larger than its cap, so a FIFO, a device or a runaway
-// file among collected directories is named as broken instead of hanging or
+// Reading a machine's files: the live machine ("/"), a snapshot directory,
+// or a tree recorded for other topology tools. Every path is resolved
+// inside the root's directory, its links and ".." included, so a tree
+// collected from another machine is never read beyond. A file is opened,
+// without blocking, only once it is known to be a regular file, and taken
+// only when no larger than its cap, so a FIFO, a device or a runaway file
+// among collected directories is named as broken instead of hanging or
 // exhausting the reader. Live /proc and /sys files are regular files and
 // read as usual.
-#ifndef XRPROCDETECTOR_SRC_SYSROOT_ROOT_H
-#define XRPROCDETECTOR_SRC_SYSROOT_ROOT_H
+#ifndef XRPROCDETECTOR_SRC_MACHINE_FILES_H
+#define XRPROCDETECTOR_SRC_MACHINE_FILES_H
 
 #include <climits>
 #include <cstddef>
@@ -59,6 +59,11 @@ int openInRoot(int root, const std::string& path, int flags, bool componentwise 
 Read readWholeFile(int dirFd, const std::string& path, std::size_t cap, std::string* text,
                    std::string* error, bool anyKind = false);
 
+// The names in the folder `path` under `dirFd` (resolved as openInRoot
+// resolves it), without "." and "..". kAbsent when there is no such folder
+// (or `dirFd` is -1), kFailed with errno set when it cannot be listed.
+Read listFolder(int dirFd, const std::string& path, std::vector<std::string>* names);
+
 // A kernel processor list such as "0-3,8-11\n": increasing, no repeats,
 // every number below `limit`. An empty list is valid. On failure *error is
 // "line 1: ..." (the list's only line).
@@ -80,28 +85,26 @@ bool numberedName(const std::string& name, const char* prefix, unsigned limit, u
 // `text` as a whole number from `min` to `max`: base 10, nothing around it.
 bool wholeNumber(const std::string& text, long min, long max, long* value);
 
+// Sets *error to `message`; false, for the end of a step that failed.
+bool failWith(std::string* error, std::string message);
+
 // A JSON string literal of `text`.
 std::string jsonQuoted(std::string_view text);
 
-// A directory of a machine's files, open for the reader's lifetime.
+class Machine;
+
+// The typed reader of a machine's files: texts, numbers, processor lists
+// and masks, each failure recorded against its file.
 class SystemRoot {
  public:
-  explicit SystemRoot(const std::string& dir);
-  // The folder `path` of `parent`: its files are named as parent.shown(path)
-  // names them, and read as `path`'s under the parent's own root, so that a
-  // link in them is resolved inside the whole tree.
-  SystemRoot(const SystemRoot& parent, const std::string& path);
-  ~SystemRoot();
-  SystemRoot(const SystemRoot&) = delete;
-  SystemRoot& operator=(const SystemRoot&) = delete;
+  explicit SystemRoot(Machine& machine) : machine_(machine) {}
+  // The folder `path` of `parent`: paths are relative to it, and named and
+  // resolved as the parent's, so a link in them stays inside the whole tree.
+  SystemRoot(const SystemRoot& parent, const std::string& path)
+      : machine_(parent.machine_), base_(parent.base_ + path + "/") {}
 
-  bool isOpen() const { return fd_ >= 0; }
-  int fd() const { return fd_; }  // the whole tree's, for a sub-root too
-  const std::string& openError() const { return openError_; }
-  const std::string& dir() const { return dir_; }
-  // `path` as a message names it: under the directory as given.
+  // `path` as a message names it.
   std::string shown(const std::string& path) const;
-
   // A file within its cap (capOf), without its trailing white space. A
   // failure is recorded (the first one is kept, naming the file) as well as
   // returned.
@@ -109,7 +112,7 @@ class SystemRoot {
   // A whole number from `min` to `max`; any other text is a failure.
   Read number(const std::string& path, long* value, long min = LONG_MIN, long max = LONG_MAX);
   // A processor list, or with `mask` a CPU mask.
-  Read list(const std::string& path, unsigned limit, std::vector<unsigned>* out, bool mask = false);
+  Read list(const std::string& path, std::vector<unsigned>* out, bool mask = false);
   // The first failure met, naming its file; empty when there was none.
   const std::string& error() const { return error_; }
   bool exists(const std::string& path) const;
@@ -125,14 +128,12 @@ class SystemRoot {
   Read fail(const std::string& path, const std::string& why);
 
  private:
-  std::string dir_;
-  std::string base_ = "./";  // the folder under the root, ending in '/'
-  int fd_ = -1;              // the root's directory
-  std::string openError_;
+  Machine& machine_;
+  std::string base_;  // the folder under the root, "" or ending in '/'
   std::string error_;
 };
 
 }  // namespace detail
 }  // namespace xrprocdetector
 
-#endif  // XRPROCDETECTOR_SRC_SYSROOT_ROOT_H
+#endif  // XRPROCDETECTOR_SRC_MACHINE_FILES_H

@@ -45,6 +45,9 @@ class WordReader {
   // Reads the file at `path`; one that cannot be opened gives a source that
   // never reaches end of file.
   explicit WordReader(const char* path);
+  // Reads the open descriptor `fd`, which it closes; -1 is a source that
+  // could not be opened.
+  explicit WordReader(int fd);
   // Reads `text`, which must outlive the reader; nothing is copied.
   explicit WordReader(std::string_view text);
   ~WordReader();
@@ -91,8 +94,8 @@ class WordReader {
   std::string held_;  // the word in hand, once it had to leave the buffer
 };
 
-// Opens the source of the /proc/cpuinfo scans: the live file, or what an
-// XrCpuinfoRedirect of the calling thread names instead.
+// Opens the source of the /proc/cpuinfo scans: the calling thread's
+// machine's.
 WordReader openCpuinfo();
 
 }  // namespace detail

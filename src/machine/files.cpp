@@ -1,4 +1,4 @@
-#include "sysroot/root.h"
+#include "machine/machine.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -252,6 +252,11 @@ bool numberedName(const std::string& name, const char* prefix, unsigned limit, u
   return true;
 }
 
+bool failWith(std::string* error, std::string message) {
+  *error = std::move(message);
+  return false;
+}
+
 std::string jsonQuoted(std::string_view text) {
   std::string out = "\"";
   for (const unsigned char c : text) {
@@ -273,23 +278,8 @@ std::string jsonQuoted(std::string_view text) {
   return out + "\"";
 }
 
-SystemRoot::SystemRoot(const std::string& dir) : dir_(dir) {
-  fd_ = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (fd_ < 0) openError_ = dir + ": " + std::strerror(errno);
-}
-
-SystemRoot::SystemRoot(const SystemRoot& parent, const std::string& path)
-    : dir_(parent.shown(path)),
-      base_(parent.base_ + path + "/"),
-      fd_(::fcntl(parent.fd_, F_DUPFD_CLOEXEC, 0)) {}
-
-SystemRoot::~SystemRoot() {
-  if (fd_ >= 0) ::close(fd_);
-}
-
 std::string SystemRoot::shown(const std::string& path) const {
-  if (dir_ == "/") return "/" + path;
-  return dir_ + (!dir_.empty() && dir_.back() == '/' ? "" : "/") + path;
+  return machine_.shown(base_ + path);
 }
 
 Read SystemRoot::fail(const std::string& path, const std::string& why) {
@@ -298,15 +288,18 @@ Read SystemRoot::fail(const std::string& path, const std::string& why) {
 }
 
 bool SystemRoot::exists(const std::string& path) const {
-  const int fd = openInRoot(fd_, base_ + path, O_PATH);
-  return fd >= 0 && ::close(fd) == 0;
+  return machine_.exists(base_ + path);
 }
 
 Read SystemRoot::entries(const std::string& path, std::vector<std::string>* names) const {
+  return machine_.entries(base_ + path, names);
+}
+
+Read listFolder(int dirFd, const std::string& path, std::vector<std::string>* names) {
   names->clear();
-  if (fd_ < 0) return Read::kAbsent;
+  if (dirFd == -1) return Read::kAbsent;
   struct stat st {};
-  const int fd = openChecked(fd_, base_ + path, S_IFDIR, &st);
+  const int fd = openChecked(dirFd, path, S_IFDIR, &st);
   DIR* listing = fd < 0 ? nullptr : ::fdopendir(fd);
   if (listing == nullptr) {
     const int why = errno;
@@ -339,9 +332,8 @@ std::vector<unsigned> SystemRoot::processorFolders(const std::string& path) {
 }
 
 Read SystemRoot::text(const std::string& path, std::string* out) {
-  if (fd_ < 0) return Read::kAbsent;  // a folder that is not there holds nothing
   std::string why;
-  const Read r = readWholeFile(fd_, base_ + path, capOf(path), out, &why);
+  const Read r = machine_.file(base_ + path, capOf(base_ + path), out, &why);
   if (r == Read::kFailed) return fail(path, why);
   while (!out->empty() && std::strchr(" \t\n\r", out->back()) != nullptr)
     out->pop_back();
@@ -366,8 +358,8 @@ Read SystemRoot::number(const std::string& path, long* value, long min, long max
   return fail(path, "line 1: not a whole number" + range);
 }
 
-Read SystemRoot::list(const std::string& path, unsigned limit, std::vector<unsigned>* out,
-                      bool mask) {
+Read SystemRoot::list(const std::string& path, std::vector<unsigned>* out, bool mask) {
+  constexpr unsigned limit = kKernelMaxProcessors;
   std::string t;
   std::string why;
   const Read r = text(path, &t);

@@ -1,4 +1,5 @@
-#include "core/word_reader.h"
+#include "legacy/word_reader.h"
+#include "machine/machine.h"
 
 #include <emmintrin.h>
 #include <fcntl.h>
@@ -57,8 +58,16 @@ const char* findCandidate(const char* p, const char* end) {
 
 }  // namespace
 
-WordReader::WordReader(const char* path) : fd_(::open(path, O_RDONLY | O_CLOEXEC)) {
+WordReader::WordReader(const char* path) : WordReader(::open(path, O_RDONLY | O_CLOEXEC)) {}
+
+WordReader::WordReader(int fd) : fd_(fd) {
   failed_ = fd_ < 0;
+}
+
+WordReader openCpuinfo() {
+  const CpuinfoStream s = machine().cpuinfo();
+  if (s.text != nullptr) return WordReader(std::string_view(*s.text));
+  return WordReader(s.fd);
 }
 
 WordReader::WordReader(std::string_view text)

@@ -1,5 +1,5 @@
 // CPUID and the VMware backdoor port access, as the processor executes them.
-#include "platform/hardware.h"
+#include "machine/machine.h"
 
 namespace xrprocdetector {
 namespace detail {

@@ -1,0 +1,196 @@
+// Whether the machine is virtual, and whose; and whether the process runs
+// in a container, and which.
+#include <cstdlib>
+#include <cstring>
+#include <sstream>
+
+#include "linux/linux.h"
+
+namespace xrprocdetector {
+namespace detail {
+
+namespace {
+
+bool contains(const std::string& text, const char* word) {
+  return text.find(word) != std::string::npos;
+}
+
+// Whether the first flags line of a /proc/cpuinfo text is there, and
+// whether it names the hypervisor flag.
+void flagsLine(const std::string& cpuinfo, bool* there, bool* flag) {
+  for (std::size_t at = 0; at < cpuinfo.size();) {
+    std::size_t end = cpuinfo.find('\n', at);
+    if (end == std::string::npos) end = cpuinfo.size();
+    if (cpuinfo.compare(at, 5, "flags") == 0) {
+      *there = true;
+      *flag = contains(" " + cpuinfo.substr(at, end - at) + " ", " hypervisor ");
+      return;
+    }
+    at = end + 1;
+  }
+}
+
+// The vendors of the virtual PCI devices that hypervisors give their
+// guests, by PCI vendor id; virtio's (0x1af4) names no one hypervisor.
+const char* pciVendor(unsigned long vendor) {
+  switch (vendor) {
+    case 0x15ad:
+      return "VMware";
+    case 0x80ee:
+      return "Oracle";
+    case 0x5853:
+      return "Xen";
+    case 0x1414:
+      return "Microsoft";
+    case 0x1af4:
+      return "";
+    default:
+      return nullptr;
+  }
+}
+
+// The hypervisor the PCI devices name: sys/bus/pci/devices/*/vendor, or the
+// second column of proc/bus/pci/devices (vendor and device, 4 digits each).
+// VMware's name wins over another's; "" a hypervisor's device of no one
+// vendor; null none.
+const char* pciHint(SystemRoot& root) {
+  const char* found = nullptr;
+  auto take = [&found](unsigned long vendor) {
+    const char* hint = pciVendor(vendor);
+    if (hint != nullptr && (found == nullptr || *found == '\0')) found = hint;
+    if (hint != nullptr && std::strcmp(hint, "VMware") == 0) found = hint;
+  };
+  std::vector<std::string> devices;
+  if (root.entries("sys/bus/pci/devices", &devices) == Read::kOk) {
+    for (const std::string& device : devices) {
+      std::string vendor;
+      if (root.text("sys/bus/pci/devices/" + device + "/vendor", &vendor) == Read::kOk)
+        take(std::strtoul(vendor.c_str(), nullptr, 16));
+    }
+    return found;
+  }
+  std::string table;
+  root.text("proc/bus/pci/devices", &table);
+  std::istringstream lines(table);
+  for (std::string line; std::getline(lines, line);) {
+    std::istringstream words(line);
+    std::string slot;
+    std::string ids;
+    words >> slot >> ids;
+    take(std::strtoul(ids.substr(0, 4).c_str(), nullptr, 16));
+  }
+  return found;
+}
+
+// The hypervisor's own name for itself, CPUID leaf 0x40000000's EBX, ECX,
+// EDX, where leaf 1 says there is a hypervisor: live, or in a snapshot's
+// dumps. Null when nothing tells.
+const char* cpuidVendor() {
+  static const char* const kSignatures[][2] = {
+      {"KVMKVMKVM", "KVM"},       {"Microsoft Hv", "Microsoft"}, {"VMwareVMware", "VMware"},
+      {"XenVMMXenVMM", "Xen"},    {"VBoxVBoxVBox", "Oracle"},    {"TCGTCGTCGTCG", "QEMU"},
+      {" lrpepyh  vr", "Parallels"}, {"bhyve bhyve ", "bhyve"},  {"ACRNACRNACRN", "ACRN"}};
+  try {
+    Machine& m = machine();
+    if ((m.cpuid(1, 0).ecx >> 31) == 0) return nullptr;
+    const CpuidRegisters r = m.cpuid(0x40000000, 0);
+    char name[13] = {};
+    std::memcpy(name, &r.ebx, 4), std::memcpy(name + 4, &r.ecx, 4), std::memcpy(name + 8, &r.edx, 4);
+    for (const auto& [signature, vendor] : kSignatures) {
+      if (std::strcmp(name, signature) == 0) return vendor;
+    }
+  } catch (const Missing&) {
+  }
+  return nullptr;
+}
+
+// The vendor the DMI strings name, as lscpu reads them.
+const char* dmiVendor(const std::string& dmi) {
+  static const char* const kNames[][2] = {
+      {"VMware", "VMware"},       {"innotek GmbH", "Oracle"}, {"VirtualBox", "Oracle"},
+      {"Virtual Machine", "Microsoft"}, {"Parallels", "Parallels"}, {"BHYVE", "bhyve"},
+      {"Xen", "Xen"},             {"KVM", "KVM"},             {"QEMU", "QEMU"},
+      {"Bochs", ""}};
+  for (const auto& [name, vendor] : kNames) {
+    if (contains(dmi, name)) return vendor;
+  }
+  return nullptr;
+}
+
+// VMware names itself in the DMI strings of its virtual firmware, which
+// every VMware machine has, and in its PCI devices. Another hypervisor
+// shows in the processor's hypervisor flag (which every hypervisor of this
+// century sets), in /sys/hypervisor/type or /proc/xen (Xen), in DMI strings
+// that name it, or in its PCI devices (a guest whose flags lack the
+// hypervisor flag still has them). "None" needs a flags line without the
+// flag and no other hint; with neither flags nor hints nothing is known.
+void hypervisor(SystemRoot& root, Topology& t) {
+  std::string vendor, product, type, cpuinfo;
+  std::vector<std::string> xen;
+  root.text("sys/class/dmi/id/sys_vendor", &vendor);
+  root.text("sys/class/dmi/id/product_name", &product);
+  root.text("sys/hypervisor/type", &type);
+  root.text("proc/cpuinfo", &cpuinfo);
+  const bool xenfs = root.entries("proc/xen", &xen) == Read::kOk;
+  const char* dmi = dmiVendor(vendor + "\n" + product);
+  const char* pci = pciHint(root);
+  bool there = false;
+  bool flag = false;
+  flagsLine(cpuinfo, &there, &flag);
+  const bool isXen = xenfs || type == "xen";
+  const char* named = cpuidVendor();
+  if (named == nullptr) named = isXen ? "Xen" : dmi != nullptr ? dmi : pci;
+  if (named != nullptr && *named == '\0') named = nullptr;
+  const bool vmware = contains(vendor + product, "VMware") || (pci && !std::strcmp(pci, "VMware"));
+  if (vmware || flag || isXen || dmi || pci) {
+    t.hypervisor = vmware ? Hypervisor::kVmware : Hypervisor::kOther;
+    if (named != nullptr) t.hypervisorVendor = named;
+    // A Xen guest without the hypervisor flag runs paravirtualized.
+    if (named != nullptr) t.virtualizationType = isXen && !flag ? "para" : "full";
+  } else if (there) {
+    t.hypervisor = Hypervisor::kNone;
+    t.hypervisorVendor = "none";
+  }
+}
+
+// The container, as systemd-detect-virt names it: systemd's record of it,
+// process 1's container= environment, the files container managers leave,
+// then the control group's path. "none" where process 1's environment was
+// read and nothing else tells.
+void container(Topology& t) {
+  Machine& m = machine();
+  std::string text, why;
+  // Read without a failure being recorded: process 1's environment is
+  // root's alone.
+  if (m.file("run/systemd/container", kSmallFileCap, &text, &why) == Read::kOk &&
+      text.find_first_not_of(" \n") != std::string::npos)
+    return void(t.container = text.substr(0, text.find_first_of(" \n")));
+  const Read environ = m.file("proc/1/environ", kTableCap, &text, &why);
+  for (std::size_t at = 0; environ == Read::kOk && at < text.size(); at = text.find('\0', at) + 1) {
+    if (text.compare(at, 10, "container=") == 0) return void(t.container = text.c_str() + at + 10);
+    if (text.find('\0', at) == std::string::npos) break;
+  }
+  if (m.file("run/.containerenv", kSmallFileCap, &text, &why) == Read::kOk)
+    return void(t.container = "podman");
+  if (m.file(".dockerenv", kSmallFileCap, &text, &why) == Read::kOk)
+    return void(t.container = "docker");
+  static const char* const kPaths[][2] = {
+      {"kubepods", "kubernetes"}, {"/docker", "docker"}, {"docker-", "docker"},
+      {"libpod", "podman"},       {"/lxc", "lxc"},       {"machine.slice/systemd-nspawn", "systemd-nspawn"}};
+  if (m.file("proc/self/cgroup", kTableCap, &text, &why) == Read::kOk) {
+    for (const auto& [part, name] : kPaths) {
+      if (contains(text, part)) return void(t.container = name);
+    }
+  }
+  if (environ == Read::kOk) t.container = "none";
+}
+
+}  // namespace
+
+void readVirtualization(SystemRoot& root, Topology& t) {
+  hypervisor(root, t);
+  container(t);
+}
+
+}  // namespace detail
+}  // namespace xrprocdetector

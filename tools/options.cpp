@@ -241,7 +241,8 @@ generation, or save a snapshot of this machine.
       --tally             print, per generation and field, how many inputs
                           agree with the kernel and which do not, instead of
                           each input's report
-      --cpus              print one line a processor, as lscpu -p does:
+      --cpus              print one line a processor, as lscpu's parsable
+                          output does:
                           number, package, die, core, thread, kind of core,
                           online and usable (Y or N); empty where not known
       --json-lines        JSON Lines: one object a line for each input and

@@ -166,7 +166,11 @@ class ThreadState {
  public:
   explicit ThreadState(bool probes) {
     if (probes) signals_.emplace();
-    haveAffinity_ = detail::machine().affinity(&affinity_);
+    try {
+      haveAffinity_ = detail::machine().affinity(&affinity_);
+    } catch (const detail::Missing&) {
+      // a saved machine without an affinity: nothing to give back
+    }
   }
   ~ThreadState() {
     if (haveAffinity_) detail::machine().pin(affinity_);
@@ -345,12 +349,17 @@ bool saveSnapshot(const std::string& dir, std::string* error) noexcept {
       const detail::MachineScope scope(recording);
       readEverything();
     }
-    const auto cpuinfo = recording.failures().find("proc/cpuinfo");
-    if (cpuinfo != recording.failures().end())
-      why = "/proc/cpuinfo: " + cpuinfo->second;
-    else if (recording.files().count("proc/cpuinfo") == 0)
+    // What makes a snapshot a machine: a broken one of these fails the
+    // save; any other file that cannot be read is left out.
+    for (const char* file : {"proc/cpuinfo", "sys/devices/system/cpu/possible",
+                             "sys/devices/system/cpu/present", "sys/devices/system/cpu/online"}) {
+      const auto failed = recording.failures().find(file);
+      if (why.empty() && failed != recording.failures().end())
+        why = "/" + failed->first + ": " + failed->second;
+    }
+    if (why.empty() && recording.files().count("proc/cpuinfo") == 0)
       why = "/proc/cpuinfo: cannot open: No such file or directory";
-    else if (recording.dumpEveryProcessor(&why))
+    if (why.empty() && recording.dumpEveryProcessor(&why))
       saved = detail::writeSnapshot(
           dir, recording, std::string(program_invocation_short_name) + " " + XRPROCDETECTOR_VERSION,
           &why);

@@ -32,19 +32,19 @@ Read onlineProcessors(SystemRoot& cpus, std::vector<unsigned>* online) {
   return online->empty() ? Read::kAbsent : Read::kOk;
 }
 
-// The kernel's files that list a processor's siblings: lists, then the
-// masks of older kernels.
-const char* const kCoreFiles[] = {"topology/core_cpus_list", "topology/thread_siblings_list",
-                                  "topology/core_cpus", "topology/thread_siblings"};
-const char* const kPackageFiles[] = {"topology/package_cpus_list", "topology/core_siblings_list",
-                                     "topology/package_cpus", "topology/core_siblings"};
+// The kernel's files that list a processor's siblings: the masks that every
+// kernel since 2.6 has and lscpu reads, the newer names, then the lists.
+const char* const kCoreFiles[] = {"topology/thread_siblings", "topology/core_cpus",
+                                  "topology/thread_siblings_list", "topology/core_cpus_list"};
+const char* const kPackageFiles[] = {"topology/core_siblings", "topology/package_cpus",
+                                     "topology/core_siblings_list", "topology/package_cpus_list"};
 
 // The lowest processor sharing a core (or a package) with `cpu`, by the
 // first of `files` that is there: what tells the core (or package) apart.
 Read lowestSibling(SystemRoot& cpus, unsigned cpu, const char* const (&files)[4], long* lowest) {
   std::vector<unsigned> siblings;
   for (std::size_t i = 0; i < 4; ++i) {
-    const Read r = cpus.list(cpuFile(cpu, files[i]), &siblings, i >= 2);
+    const Read r = cpus.list(cpuFile(cpu, files[i]), &siblings, i < 2);
     if (r == Read::kAbsent) continue;
     if (r == Read::kOk) *lowest = siblings.empty() ? cpu : siblings.front();
     return r;
@@ -60,16 +60,17 @@ int indexOf(std::map<Key, int>& seen, const Key& key) {
 }
 
 // The package, die and core of the online processor `c`. A package is its
-// physical_package_id, or on kernels without one its package siblings, as
-// lscpu counts distinct core_siblings masks; a core is its core siblings,
-// or its (package, die, core_id).
+// package siblings, as lscpu counts distinct core_siblings masks, or its
+// physical_package_id; a core is its core siblings, or its (package, die,
+// core_id).
 void place(SystemRoot& cpus, Processor& p, std::map<Key, int>& packages,
            std::map<Key, int>& cores) {
   long id = 0;
   long die = 0;
-  Read r = cpus.number(cpuFile(p.cpu, "topology/physical_package_id"), &id);
+  Read r = lowestSibling(cpus, p.cpu, kPackageFiles, &id);
   if (r == Read::kOk) p.package = indexOf(packages, {0, id, 0, 0});
-  if (r == Read::kAbsent && lowestSibling(cpus, p.cpu, kPackageFiles, &id) == Read::kOk)
+  if (r == Read::kAbsent &&
+      cpus.number(cpuFile(p.cpu, "topology/physical_package_id"), &id) == Read::kOk)
     p.package = indexOf(packages, {1, id, 0, 0});
   if (cpus.number(cpuFile(p.cpu, "topology/die_id"), &die) == Read::kOk)
     p.die = static_cast<std::int32_t>(die);
@@ -164,8 +165,11 @@ void usable(SystemRoot& root, Topology& t) {
 // not; the offline ones.
 void processors(SystemRoot& cpus, Topology& t) {
   std::vector<unsigned> present;
+  std::vector<unsigned> possible;
   Read r = cpus.list("present", &present);
-  if (r == Read::kAbsent) r = cpus.list("possible", &present);
+  // The possible list too, which glibc counts as the configured processors.
+  const Read alone = cpus.list("possible", &possible);
+  if (r == Read::kAbsent) r = alone, present = possible;
   if (r == Read::kOk) {
     t.present = CpuSet(present);
     std::vector<unsigned> offline;

@@ -43,8 +43,8 @@ Answers amd() {
 TEST(Snapshot, ADumpHoldsEveryLeafAndTheSubLeavesUpToTheirTerminators) {
   scripted::setMachine(intel(), scripted::Backdoor::kFault, 0x1);
   dt::RecordingMachine recording(dt::machine());
-  std::string error;
-  ASSERT_TRUE(recording.dumpEveryProcessor(&error)) << error;
+  dt::Error error;
+  ASSERT_TRUE(recording.dumpEveryProcessor(&error)) << error.text();
   ASSERT_EQ(recording.saved().cpuid.size(), 1u);
   const dt::CpuidDump& lines = recording.saved().cpuid.at(0);
   int leaf4 = 0, leaf11 = 0;
@@ -70,7 +70,8 @@ void roundTrip(const Answers& answers) {
   std::string error;
   ASSERT_TRUE(xrprocdetector::saveSnapshot(dir.string(), &error)) << error;
   dt::SavedMachine snapshot;
-  ASSERT_TRUE(dt::loadSnapshot(dir.string(), &snapshot, &error)) << error;
+  dt::Error why;
+  ASSERT_TRUE(dt::loadSnapshot(dir.string(), &snapshot, &why)) << why.text();
   std::filesystem::remove_all(dir);
   EXPECT_EQ(snapshot.cpuid.size(), 2u);
   EXPECT_EQ(snapshot.affinity, xrprocdetector::CpuSet({0, 1}));

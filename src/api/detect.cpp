@@ -341,7 +341,7 @@ void readEverything() {
 }  // namespace
 
 bool saveSnapshot(const std::string& dir, std::string* error) noexcept {
-  std::string why;
+  detail::Error why;
   bool saved = false;
   try {
     detail::RecordingMachine recording(detail::machine());
@@ -355,18 +355,18 @@ bool saveSnapshot(const std::string& dir, std::string* error) noexcept {
                              "sys/devices/system/cpu/present", "sys/devices/system/cpu/online"}) {
       const auto failed = recording.failures().find(file);
       if (why.empty() && failed != recording.failures().end())
-        why = "/" + failed->first + ": " + failed->second;
+        detail::fail(&why, "/" + failed->first, failed->second);
     }
     if (why.empty() && recording.files().count("proc/cpuinfo") == 0)
-      why = "/proc/cpuinfo: cannot open: No such file or directory";
+      detail::fail(&why, "/proc/cpuinfo", "cannot open: No such file or directory");
     if (why.empty() && recording.dumpEveryProcessor(&why))
       saved = detail::writeSnapshot(
           dir, recording, std::string(program_invocation_short_name) + " " + XRPROCDETECTOR_VERSION,
           &why);
   } catch (const std::bad_alloc&) {
-    why = dir + ": out of memory";
+    detail::fail(&why, dir, "out of memory");
   }
-  if (!saved && error != nullptr) *error = why;
+  if (!saved && error != nullptr) *error = why.text();
   return saved;
 }
 

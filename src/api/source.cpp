@@ -65,9 +65,9 @@ std::optional<Source> Source::snapshot(const std::string& dir, std::string* erro
   auto data = std::make_shared<SourceData>();
   data->kind = Kind::kSnapshot;
   data->name = dir;
-  std::string why;
+  detail::Error why;
   if (!detail::loadSnapshot(dir, &data->saved, &why)) {
-    if (error != nullptr) *error = why;
+    if (error != nullptr) *error = why.text();
     return std::nullopt;
   }
   return Source(std::move(data));

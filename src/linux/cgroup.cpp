@@ -116,35 +116,32 @@ constexpr long kMinPeriod = 1000;
 constexpr long kMaxPeriod = 1000000;
 constexpr long kMaxQuota = (1L << 44) - 1;
 
-// The quota of one folder: cpu.max ("max PERIOD" or "QUOTA PERIOD"), or
-// cpu.cfs_quota_us (-1: none) over cpu.cfs_period_us. Anything the kernel
+// The quota and period of one folder, in microseconds: cpu.max ("max
+// PERIOD" or "QUOTA PERIOD"), or cpu.cfs_quota_us (-1: none) over
+// cpu.cfs_period_us. False where there is no limit. Anything the kernel
 // could not hold is a failure naming the file, never a limit.
-void readQuota(SystemRoot& root, const std::string& dir, bool v2, CgroupLimits& limits) {
+bool readQuota(SystemRoot& root, const std::string& dir, bool v2, long* quota, long* period) {
   const std::string file = dir + (v2 ? "/cpu.max" : "/cpu.cfs_quota_us");
+  const std::string most = std::to_string(kMaxQuota);
   std::string text;
-  long quota = -1;
-  long period = 0;
   if (v2) {
-    if (root.text(file, &text) != Read::kOk) return;
+    if (root.text(file, &text) != Read::kOk) return false;
     const std::size_t blank = text.find(' ');
     const std::string max = text.substr(0, blank);
-    if (blank == std::string::npos ||
-        !wholeNumber(text.substr(blank + 1), kMinPeriod, kMaxPeriod, &period) ||
-        (max != "max" && !wholeNumber(max, kMinPeriod, kMaxQuota, &quota)))
-      return void(root.fail(file,
-                            "line 1: not \"max PERIOD\" or \"QUOTA PERIOD\" with a period "
-                            "from 1000 to 1000000 and a quota from 1000 to " +
-                                std::to_string(kMaxQuota)));
-  } else if (root.number(file, &quota, -1, kMaxQuota) != Read::kOk || quota == -1) {
-    return;
-  } else if (quota < kMinPeriod) {
-    return void(root.fail(
-        file, "line 1: not -1 or a whole number from 1000 to " + std::to_string(kMaxQuota)));
-  } else if (root.number(dir + "/cpu.cfs_period_us", &period, kMinPeriod, kMaxPeriod) !=
-             Read::kOk) {
-    return;
+    if (blank != std::string::npos &&
+        wholeNumber(text.substr(blank + 1), kMinPeriod, kMaxPeriod, period) &&
+        (max == "max" || wholeNumber(max, kMinPeriod, kMaxQuota, quota)))
+      return max != "max";
+    root.fail(file, "line 1: not \"max PERIOD\" or \"QUOTA PERIOD\" with a period from 1000 to "
+                    "1000000 and a quota from 1000 to " + most);
+    return false;
   }
-  if (quota > 0) tighten(limits.quota, static_cast<double>(quota) / static_cast<double>(period));
+  if (root.number(file, quota, -1, kMaxQuota) != Read::kOk || *quota == -1) return false;
+  if (*quota < kMinPeriod) {
+    root.fail(file, "line 1: not -1 or a whole number from 1000 to " + most);
+    return false;
+  }
+  return root.number(dir + "/cpu.cfs_period_us", period, kMinPeriod, kMaxPeriod) == Read::kOk;
 }
 
 // The cpuset of the nearest folder that has one of `files`.
@@ -178,8 +175,12 @@ CgroupLimits readCgroupLimits(SystemRoot& root) {
       if (!v2 && !old && !v1) continue;
       const std::vector<std::string> dirs = chain(m, path);
       if (!named && (v2 || controller == "cpu")) {
-        for (const std::string& dir : dirs)
-          readQuota(root, dir, v2, limits);
+        long quota = 0;
+        long period = 0;
+        for (const std::string& dir : dirs) {
+          if (readQuota(root, dir, v2, &quota, &period))
+            tighten(limits.quota, static_cast<double>(quota) / static_cast<double>(period));
+        }
       }
       const bool bare = old || m.options.find(",noprefix,") != std::string::npos;
       const bool cpusets = named || controller == "cpuset";

@@ -1,6 +1,7 @@
 // Whether the machine is virtual, and whose; and whether the process runs
 // in a container, and which.
 #include <cstdlib>
+#include <algorithm>
 #include <cstring>
 #include <sstream>
 
@@ -157,39 +158,38 @@ void hypervisor(SystemRoot& root, Topology& t) {
 // process 1's container= environment, the files container managers leave,
 // then the control group's path. "none" where process 1's environment was
 // read and nothing else tells.
-void container(Topology& t) {
+std::optional<std::string> container() {
   Machine& m = machine();
   std::string text, why;
   // Read without a failure being recorded: process 1's environment is
   // root's alone.
   if (m.file("run/systemd/container", kSmallFileCap, &text, &why) == Read::kOk &&
       text.find_first_not_of(" \n") != std::string::npos)
-    return void(t.container = text.substr(0, text.find_first_of(" \n")));
+    return text.substr(0, text.find_first_of(" \n"));
   const Read environ = m.file("proc/1/environ", kTableCap, &text, &why);
-  for (std::size_t at = 0; environ == Read::kOk && at < text.size(); at = text.find('\0', at) + 1) {
-    if (text.compare(at, 10, "container=") == 0) return void(t.container = text.c_str() + at + 10);
-    if (text.find('\0', at) == std::string::npos) break;
+  for (std::size_t at = 0; environ == Read::kOk && at < text.size();) {
+    if (text.compare(at, 10, "container=") == 0) return std::string(text.c_str() + at + 10);
+    at = std::min(text.find('\0', at), text.size()) + 1;
   }
-  if (m.file("run/.containerenv", kSmallFileCap, &text, &why) == Read::kOk)
-    return void(t.container = "podman");
-  if (m.file(".dockerenv", kSmallFileCap, &text, &why) == Read::kOk)
-    return void(t.container = "docker");
+  if (m.file("run/.containerenv", kSmallFileCap, &text, &why) == Read::kOk) return "podman";
+  if (m.file(".dockerenv", kSmallFileCap, &text, &why) == Read::kOk) return "docker";
   static const char* const kPaths[][2] = {
       {"kubepods", "kubernetes"}, {"/docker", "docker"}, {"docker-", "docker"},
       {"libpod", "podman"},       {"/lxc", "lxc"},       {"machine.slice/systemd-nspawn", "systemd-nspawn"}};
   if (m.file("proc/self/cgroup", kTableCap, &text, &why) == Read::kOk) {
     for (const auto& [part, name] : kPaths) {
-      if (contains(text, part)) return void(t.container = name);
+      if (contains(text, part)) return std::string(name);
     }
   }
-  if (environ == Read::kOk) t.container = "none";
+  if (environ == Read::kOk) return std::string("none");
+  return std::nullopt;
 }
 
 }  // namespace
 
 void readVirtualization(SystemRoot& root, Topology& t) {
   hypervisor(root, t);
-  container(t);
+  t.container = container();
 }
 
 }  // namespace detail

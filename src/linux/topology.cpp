@@ -215,7 +215,7 @@ Topology readTopology() {
   }
   t.smt = smtState(cpus, maxThreads);
   readVirtualization(root, t);
-  t.error = !cpus.error().empty() ? cpus.error() : root.error();
+  t.error = (!cpus.error().empty() ? cpus.error() : root.error()).text();
   return t;
 }
 

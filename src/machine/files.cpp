@@ -252,8 +252,14 @@ bool numberedName(const std::string& name, const char* prefix, unsigned limit, u
   return true;
 }
 
-bool failWith(std::string* error, std::string message) {
-  *error = std::move(message);
+std::string Error::text() const {
+  if (file.empty()) return why;
+  const std::string step = what.empty() ? "" : what + " ";
+  return step + file + (why.compare(0, 5, "line ") == 0 ? " " : ": ") + why;
+}
+
+bool fail(Error* error, std::string file, std::string why, std::string what) {
+  *error = Error{std::move(what), std::move(file), std::move(why)};
   return false;
 }
 
@@ -283,7 +289,7 @@ std::string SystemRoot::shown(const std::string& path) const {
 }
 
 Read SystemRoot::fail(const std::string& path, const std::string& why) {
-  if (error_.empty()) error_ = shown(path) + (why.compare(0, 5, "line ") == 0 ? " " : ": ") + why;
+  if (error_.empty()) error_ = Error{"", shown(path), why};
   return Read::kFailed;
 }
 

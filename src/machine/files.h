@@ -85,8 +85,20 @@ bool numberedName(const std::string& name, const char* prefix, unsigned limit, u
 // `text` as a whole number from `min` to `max`: base 10, nothing around it.
 bool wholeNumber(const std::string& text, long min, long max, long* value);
 
-// Sets *error to `message`; false, for the end of a step that failed.
-bool failWith(std::string* error, std::string message);
+// What went wrong, the one shape of every failure: the step that failed
+// where the reason alone does not say it ("cannot create"), the file to
+// blame as a message names it (empty where no one file is), and why.
+struct Error {
+  std::string what;
+  std::string file;
+  std::string why;
+  // "WHAT FILE: WHY", or "FILE line N: ..." where a line is to blame, or
+  // WHY alone without a file.
+  std::string text() const;
+  bool empty() const { return why.empty(); }
+};
+// Sets *error and returns false: the end of a step that failed.
+bool fail(Error* error, std::string file, std::string why, std::string what = "");
 
 // A JSON string literal of `text`.
 std::string jsonQuoted(std::string_view text);
@@ -114,7 +126,7 @@ class SystemRoot {
   // A processor list, or with `mask` a CPU mask.
   Read list(const std::string& path, std::vector<unsigned>* out, bool mask = false);
   // The first failure met, naming its file; empty when there was none.
-  const std::string& error() const { return error_; }
+  const Error& error() const { return error_; }
   bool exists(const std::string& path) const;
   // The names in the folder `path` ("" for the root itself), without "."
   // and ".."; kAbsent when there is no such folder, kFailed with errno set
@@ -130,7 +142,7 @@ class SystemRoot {
  private:
   Machine& machine_;
   std::string base_;  // the folder under the root, "" or ending in '/'
-  std::string error_;
+  Error error_;
 };
 
 }  // namespace detail

@@ -90,7 +90,7 @@ TreeMachine::TreeMachine(const std::string& dir) : dir_(dir) {
   if (dir == "/") fd_ = AT_FDCWD;
   if (dir.empty() || dir == "/") return;
   fd_ = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (fd_ < 0) openError_ = dir + ": " + std::strerror(errno);
+  if (fd_ < 0) fail(&openError_, dir, std::strerror(errno));
 }
 
 TreeMachine::~TreeMachine() {

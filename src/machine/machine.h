@@ -132,13 +132,13 @@ class TreeMachine : public Machine {
   bool exists(const std::string& path) override;
   std::string shown(const std::string& path) const override;
   // Why the directory could not be opened; empty when it could.
-  const std::string& openError() const { return openError_; }
+  const Error& openError() const { return openError_; }
 
  private:
   std::string at(const std::string& path) const;
   std::string dir_;
   int fd_ = -1;  // AT_FDCWD for "/"
-  std::string openError_;
+  Error openError_;
 };
 
 class LiveMachine : public TreeMachine {
@@ -212,7 +212,7 @@ class RecordingMachine : public Machine {
 
   // Adds every processor's whole CPUID dump (pinned to each of the saved
   // affinity in turn). False with *error when a pinning fails.
-  bool dumpEveryProcessor(std::string* error);
+  bool dumpEveryProcessor(Error* error);
   const SavedMachine& saved() const { return saved_; }
   const std::map<std::string, std::string>& files() const { return files_; }
   const std::map<std::string, std::string>& failures() const { return failures_; }

@@ -132,14 +132,13 @@ bool RecordingMachine::pin(const CpuSet& set) {
   return true;
 }
 
-bool RecordingMachine::dumpEveryProcessor(std::string* error) {
-  if (!saved_.affinity) return *error = "cannot read the thread's affinity", false;
+bool RecordingMachine::dumpEveryProcessor(Error* error) {
+  if (!saved_.affinity) return fail(error, "", "cannot read the thread's affinity");
   bool ok = true;
   for (const unsigned p : *saved_.affinity) {
     if (!inner_.pin(CpuSet({p}))) {
-      *error = "cannot pin the thread to processor " + std::to_string(p) + ": " +
-               std::strerror(errno);
-      ok = false;
+      ok = fail(error, "", "cannot pin the thread to processor " + std::to_string(p) + ": " +
+                               std::strerror(errno));
       break;
     }
     // The whole dump, then each answer the readers had that it would not give.

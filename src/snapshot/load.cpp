@@ -17,10 +17,10 @@ namespace {
 // Reads `path` under the root into *text. kFailed sets *error, naming the
 // file.
 Read readPart(TreeMachine& root, const std::string& path, std::size_t cap, std::string* text,
-              std::string* error) {
+              Error* error) {
   std::string why;
   const Read r = root.file(path, cap, text, &why);
-  if (r == Read::kFailed) *error = root.shown(path) + ": " + why;
+  if (r == Read::kFailed) fail(error, root.shown(path), why);
   return r;
 }
 
@@ -28,10 +28,10 @@ Read readPart(TreeMachine& root, const std::string& path, std::size_t cap, std::
 // other name ("pu0.txt", "info") is no dump; a dump whose number is not in
 // canonical form or above the limit is refused.
 bool loadDumps(TreeMachine& root, const std::string& folder, SavedMachine* s,
-               std::string* error) {
+               Error* error) {
   std::vector<std::string> names;
   const Read listed = root.entries(folder, &names);
-  if (listed == Read::kFailed) *error = root.shown(folder) + ": " + std::strerror(errno);
+  if (listed == Read::kFailed) fail(error, root.shown(folder), std::strerror(errno));
   if (listed != Read::kOk) return listed == Read::kAbsent;
   const std::string prefix = folder.empty() ? "" : folder + "/";
   std::vector<unsigned> processors;
@@ -39,7 +39,7 @@ bool loadDumps(TreeMachine& root, const std::string& folder, SavedMachine* s,
     unsigned n = 0;
     std::string problem;
     if (!numberedName(name, "pu", kKernelMaxProcessors, &n, &problem)) continue;
-    if (!problem.empty()) return *error = root.shown(prefix + name) + ": " + problem, false;
+    if (!problem.empty()) return fail(error, root.shown(prefix + name), problem);
     processors.push_back(n);
   }
   std::sort(processors.begin(), processors.end());
@@ -47,23 +47,19 @@ bool loadDumps(TreeMachine& root, const std::string& folder, SavedMachine* s,
   for (const unsigned n : processors) {
     const std::string file = prefix + "pu" + std::to_string(n);
     const Read r = readPart(root, file, kCpuidDumpCap, &text, error);
-    if (r == Read::kAbsent) *error = root.shown(file) + ": vanished while the snapshot was read";
+    if (r == Read::kAbsent) fail(error, root.shown(file), "vanished while the snapshot was read");
     if (r != Read::kOk) return false;
-    if (!parseCpuidDump(text, &s->cpuid[n], error)) {
-      *error = root.shown(file) + " " + *error;
-      return false;
-    }
+    std::string why;
+    if (!parseCpuidDump(text, &s->cpuid[n], &why)) return fail(error, root.shown(file), why);
   }
   return true;
 }
 
 bool loadMetadata(TreeMachine& root, const std::string& text, SavedMachine* s,
-                  std::string* error) {
+                  Error* error) {
   SnapshotMetadata m;
-  if (!parseMetadata(text, &m, error)) {
-    *error = root.shown("xrprocdetect.json") + " " + *error;
-    return false;
-  }
+  std::string why;
+  if (!parseMetadata(text, &m, &why)) return fail(error, root.shown("xrprocdetect.json"), why);
   s->configured = m.configured;
   s->online = m.online;
   s->affinity = std::move(m.affinity);
@@ -73,7 +69,7 @@ bool loadMetadata(TreeMachine& root, const std::string& text, SavedMachine* s,
 
 // Without the metadata: the counts as glibc takes them from the lists, and
 // the affinity of a process that nothing restricted.
-bool loadLists(TreeMachine& tree, SavedMachine* s, std::string* error) {
+bool loadLists(TreeMachine& tree, SavedMachine* s, Error* error) {
   SystemRoot root(tree);
   std::vector<unsigned> possible;
   std::vector<unsigned> online;
@@ -89,27 +85,26 @@ bool loadLists(TreeMachine& tree, SavedMachine* s, std::string* error) {
   return false;
 }
 
-bool load(const std::string& dir, SavedMachine* s, std::string* error) {
+bool load(const std::string& dir, SavedMachine* s, Error* error) {
   *s = SavedMachine();
   s->dir = dir;
   struct stat st;
-  if (::stat(dir.c_str(), &st) != 0) return *error = dir + ": " + std::strerror(errno), false;
-  if (!S_ISDIR(st.st_mode)) return *error = dir + ": not a directory", false;
+  if (::stat(dir.c_str(), &st) != 0) return fail(error, dir, std::strerror(errno));
+  if (!S_ISDIR(st.st_mode)) return fail(error, dir, "not a directory");
   ReplayMachine root(*s);  // its files alone
   if (!root.openError().empty()) {
     *error = root.openError();
     return false;
   }
-  if (root.exists(".xrprocdetect-saving")) {
-    *error = dir + ": an unfinished save (it has no xrprocdetect.json); save the snapshot again";
-    return false;
-  }
+  if (root.exists(".xrprocdetect-saving"))
+    return fail(error, dir,
+                "an unfinished save (it has no xrprocdetect.json); save the snapshot again");
   const bool cpuidAlone = root.exists("pu0") && !root.exists("proc/cpuinfo");
   if (!cpuidAlone && !root.exists("proc/cpuinfo") && !root.exists("sys/devices/system/cpu") &&
       !root.exists("cpuid") && !root.exists("xrprocdetect.json")) {
-    *error = "not a snapshot: " + dir +
-             " holds none of proc/cpuinfo, sys/devices/system/cpu, cpuid/ and xrprocdetect.json";
-    return false;
+    return fail(error, "", "not a snapshot: " + dir +
+                               " holds none of proc/cpuinfo, sys/devices/system/cpu, cpuid/ and "
+                               "xrprocdetect.json");
   }
   std::string text;
   Read r = readPart(root, "proc/cpuinfo", kCpuinfoCap, &text, error);
@@ -126,12 +121,11 @@ bool load(const std::string& dir, SavedMachine* s, std::string* error) {
 
 }  // namespace
 
-bool loadSnapshot(const std::string& dir, SavedMachine* snapshot, std::string* error) noexcept {
+bool loadSnapshot(const std::string& dir, SavedMachine* snapshot, Error* error) noexcept {
   try {
     return load(dir, snapshot, error);
   } catch (const std::bad_alloc&) {
-    *error = dir + ": out of memory";
-    return false;
+    return fail(error, dir, "out of memory");
   }
 }
 

@@ -39,12 +39,12 @@ class Fd {
 // stand in the snapshot.
 class Saver {
  public:
-  Saver(const std::string& dir, int work, std::string* error)
+  Saver(const std::string& dir, int work, Error* error)
       : shown_(dir + "/"), work_(work), error_(error) {}
 
-  bool fail(const std::string& what) {
-    *error_ = what + ": " + std::strerror(errno);
-    return false;
+  // `what` failed on `path`, relative to the snapshot, for errno's reason.
+  bool failed(const char* what, const std::string& path) {
+    return fail(error_, shown_ + path, std::strerror(errno), what);
   }
 
   // Makes the folders of `path` (relative to the snapshot) that are not
@@ -54,7 +54,7 @@ class Saver {
       at = path.find('/', at + 1);
       const std::string part = path.substr(0, at);
       if (::mkdirat(work_, part.c_str(), 0755) != 0 && errno != EEXIST)
-        return fail("cannot create " + shown_ + part);
+        return failed("cannot create", part);
     }
     return true;
   }
@@ -62,7 +62,7 @@ class Saver {
   bool write(const std::string& path, const std::string& data) {
     const int fd =
         ::openat(work_, path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644);
-    if (fd < 0) return fail("cannot create " + shown_ + path);
+    if (fd < 0) return failed("cannot create", path);
     std::size_t done = 0;
     while (done < data.size()) {
       const ssize_t n = ::write(fd, data.data() + done, data.size() - done);
@@ -71,18 +71,18 @@ class Saver {
         const int saved = n == 0 ? ENOSPC : errno;
         ::close(fd);
         errno = saved;
-        return fail("cannot write " + shown_ + path);
+        return failed("cannot write", path);
       }
       done += static_cast<std::size_t>(n);
     }
-    if (::close(fd) != 0) return fail("cannot write " + shown_ + path);
+    if (::close(fd) != 0) return failed("cannot write", path);
     return true;
   }
 
  private:
   std::string shown_;
   int work_;
-  std::string* error_;
+  Error* error_;
 };
 
 // The names in the folder open as `fd`, without "." and "..".
@@ -149,9 +149,9 @@ bool saveRecorded(Saver& saver, const RecordingMachine& recording) {
 // Everything into the working folder `work`, then each of its entries into
 // place, the metadata last; *moved names those moved.
 bool saveInto(const std::string& dir, int root, int work, const RecordingMachine& recording,
-              const std::string& savedBy, std::vector<std::string>* moved, std::string* error) {
+              const std::string& savedBy, std::vector<std::string>* moved, Error* error) {
   Saver saver(dir, work, error);
-  if (work < 0) return saver.fail("cannot open " + dir + "/" + kWork);
+  if (work < 0) return saver.failed("cannot open", kWork);
   const SavedMachine& s = recording.saved();
   SnapshotMetadata metadata;
   metadata.configured = s.configured.value_or(-1);
@@ -160,12 +160,13 @@ bool saveInto(const std::string& dir, int root, int work, const RecordingMachine
   metadata.vmwareBackdoor = s.vmwareBackdoor;
   std::vector<std::string> parts;
   if (!saveRecorded(saver, recording)) return false;
-  if (!names(work, &parts)) return saver.fail("cannot list " + dir + "/" + kWork);
+  if (!names(work, &parts)) return saver.failed("cannot list", kWork);
   parts.push_back("xrprocdetect.json");
   if (!saver.write("xrprocdetect.json", formatMetadata(metadata, savedBy))) return false;
   for (const std::string& part : parts) {
     if (::renameat(work, part.c_str(), root, part.c_str()) != 0)
-      return saver.fail("cannot move " + dir + "/" + kWork + "/" + part + " into place");
+      return fail(error, dir + "/" + kWork + "/" + part + " into place", std::strerror(errno),
+                  "cannot move");
     moved->push_back(part);
   }
   return true;
@@ -176,29 +177,29 @@ bool saveInto(const std::string& dir, int root, int work, const RecordingMachine
 // that descriptor. The directory itself is removed when this save made it
 // and it is still the one opened.
 bool save(const std::string& dir, const RecordingMachine& recording, const std::string& savedBy,
-          std::string* error) {
+          Error* error) {
   const bool created = ::mkdir(dir.c_str(), 0755) == 0;
   if (!created && errno != EEXIST)
-    return failWith(error, "cannot create " + dir + ": " + std::strerror(errno));
+    return fail(error, dir, std::strerror(errno), "cannot create");
   const Fd root(::open(dir.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   struct stat opened, now;
   if (root.get() < 0 && ::lstat(dir.c_str(), &now) == 0 && S_ISLNK(now.st_mode))
-    return failWith(error, dir +
-                               ": a symbolic link; a snapshot goes into a new or empty "
-                               "directory, named itself rather than through a link");
-  if (root.get() < 0) return failWith(error, "cannot open " + dir + ": " + std::strerror(errno));
+    return fail(error, dir,
+                "a symbolic link; a snapshot goes into a new or empty directory, named itself "
+                "rather than through a link");
+  if (root.get() < 0) return fail(error, dir, std::strerror(errno), "cannot open");
   std::vector<std::string> found, moved;
   if (!names(root.get(), &found)) {
-    *error = "cannot open " + dir + ": " + std::strerror(errno);
+    fail(error, dir, std::strerror(errno), "cannot open");
   } else if (!found.empty()) {
-    *error = dir + ": not empty; a snapshot goes into a new or empty directory";
+    fail(error, dir, "not empty; a snapshot goes into a new or empty directory");
   } else if (::mkdirat(root.get(), kWork, 0755) != 0) {
-    *error = "cannot create " + dir + "/" + kWork + ": " + std::strerror(errno);
+    fail(error, dir + "/" + kWork, std::strerror(errno), "cannot create");
   } else {
     const Fd work(::openat(root.get(), kWork, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     if (saveInto(dir, root.get(), work.get(), recording, savedBy, &moved, error)) {
       if (::unlinkat(root.get(), kWork, AT_REMOVEDIR) == 0) return true;
-      *error = "cannot remove " + dir + "/" + kWork + ": " + std::strerror(errno);
+      fail(error, dir + "/" + kWork, std::strerror(errno), "cannot remove");
     }
     clear(work.get());
     ::unlinkat(root.get(), kWork, AT_REMOVEDIR);
@@ -214,12 +215,11 @@ bool save(const std::string& dir, const RecordingMachine& recording, const std::
 }  // namespace
 
 bool writeSnapshot(const std::string& dir, const RecordingMachine& recording,
-                   const std::string& savedBy, std::string* error) noexcept {
+                   const std::string& savedBy, Error* error) noexcept {
   try {
     return save(dir, recording, savedBy, error);
   } catch (const std::bad_alloc&) {
-    *error = dir + ": out of memory";
-    return false;
+    return fail(error, dir, "out of memory");
   }
 }
 

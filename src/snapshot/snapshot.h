@@ -23,13 +23,13 @@ namespace detail {
 // (and the line) that is to blame, when a part that is there cannot be read
 // or is malformed, when the directory holds no part of a snapshot, or when
 // it is a save that did not finish. Never throws.
-bool loadSnapshot(const std::string& dir, SavedMachine* saved, std::string* error) noexcept;
+bool loadSnapshot(const std::string& dir, SavedMachine* saved, Error* error) noexcept;
 
 // Writes into `dir` (new, or an empty directory; never a symbolic link)
 // what `recording` read; `savedBy` goes into the metadata. A save that
 // fails removes what it wrote. Never throws.
 bool writeSnapshot(const std::string& dir, const RecordingMachine& recording,
-                   const std::string& savedBy, std::string* error) noexcept;
+                   const std::string& savedBy, Error* error) noexcept;
 
 }  // namespace detail
 }  // namespace xrprocdetector

@@ -41,7 +41,7 @@ bad wrong-format 'echo "{\"format\": \"other\"}" >xrprocdetect.json' \
 bad version-2 'printf "{\"format\": \"xrprocdetect-snapshot\",\n\"version\": 2}" >xrprocdetect.json' \
   's/xrprocdetect.json line 2: version 2 is not 1, the version this build reads'
 bad missing-key "echo '$j \"onlineProcessors\": 2, \"affinity\": \"0-1\"}' >xrprocdetect.json" \
-  's/xrprocdetect.json the key "vmwareBackdoor" is missing'
+  's/xrprocdetect.json: the key "vmwareBackdoor" is missing'
 bad key-twice "echo '$j \"configuredProcessors\": 3}' >xrprocdetect.json" \
   's/xrprocdetect.json line 1: the key "configuredProcessors" is given twice'
 bad fraction "echo '{\"configuredProcessors\": 2.5}' >xrprocdetect.json" \

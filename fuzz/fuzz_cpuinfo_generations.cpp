@@ -16,8 +16,8 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   static FILE* const out = std::fopen("/dev/null", "w");
-  const testsupport::CpuinfoMachine redirect(testsupport::CpuinfoMachine::kText,
-                                   std::string(reinterpret_cast<const char*>(data), size));
+  const testsupport::CpuinfoMachine redirect(
+      testsupport::CpuinfoMachine::kText, std::string(reinterpret_cast<const char*>(data), size));
   XrProcDetectorLegacy_6x v60(tzDebugTrace, 0, tzProcInfo60, out, nullptr);
   XrProcDetectorLegacy_6x v61(tzDebugTrace, 0, tzProcInfo61, out, nullptr);
   XrProcDetectorLinux32_70 v70(tzDebugTrace, 0, out, nullptr);

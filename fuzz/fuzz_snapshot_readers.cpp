@@ -28,12 +28,13 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   std::vector<unsigned> processors;
   if (dt::parseProcessorList(text, dt::kKernelMaxProcessors, &processors, &error)) {
     for (std::size_t i = 0; i < processors.size(); ++i) {
-      if (processors[i] >= dt::kKernelMaxProcessors || (i > 0 && processors[i] <= processors[i - 1]))
+      if (processors[i] >= dt::kKernelMaxProcessors ||
+          (i > 0 && processors[i] <= processors[i - 1]))
         std::abort();
     }
     std::vector<unsigned> again;
-    if (!dt::parseProcessorList(dt::formatProcessorList(processors), dt::kKernelMaxProcessors, &again,
-                                &error) ||
+    if (!dt::parseProcessorList(dt::formatProcessorList(processors), dt::kKernelMaxProcessors,
+                                &again, &error) ||
         again != processors)
       std::abort();
   }
@@ -41,7 +42,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   // A CPU mask's processors come out in order and within the limit.
   if (dt::parseCpuMask(text, dt::kKernelMaxProcessors, &processors, &error)) {
     for (std::size_t i = 0; i < processors.size(); ++i) {
-      if (processors[i] >= dt::kKernelMaxProcessors || (i > 0 && processors[i] <= processors[i - 1]))
+      if (processors[i] >= dt::kKernelMaxProcessors ||
+          (i > 0 && processors[i] <= processors[i - 1]))
         std::abort();
     }
   }

@@ -14,8 +14,8 @@
 
 #include <xrprocdetector/detect.h>
 
-#include "support/scripted_hardware.h"
 #include "machine/machine.h"
+#include "support/scripted_hardware.h"
 
 namespace {
 

@@ -51,7 +51,7 @@ TEST(Generations, WholeDetection) {
         number("allowed", "0xF"));
     scripted::affinityUnreadable = run["affinity"] == "unreadable";
     const testsupport::CpuinfoMachine redirect(testsupport::CpuinfoMachine::kFile,
-                                     testsupport::fixture(run["fixture"] + ".cpuinfo"));
+                                               testsupport::fixture(run["fixture"] + ".cpuinfo"));
     testsupport::OutputCapture capture;
     const auto level = tz_debuglevel(number("level"));
     const auto index = __tz_procInfoIndex(number("index"));

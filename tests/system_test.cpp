@@ -76,7 +76,8 @@ TEST(RealMachine, ScansOfACpuinfoThatCannotBeOpenedNeverReturn) {
   for (const char* generation : {"6.0", "6.1", "7.0", "default"}) {
     children.push_back(fork());
     if (children.back() == 0) {
-      const testsupport::CpuinfoMachine redirect(testsupport::CpuinfoMachine::kFile, testsupport::fixture("missing"));
+      const testsupport::CpuinfoMachine redirect(testsupport::CpuinfoMachine::kFile,
+                                                 testsupport::fixture("missing"));
       testsupport::makeDetector(generation, tzDebugNone, nullptr)->getProcData();
       _exit(0);
     }
@@ -111,8 +112,8 @@ std::string describe(const Topology& t) {
   }
   for (const CoreKindSet& k : t.coreKinds)
     out << " " << k.kind << k.rank << "," << k.cores << describe(k.processors);
-  out << " smt " << (t.smt ? static_cast<int>(*t.smt) : -1) << " quota "
-      << t.cpuQuota.value_or(-1) << " effective " << t.effectiveProcessors.value_or(-1) << " vm "
+  out << " smt " << (t.smt ? static_cast<int>(*t.smt) : -1) << " quota " << t.cpuQuota.value_or(-1)
+      << " effective " << t.effectiveProcessors.value_or(-1) << " vm "
       << (t.hypervisor ? static_cast<int>(*t.hypervisor) : -1) << " "
       << t.hypervisorVendor.value_or("-") << " " << t.virtualizationType.value_or("-") << " "
       << t.container.value_or("-") << " missing " << t.missing << " error " << t.error;

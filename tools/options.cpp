@@ -150,8 +150,8 @@ std::string combinationError(const Options& o, bool algorithmGiven) {
     return std::string(o.check ? "--check" : "--tally") +
            " compares with the kernel's topology, which a saved /proc/cpuinfo does not hold; "
            "use --snapshot";
-  if (o.cpus && (o.all || algorithmGiven || o.json || o.summary || o.check || o.tally ||
-                 !o.cpuinfo.empty()))
+  if (o.cpus &&
+      (o.all || algorithmGiven || o.json || o.summary || o.check || o.tally || !o.cpuinfo.empty()))
     return "--cpus prints the processors of this machine or of snapshots; give it alone or "
            "with --snapshot";
   if (o.tally && (o.json || o.summary))

@@ -39,8 +39,8 @@ std::string cpuLines(const Topology& t) {
   for (const Processor& p : t.processors) {
     const std::string kind = p.kind < 0 ? "" : t.coreKinds[static_cast<std::size_t>(p.kind)].kind;
     out += std::to_string(p.cpu) + "," + field(p.package) + "," + field(p.die) + "," +
-           field(p.core) + "," + field(p.thread) + "," + kind + "," + (p.online ? "Y" : "N") +
-           "," + (p.usable ? "Y" : "N") + "\n";
+           field(p.core) + "," + field(p.thread) + "," + kind + "," + (p.online ? "Y" : "N") + "," +
+           (p.usable ? "Y" : "N") + "\n";
   }
   return out;
 }

@@ -261,8 +261,9 @@ struct Topology {
   /// "lxc", "systemd-nspawn", ...; "kubernetes" for a pod), "none" on
   /// evidence, nothing where nothing tells.
   std::optional<std::string> container;
-  std::string missing;  ///< what the kernel's files lack, such as "no sys/devices/system/cpu/online"
-  std::string error;    ///< the first broken file, named; the fields it did not feed are kept
+  std::string
+      missing;        ///< what the kernel's files lack, such as "no sys/devices/system/cpu/online"
+  std::string error;  ///< the first broken file, named; the fields it did not feed are kept
 };
 
 /// Reads the live machine (its /sys, /proc and CPUID, and the calling

@@ -114,7 +114,8 @@ void run(Generation g, const SourceData& source, const DetectOptions& options, D
     d.endedBy = d.counted ? Strategy::kCpuinfo : Strategy::kNone;
     if (!d.counted) d.note = "no physical id; a live run goes on to the CPUID estimate";
   } else if (g == Generation::kDefault) {
-    d.result = detail::runDefaultDetection(static_cast<XrProcDetectorLinux32&>(*detector), &d.endedBy);
+    d.result =
+        detail::runDefaultDetection(static_cast<XrProcDetectorLinux32&>(*detector), &d.endedBy);
     d.counted = true;
   } else {
     d.result = detector->getProcData();
@@ -149,8 +150,8 @@ void lacks(Generation g, const SourceData& source, const detail::Missing& missin
   const Strategy reached = d.endedBy;
   d = fresh(d);
   if (source.kind == Source::Kind::kLive) {
-    d.error = missing.what + "; generation " + infoOf(g).name +
-              " would never return, so it is not run";
+    d.error =
+        missing.what + "; generation " + infoOf(g).name + " would never return, so it is not run";
   } else if (g == Generation::kDefault && reached == Strategy::kCpuid) {
     d.note = "no physical id; the CPUID estimate needs " + missing.what + ", which " +
              source.saved.holder + " does not hold";
@@ -317,7 +318,6 @@ Agreement compare(const Detection& d, const KernelTopology& k) noexcept {
   a.hypervisor = same(hypervisorOf(d), k.hypervisor);
   return a;
 }
-
 
 namespace {
 

@@ -3,8 +3,8 @@
 #include <unistd.h>
 
 #include "legacy/cpuinfo_walk.h"
-#include "legacy/word_reader.h"
 #include "legacy/legacy.h"
+#include "legacy/word_reader.h"
 #include "machine/machine.h"
 
 using xrprocdetector::detail::machine;

@@ -132,8 +132,10 @@ bool readQuota(SystemRoot& root, const std::string& dir, bool v2, long* quota, l
         wholeNumber(text.substr(blank + 1), kMinPeriod, kMaxPeriod, period) &&
         (max == "max" || wholeNumber(max, kMinPeriod, kMaxQuota, quota)))
       return max != "max";
-    root.fail(file, "line 1: not \"max PERIOD\" or \"QUOTA PERIOD\" with a period from 1000 to "
-                    "1000000 and a quota from 1000 to " + most);
+    root.fail(file,
+              "line 1: not \"max PERIOD\" or \"QUOTA PERIOD\" with a period from 1000 to "
+              "1000000 and a quota from 1000 to " +
+                  most);
     return false;
   }
   if (root.number(file, quota, -1, kMaxQuota) != Read::kOk || *quota == -1) return false;
@@ -169,9 +171,8 @@ CgroupLimits readCgroupLimits(SystemRoot& root) {
     for (const Mount& m : mounts) {
       const bool v2 = (controller.empty() || named) && m.type == "cgroup2";
       const bool old = named && m.type == "cpuset";
-      const bool v1 = m.type == "cgroup" &&
-                      m.options.find("," + (named ? "cpuset" : controller) + ",") !=
-                          std::string::npos;
+      const bool v1 = m.type == "cgroup" && m.options.find("," + (named ? "cpuset" : controller) +
+                                                           ",") != std::string::npos;
       if (!v2 && !old && !v1) continue;
       const std::vector<std::string> dirs = chain(m, path);
       if (!named && (v2 || controller == "cpu")) {

@@ -72,8 +72,8 @@ std::vector<CoreKindSet> coreKinds(SystemRoot& root, const Topology& t) {
   Ranks ranks;
   if (t.cores.empty()) return {};
   if (!byKernelLists(root, &ranks)) {
-    const bool found = (ranks.clear(), byBaseFrequency(root, t, &ranks)) ||
-                       (ranks.clear(), byCpuid(t, &ranks));
+    const bool found =
+        (ranks.clear(), byBaseFrequency(root, t, &ranks)) || (ranks.clear(), byCpuid(t, &ranks));
     if (!found) return {};
   }
   std::map<long, CoreKindSet> kinds;

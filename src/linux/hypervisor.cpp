@@ -1,7 +1,7 @@
 // Whether the machine is virtual, and whose; and whether the process runs
 // in a container, and which.
-#include <cstdlib>
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
 #include <sstream>
 
@@ -88,15 +88,16 @@ const char* pciHint(SystemRoot& root) {
 // dumps. Null when nothing tells.
 const char* cpuidVendor() {
   static const char* const kSignatures[][2] = {
-      {"KVMKVMKVM", "KVM"},       {"Microsoft Hv", "Microsoft"}, {"VMwareVMware", "VMware"},
-      {"XenVMMXenVMM", "Xen"},    {"VBoxVBoxVBox", "Oracle"},    {"TCGTCGTCGTCG", "QEMU"},
-      {" lrpepyh  vr", "Parallels"}, {"bhyve bhyve ", "bhyve"},  {"ACRNACRNACRN", "ACRN"}};
+      {"KVMKVMKVM", "KVM"},          {"Microsoft Hv", "Microsoft"}, {"VMwareVMware", "VMware"},
+      {"XenVMMXenVMM", "Xen"},       {"VBoxVBoxVBox", "Oracle"},    {"TCGTCGTCGTCG", "QEMU"},
+      {" lrpepyh  vr", "Parallels"}, {"bhyve bhyve ", "bhyve"},     {"ACRNACRNACRN", "ACRN"}};
   try {
     Machine& m = machine();
     if ((m.cpuid(1, 0).ecx >> 31) == 0) return nullptr;
     const CpuidRegisters r = m.cpuid(0x40000000, 0);
     char name[13] = {};
-    std::memcpy(name, &r.ebx, 4), std::memcpy(name + 4, &r.ecx, 4), std::memcpy(name + 8, &r.edx, 4);
+    std::memcpy(name, &r.ebx, 4), std::memcpy(name + 4, &r.ecx, 4),
+        std::memcpy(name + 8, &r.edx, 4);
     for (const auto& [signature, vendor] : kSignatures) {
       if (std::strcmp(name, signature) == 0) return vendor;
     }
@@ -107,11 +108,16 @@ const char* cpuidVendor() {
 
 // The vendor the DMI strings name, as lscpu reads them.
 const char* dmiVendor(const std::string& dmi) {
-  static const char* const kNames[][2] = {
-      {"VMware", "VMware"},       {"innotek GmbH", "Oracle"}, {"VirtualBox", "Oracle"},
-      {"Virtual Machine", "Microsoft"}, {"Parallels", "Parallels"}, {"BHYVE", "bhyve"},
-      {"Xen", "Xen"},             {"KVM", "KVM"},             {"QEMU", "QEMU"},
-      {"Bochs", ""}};
+  static const char* const kNames[][2] = {{"VMware", "VMware"},
+                                          {"innotek GmbH", "Oracle"},
+                                          {"VirtualBox", "Oracle"},
+                                          {"Virtual Machine", "Microsoft"},
+                                          {"Parallels", "Parallels"},
+                                          {"BHYVE", "bhyve"},
+                                          {"Xen", "Xen"},
+                                          {"KVM", "KVM"},
+                                          {"QEMU", "QEMU"},
+                                          {"Bochs", ""}};
   for (const auto& [name, vendor] : kNames) {
     if (contains(dmi, name)) return vendor;
   }
@@ -173,9 +179,12 @@ std::optional<std::string> container() {
   }
   if (m.file("run/.containerenv", kSmallFileCap, &text, &why) == Read::kOk) return "podman";
   if (m.file(".dockerenv", kSmallFileCap, &text, &why) == Read::kOk) return "docker";
-  static const char* const kPaths[][2] = {
-      {"kubepods", "kubernetes"}, {"/docker", "docker"}, {"docker-", "docker"},
-      {"libpod", "podman"},       {"/lxc", "lxc"},       {"machine.slice/systemd-nspawn", "systemd-nspawn"}};
+  static const char* const kPaths[][2] = {{"kubepods", "kubernetes"},
+                                          {"/docker", "docker"},
+                                          {"docker-", "docker"},
+                                          {"libpod", "podman"},
+                                          {"/lxc", "lxc"},
+                                          {"machine.slice/systemd-nspawn", "systemd-nspawn"}};
   if (m.file("proc/self/cgroup", kTableCap, &text, &why) == Read::kOk) {
     for (const auto& [part, name] : kPaths) {
       if (contains(text, part)) return std::string(name);

@@ -95,7 +95,9 @@ void placeAll(SystemRoot& cpus, Topology& t, int* maxThreads) {
     place(cpus, p, packageKeys, coreKeys);
     packagesKnown = packagesKnown && p.package >= 0;
     coresKnown = coresKnown && p.core >= 0;
-    if (p.package >= 0) packages.resize(packageKeys.size()), packages[static_cast<std::size_t>(p.package)].push_back(p.cpu);
+    if (p.package >= 0)
+      packages.resize(packageKeys.size()),
+          packages[static_cast<std::size_t>(p.package)].push_back(p.cpu);
     if (p.core < 0) continue;
     cores.resize(coreKeys.size());
     auto& threads = cores[static_cast<std::size_t>(p.core)];

@@ -126,8 +126,7 @@ class TreeMachine : public Machine {
   TreeMachine(const TreeMachine&) = delete;
   TreeMachine& operator=(const TreeMachine&) = delete;
 
-  Read file(const std::string& path, std::size_t cap, std::string* text,
-            std::string* why) override;
+  Read file(const std::string& path, std::size_t cap, std::string* text, std::string* why) override;
   Read entries(const std::string& path, std::vector<std::string>* names) override;
   bool exists(const std::string& path) override;
   std::string shown(const std::string& path) const override;
@@ -198,8 +197,7 @@ class ReplayMachine : public TreeMachine {
 class RecordingMachine : public Machine {
  public:
   explicit RecordingMachine(Machine& inner);
-  Read file(const std::string& path, std::size_t cap, std::string* text,
-            std::string* why) override;
+  Read file(const std::string& path, std::size_t cap, std::string* text, std::string* why) override;
   Read entries(const std::string& path, std::vector<std::string>* names) override;
   bool exists(const std::string& path) override { return inner_.exists(path); }
   std::string shown(const std::string& path) const override { return inner_.shown(path); }

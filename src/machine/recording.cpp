@@ -95,8 +95,8 @@ CpuinfoStream RecordingMachine::cpuinfo() {
   const int why = errno;
   if (s.fd >= 0) ::close(s.fd);
   if (!read) {
-    failures_["proc/cpuinfo"] = std::string(s.fd < 0 ? "cannot open: " : "cannot read: ") +
-                                std::strerror(why);
+    failures_["proc/cpuinfo"] =
+        std::string(s.fd < 0 ? "cannot open: " : "cannot read: ") + std::strerror(why);
     throw Missing{"/proc/cpuinfo"};
   }
   files_["proc/cpuinfo"] = text;
@@ -137,8 +137,9 @@ bool RecordingMachine::dumpEveryProcessor(Error* error) {
   bool ok = true;
   for (const unsigned p : *saved_.affinity) {
     if (!inner_.pin(CpuSet({p}))) {
-      ok = fail(error, "", "cannot pin the thread to processor " + std::to_string(p) + ": " +
-                               std::strerror(errno));
+      ok = fail(
+          error, "",
+          "cannot pin the thread to processor " + std::to_string(p) + ": " + std::strerror(errno));
       break;
     }
     // The whole dump, then each answer the readers had that it would not give.

@@ -27,8 +27,7 @@ Read readPart(TreeMachine& root, const std::string& path, std::size_t cap, std::
 // cpuid/puN (or the folder's own puN, for a CPUID folder given alone). Any
 // other name ("pu0.txt", "info") is no dump; a dump whose number is not in
 // canonical form or above the limit is refused.
-bool loadDumps(TreeMachine& root, const std::string& folder, SavedMachine* s,
-               Error* error) {
+bool loadDumps(TreeMachine& root, const std::string& folder, SavedMachine* s, Error* error) {
   std::vector<std::string> names;
   const Read listed = root.entries(folder, &names);
   if (listed == Read::kFailed) fail(error, root.shown(folder), std::strerror(errno));
@@ -55,8 +54,7 @@ bool loadDumps(TreeMachine& root, const std::string& folder, SavedMachine* s,
   return true;
 }
 
-bool loadMetadata(TreeMachine& root, const std::string& text, SavedMachine* s,
-                  Error* error) {
+bool loadMetadata(TreeMachine& root, const std::string& text, SavedMachine* s, Error* error) {
   SnapshotMetadata m;
   std::string why;
   if (!parseMetadata(text, &m, &why)) return fail(error, root.shown("xrprocdetect.json"), why);
@@ -102,9 +100,10 @@ bool load(const std::string& dir, SavedMachine* s, Error* error) {
   const bool cpuidAlone = root.exists("pu0") && !root.exists("proc/cpuinfo");
   if (!cpuidAlone && !root.exists("proc/cpuinfo") && !root.exists("sys/devices/system/cpu") &&
       !root.exists("cpuid") && !root.exists("xrprocdetect.json")) {
-    return fail(error, "", "not a snapshot: " + dir +
-                               " holds none of proc/cpuinfo, sys/devices/system/cpu, cpuid/ and "
-                               "xrprocdetect.json");
+    return fail(error, "",
+                "not a snapshot: " + dir +
+                    " holds none of proc/cpuinfo, sys/devices/system/cpu, cpuid/ and "
+                    "xrprocdetect.json");
   }
   std::string text;
   Read r = readPart(root, "proc/cpuinfo", kCpuinfoCap, &text, error);

@@ -179,8 +179,7 @@ bool saveInto(const std::string& dir, int root, int work, const RecordingMachine
 bool save(const std::string& dir, const RecordingMachine& recording, const std::string& savedBy,
           Error* error) {
   const bool created = ::mkdir(dir.c_str(), 0755) == 0;
-  if (!created && errno != EEXIST)
-    return fail(error, dir, std::strerror(errno), "cannot create");
+  if (!created && errno != EEXIST) return fail(error, dir, std::strerror(errno), "cannot create");
   const Fd root(::open(dir.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   struct stat opened, now;
   if (root.get() < 0 && ::lstat(dir.c_str(), &now) == 0 && S_ISLNK(now.st_mode))

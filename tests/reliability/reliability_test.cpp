@@ -49,7 +49,8 @@ TEST(Reliability, HeapIsAsBeforeOnceTheDetectorIsGone) {
       EXPECT_EQ(result, 0);
       EXPECT_NEAR(double(after.uordblks + after.hblkhd), double(before.uordblks + before.hblkhd),
                   64)
-          << generation << (kind == testsupport::CpuinfoMachine::kText ? " from a text" : " from a file");
+          << generation
+          << (kind == testsupport::CpuinfoMachine::kText ? " from a text" : " from a file");
     }
   }
 }
@@ -58,8 +59,8 @@ TEST(Reliability, HeapIsAsBeforeOnceTheDetectorIsGone) {
 static void* detectAll(void* all) {
   for (const char* file :
        {"two-socket-amd-smt-32", "vm-no-physical-id-4", "300-processors", "empty"}) {
-    const testsupport::CpuinfoMachine redirect(testsupport::CpuinfoMachine::kFile,
-                                     testsupport::fixture(file + std::string(".cpuinfo")));
+    const testsupport::CpuinfoMachine redirect(
+        testsupport::CpuinfoMachine::kFile, testsupport::fixture(file + std::string(".cpuinfo")));
     for (const char* generation : {"5.3", "6.0", "6.1", "7.0", "default"}) {
       auto detector = testsupport::makeDetector(generation, tzDebugNone, nullptr);
       const int result = detector->getProcData();

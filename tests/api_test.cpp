@@ -191,6 +191,25 @@ TEST(Parsers, PathsUnderARootResolveInsideIt) {
   ::close(root);
 }
 
+TEST(CpuSets, ListsReadBackAsWrittenAndSetsIntersect) {
+  for (const char* list : {"", "0", "0-3,8", "1,3,5-7", "8191"}) {
+    const auto set = CpuSet::fromList(list);
+    ASSERT_TRUE(set) << list;
+    EXPECT_EQ(set->toList(), list);
+  }
+  EXPECT_EQ(CpuSet::fromList("0-3\n")->toList(), "0-3");
+  for (const char* bad : {"8192", "3-1", "0,0", "a", "1,", "-1", "0-8192"})
+    EXPECT_FALSE(CpuSet::fromList(bad)) << bad;
+  const CpuSet a({5, 1, 3, 3, 8000});
+  EXPECT_EQ(a.count(), 4u);
+  EXPECT_TRUE(a.contains(8000));
+  EXPECT_FALSE(a.contains(2));
+  EXPECT_EQ(std::vector<unsigned>(a.begin(), a.end()), (std::vector<unsigned>{1, 3, 5, 8000}));
+  EXPECT_EQ((a & *CpuSet::fromList("0-4")).toList(), "1,3");
+  EXPECT_TRUE((a & CpuSet()).empty());
+  EXPECT_NE(a, CpuSet({1, 3, 5}));
+}
+
 TEST(Parsers, ListsMasksAndJsonStrings) {
   namespace dt = xrprocdetector::detail;
   std::vector<unsigned> cpus;

@@ -77,28 +77,14 @@ namespace {
 
 // The options that only switch something on.
 bool Options::*flagOf(int c) {
-  switch (c) {
-    case 'J':
-      return &Options::json;
-    case 'h':
-      return &Options::help;
-    case 'V':
-      return &Options::version;
-    case kAll:
-      return &Options::all;
-    case kCheck:
-      return &Options::check;
-    case kTally:
-      return &Options::tally;
-    case kCpus:
-      return &Options::cpus;
-    case kEcho:
-      return &Options::echo;
-    case kSummary:
-      return &Options::summary;
-    default:
-      return nullptr;
+  static const std::pair<int, bool Options::*> kFlags[] = {
+      {'J', &Options::json},       {'h', &Options::help},     {'V', &Options::version},
+      {kAll, &Options::all},       {kCheck, &Options::check}, {kTally, &Options::tally},
+      {kCpus, &Options::cpus},     {kEcho, &Options::echo},   {kSummary, &Options::summary}};
+  for (const auto& [option, flag] : kFlags) {
+    if (option == c) return flag;
   }
+  return nullptr;
 }
 
 // An option with a value (`written` as the user wrote it); the error, or "".

@@ -34,20 +34,12 @@ void flagsLine(const std::string& cpuinfo, bool* there, bool* flag) {
 // The vendors of the virtual PCI devices that hypervisors give their
 // guests, by PCI vendor id; virtio's (0x1af4) names no one hypervisor.
 const char* pciVendor(unsigned long vendor) {
-  switch (vendor) {
-    case 0x15ad:
-      return "VMware";
-    case 0x80ee:
-      return "Oracle";
-    case 0x5853:
-      return "Xen";
-    case 0x1414:
-      return "Microsoft";
-    case 0x1af4:
-      return "";
-    default:
-      return nullptr;
+  static const std::pair<unsigned long, const char*> kVendors[] = {
+      {0x15ad, "VMware"}, {0x80ee, "Oracle"}, {0x5853, "Xen"}, {0x1414, "Microsoft"}, {0x1af4, ""}};
+  for (const auto& [id, name] : kVendors) {
+    if (id == vendor) return name;
   }
+  return nullptr;
 }
 
 // The hypervisor the PCI devices name: sys/bus/pci/devices/*/vendor, or the

@@ -125,16 +125,11 @@ std::string TreeMachine::shown(const std::string& path) const {
 CpuinfoStream LiveMachine::cpuinfo() {
   CpuinfoStream s;
   s.fd = ::open("/proc/cpuinfo", O_RDONLY | O_CLOEXEC);
-  if (!strict_) return s;
-  // A scan of a file that cannot be read never ends: say so instead.
+  // A scan of a file that cannot be read never ends: say so instead. A
+  // byte read at its start, which the scan reads again, tells.
   char byte = 0;
-  ssize_t n = -1;
-  const int probe = ::open("/proc/cpuinfo", O_RDONLY | O_CLOEXEC);
-  while (probe >= 0 && (n = ::read(probe, &byte, 1)) < 0 && errno == EINTR) {
-  }
+  if (!strict_ || (s.fd >= 0 && ::pread(s.fd, &byte, 1, 0) >= 0)) return s;
   const int why = errno;
-  if (probe >= 0) ::close(probe);
-  if (s.fd >= 0 && n >= 0) return s;
   if (s.fd >= 0) ::close(s.fd);
   throw Missing{std::string("cannot read /proc/cpuinfo (") + std::strerror(why) + ")"};
 }

@@ -145,48 +145,28 @@ bool parseProcessorList(std::string_view text, unsigned limit, std::vector<unsig
   processors->clear();
   // One line; its end is optional.
   if (!text.empty() && text.back() == '\n') text.remove_suffix(1);
-  if (text.empty()) return true;
-  std::size_t pos = 0;
-  auto number = [&](unsigned* value) {
-    const std::size_t from = pos;
-    unsigned v = 0;
-    while (pos < text.size() && text[pos] >= '0' && text[pos] <= '9') {
-      v = v * 10 + static_cast<unsigned>(text[pos] - '0');
-      if (v >= limit) return false;
-      ++pos;
-    }
-    *value = v;
-    return pos > from;
-  };
-  for (;;) {
-    unsigned first = 0;
-    unsigned end = 0;
-    bool ok = number(&first);
-    end = first;
-    if (ok && pos < text.size() && text[pos] == '-') {
-      ++pos;
-      ok = number(&end) && end >= first;
-    }
-    if (!ok) {
-      // A number stopped before its last digit was too large.
-      const bool tooLarge = pos < text.size() && text[pos] >= '0' && text[pos] <= '9';
-      *error = tooLarge ? "line 1: a processor number above " + std::to_string(limit - 1)
-                        : "line 1: not a processor list such as 0-3,8-11";
-      return false;
-    }
-    if (!processors->empty() && first <= processors->back()) {
-      *error = "line 1: processor numbers are not in increasing order";
-      return false;
-    }
-    for (unsigned p = first; p <= end; ++p)
-      processors->push_back(p);
-    if (pos == text.size()) return true;
-    if (text[pos] != ',') {
-      *error = "line 1: not a processor list such as 0-3,8-11";
-      return false;
-    }
-    ++pos;
+  const std::string list(text);
+  const auto digit = [](char c) { return c >= '0' && c <= '9'; };
+  std::string why;
+  for (const char* p = list.c_str(); *p != '\0' && why.empty();) {
+    char* end = nullptr;
+    const unsigned long first = digit(*p) ? std::strtoul(p, &end, 10) : ULONG_MAX - 1;
+    unsigned long last = first;
+    if (end != nullptr && *end == '-' && digit(end[1])) last = std::strtoul(end + 1, &end, 10);
+    p = end == nullptr ? p : end;
+    if (first == ULONG_MAX - 1 || last < first || (*p != '\0' && (*p != ',' || !digit(p[1]))))
+      why = "not a processor list such as 0-3,8-11";
+    else if (last >= limit)
+      why = "a processor number above " + std::to_string(limit - 1);
+    else if (!processors->empty() && first <= processors->back())
+      why = "processor numbers are not in increasing order";
+    for (unsigned long c = first; why.empty() && c <= last; ++c)
+      processors->push_back(static_cast<unsigned>(c));
+    p += *p == ',' ? 1 : 0;
   }
+  if (why.empty()) return true;
+  *error = "line 1: " + why;
+  return false;
 }
 
 std::string formatProcessorList(const std::vector<unsigned>& processors) {

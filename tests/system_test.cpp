@@ -4,7 +4,6 @@
 #include <sys/wait.h>
 
 #include <filesystem>
-#include <sstream>
 #include <vector>
 
 #include <xrprocdetector/detect.h>
@@ -90,70 +89,3 @@ TEST(RealMachine, ScansOfACpuinfoThatCannotBeOpenedNeverReturn) {
   }
 }
 
-namespace {
-
-using namespace xrprocdetector;
-
-std::string describe(const CpuSet& set) {
-  return "{" + set.toList() + "}";
-}
-
-// Every field of a topology, in words.
-std::string describe(const Topology& t) {
-  std::ostringstream out;
-  out << describe(t.online) << describe(t.present) << describe(t.offline) << describe(t.usable);
-  for (const Processor& p : t.processors)
-    out << " " << p.cpu << ":" << p.package << "," << p.die << "," << p.core << "," << p.thread
-        << "," << p.kind << "," << p.online << p.usable;
-  for (const auto* sets : {&t.packages, &t.cores}) {
-    out << " |";
-    for (const CpuSet& set : *sets)
-      out << describe(set);
-  }
-  for (const CoreKindSet& k : t.coreKinds)
-    out << " " << k.kind << k.rank << "," << k.cores << describe(k.processors);
-  out << " smt " << (t.smt ? static_cast<int>(*t.smt) : -1) << " quota " << t.cpuQuota.value_or(-1)
-      << " effective " << t.effectiveProcessors.value_or(-1) << " vm "
-      << (t.hypervisor ? static_cast<int>(*t.hypervisor) : -1) << " "
-      << t.hypervisorVendor.value_or("-") << " " << t.virtualizationType.value_or("-") << " "
-      << t.container.value_or("-") << " missing " << t.missing << " error " << t.error;
-  return out.str();
-}
-
-// Every field of a detection, its debug lines and summary included.
-std::string describe(const Detection& d) {
-  std::ostringstream out;
-  out << d.counted << " " << d.result << " " << d.packages << " " << d.cores << " "
-      << d.logicalProcessors << " " << static_cast<int>(d.hyperThreading) << " "
-      << static_cast<int>(d.vm) << " "
-      << (d.reportedVerdict ? static_cast<int>(*d.reportedVerdict) : -1) << " "
-      << static_cast<int>(d.endedBy) << " note " << d.note << " error " << d.error << "\n"
-      << d.debug << d.summary;
-  return out.str();
-}
-
-}  // namespace
-
-// A snapshot is a recording of what the readers read: replaying a fresh
-// save gives every reader's live answer, field for field, and the save
-// lists no file of its own.
-TEST(RealMachine, ReplayingAFreshSaveGivesEveryLiveAnswer) {
-  const std::filesystem::path dir =
-      std::filesystem::temp_directory_path() / ("fidelity-" + std::to_string(getpid()));
-  std::filesystem::remove_all(dir);
-  std::string error;
-  ASSERT_TRUE(saveSnapshot(dir.string(), &error)) << error;
-  const std::optional<Source> saved = Source::snapshot(dir.string(), &error);
-  ASSERT_TRUE(saved) << error;
-  DetectOptions options;
-  options.debugLevel = 2;
-  options.summary = true;
-  for (const Generation g :
-       {Generation::k53, Generation::k60, Generation::k61, Generation::k70, Generation::kDefault})
-    EXPECT_EQ(describe(detect(g, Source::live(), options)), describe(detect(g, *saved, options)))
-        << generationName(g);
-  const Topology live = topology();
-  EXPECT_EQ(describe(live), describe(topology(*saved)));
-  EXPECT_FALSE(live.online.empty());
-  std::filesystem::remove_all(dir);
-}

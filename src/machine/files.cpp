@@ -192,10 +192,7 @@ bool parseCpuMask(std::string_view text, unsigned limit, std::vector<unsigned>* 
   for (std::size_t i = text.size(); i-- > 0;) {
     const char c = text[i];
     if (c == ',') continue;
-    const int digit = c >= '0' && c <= '9'   ? c - '0'
-                      : c >= 'a' && c <= 'f' ? c - 'a' + 10
-                      : c >= 'A' && c <= 'F' ? c - 'A' + 10
-                                             : -1;
+    const int digit = hexDigit(c);
     if (digit < 0) {
       *error = "line 1: not a CPU mask such as 00000000,000000ff";
       return false;
@@ -230,6 +227,12 @@ bool numberedName(const std::string& name, const char* prefix, unsigned limit, u
     *n = static_cast<unsigned>(value);
   }
   return true;
+}
+
+int hexDigit(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  return c >= 'A' && c <= 'F' ? c - 'A' + 10 : -1;
 }
 
 std::string Error::text() const {

@@ -70,6 +70,9 @@ Read listFolder(int dirFd, const std::string& path, std::vector<std::string>* na
 bool parseProcessorList(std::string_view text, unsigned limit, std::vector<unsigned>* processors,
                         std::string* error);
 std::string formatProcessorList(const std::vector<unsigned>& processors);
+// The value of a hexadecimal digit, or -1.
+int hexDigit(char c);
+
 // A kernel CPU mask: 32-bit hexadecimal words, most significant first,
 // separated by commas. The processors in increasing order, each below
 // `limit`.

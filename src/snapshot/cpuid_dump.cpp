@@ -24,17 +24,8 @@ bool hexWord(std::string_view word, std::uint32_t* value) {
   if (word.empty() || word.size() > 8) return false;
   std::uint32_t v = 0;
   for (const char c : word) {
-    int digit;
-    if (c >= '0' && c <= '9') {
-      digit = c - '0';
-    } else if (c >= 'a' && c <= 'f') {
-      digit = c - 'a' + 10;
-    } else if (c >= 'A' && c <= 'F') {
-      digit = c - 'A' + 10;
-    } else {
-      return false;
-    }
-    v = v << 4 | static_cast<std::uint32_t>(digit);
+    if (hexDigit(c) < 0) return false;
+    v = v << 4 | static_cast<std::uint32_t>(hexDigit(c));
   }
   *value = v;
   return true;

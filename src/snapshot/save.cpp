@@ -108,35 +108,22 @@ void clear(int fd) {
     remove(fd, name);
 }
 
-// `path` without its "." and ".." components, as a root that ".." cannot
-// leave resolves it: what a recording read through a cgroup namespace's
-// "/../" paths is written inside the snapshot, where a replay finds it.
-std::string inside(const std::string& path) {
-  std::vector<std::string> parts;
-  std::size_t at = 0;
-  for (std::size_t end; at <= path.size(); at = end + 1) {
-    end = std::min(path.find('/', at), path.size());
-    const std::string part = path.substr(at, end - at);
-    if (part == ".." && !parts.empty()) parts.pop_back();
-    if (!part.empty() && part != "." && part != "..") parts.push_back(part);
-  }
-  std::string out;
-  for (const std::string& part : parts)
-    out += (out.empty() ? "" : "/") + part;
-  return out;
-}
-
 // What the recording read, into the working folder: the folders it listed,
 // the files it read, each processor's CPUID dump.
 bool saveRecorded(Saver& saver, const RecordingMachine& recording) {
+  // A path through "..", as a cgroup namespace shows a cgroup outside it,
+  // would lead out of the snapshot: such a file is left out.
+  const auto inside = [](const std::string& path) {
+    return !path.empty() && ("/" + path + "/").find("/../") == std::string::npos;
+  };
   for (const auto& [folder, entries] : recording.folders()) {
-    if (!inside(folder).empty() && !saver.makeDirs(inside(folder))) return false;
+    if (inside(folder) && !saver.makeDirs(folder)) return false;
   }
-  for (const auto& [file, text] : recording.files()) {
-    const std::string path = inside(file);
+  for (const auto& [path, text] : recording.files()) {
     const std::size_t slash = path.rfind('/');
-    if (path.empty() || (slash != std::string::npos && !saver.makeDirs(path.substr(0, slash))) ||
-        !saver.write(path, text))
+    if (inside(path) &&
+        ((slash != std::string::npos && !saver.makeDirs(path.substr(0, slash))) ||
+         !saver.write(path, text)))
       return false;
   }
   if (!saver.makeDirs("cpuid")) return false;

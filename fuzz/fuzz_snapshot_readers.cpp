@@ -48,9 +48,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     }
   }
 
-  dt::SnapshotMetadata metadata;
+  dt::SavedMachine metadata;
   if (dt::parseMetadata(text, &metadata, &error)) {
-    for (const unsigned p : metadata.affinity) {
+    for (const unsigned p : *metadata.affinity) {
       if (p >= dt::kKernelMaxProcessors) std::abort();
     }
   }

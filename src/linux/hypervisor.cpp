@@ -16,19 +16,12 @@ bool contains(const std::string& text, const char* word) {
   return text.find(word) != std::string::npos;
 }
 
-// Whether the first flags line of a /proc/cpuinfo text is there, and
-// whether it names the hypervisor flag.
-void flagsLine(const std::string& cpuinfo, bool* there, bool* flag) {
-  for (std::size_t at = 0; at < cpuinfo.size();) {
-    std::size_t end = cpuinfo.find('\n', at);
-    if (end == std::string::npos) end = cpuinfo.size();
-    if (cpuinfo.compare(at, 5, "flags") == 0) {
-      *there = true;
-      *flag = contains(" " + cpuinfo.substr(at, end - at) + " ", " hypervisor ");
-      return;
-    }
-    at = end + 1;
-  }
+// The first flags line of a /proc/cpuinfo text, between blanks; "" where
+// there is none.
+std::string flagsLine(const std::string& cpuinfo) {
+  const std::size_t at = ("\n" + cpuinfo).find("\nflags");
+  if (at == std::string::npos) return "";
+  return " " + cpuinfo.substr(at, cpuinfo.find('\n', at) - at) + " ";
 }
 
 // The vendors of the virtual PCI devices that hypervisors give their
@@ -100,16 +93,12 @@ const char* cpuidVendor() {
 
 // The vendor the DMI strings name, as lscpu reads them.
 const char* dmiVendor(const std::string& dmi) {
-  static const char* const kNames[][2] = {{"VMware", "VMware"},
-                                          {"innotek GmbH", "Oracle"},
-                                          {"VirtualBox", "Oracle"},
-                                          {"Virtual Machine", "Microsoft"},
-                                          {"Parallels", "Parallels"},
-                                          {"BHYVE", "bhyve"},
-                                          {"Xen", "Xen"},
-                                          {"KVM", "KVM"},
-                                          {"QEMU", "QEMU"},
-                                          {"Bochs", ""}};
+  // clang-format off
+  static const char* const kNames[][2] = {
+      {"VMware", "VMware"}, {"innotek GmbH", "Oracle"}, {"VirtualBox", "Oracle"},
+      {"Virtual Machine", "Microsoft"}, {"Parallels", "Parallels"}, {"BHYVE", "bhyve"},
+      {"Xen", "Xen"}, {"KVM", "KVM"}, {"QEMU", "QEMU"}, {"Bochs", ""}};
+  // clang-format on
   for (const auto& [name, vendor] : kNames) {
     if (contains(dmi, name)) return vendor;
   }
@@ -133,20 +122,19 @@ void hypervisor(SystemRoot& root, Topology& t) {
   const bool xenfs = root.entries("proc/xen", &xen) == Read::kOk;
   const char* dmi = dmiVendor(vendor + "\n" + product);
   const char* pci = pciHint(root);
-  bool there = false;
-  bool flag = false;
-  flagsLine(cpuinfo, &there, &flag);
+  const std::string flags = flagsLine(cpuinfo);
+  const bool flag = contains(flags, " hypervisor ");
   const bool isXen = xenfs || type == "xen";
   const char* named = cpuidVendor();
   if (named == nullptr) named = isXen ? "Xen" : dmi != nullptr ? dmi : pci;
   if (named != nullptr && *named == '\0') named = nullptr;
-  const bool vmware = contains(vendor + product, "VMware") || (pci && !std::strcmp(pci, "VMware"));
-  if (vmware || flag || isXen || dmi || pci) {
+  const bool vmware = named != nullptr && std::strcmp(named, "VMware") == 0;
+  if (vmware || flag || isXen || !type.empty() || dmi || pci) {
     t.hypervisor = vmware ? Hypervisor::kVmware : Hypervisor::kOther;
     if (named != nullptr) t.hypervisorVendor = named;
     // A Xen guest without the hypervisor flag runs paravirtualized.
     if (named != nullptr) t.virtualizationType = isXen && !flag ? "para" : "full";
-  } else if (there) {
+  } else if (!flags.empty()) {
     t.hypervisor = Hypervisor::kNone;
     t.hypervisorVendor = "none";
   }

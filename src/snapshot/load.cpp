@@ -55,14 +55,8 @@ bool loadDumps(TreeMachine& root, const std::string& folder, SavedMachine* s, Er
 }
 
 bool loadMetadata(TreeMachine& root, const std::string& text, SavedMachine* s, Error* error) {
-  SnapshotMetadata m;
   std::string why;
-  if (!parseMetadata(text, &m, &why)) return fail(error, root.shown("xrprocdetect.json"), why);
-  s->configured = m.configured;
-  s->online = m.online;
-  s->affinity = std::move(m.affinity);
-  s->vmwareBackdoor = m.vmwareBackdoor;
-  return true;
+  return parseMetadata(text, s, &why) || fail(error, root.shown("xrprocdetect.json"), why);
 }
 
 // Without the metadata: the counts as glibc takes them from the lists, and

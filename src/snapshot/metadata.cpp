@@ -96,7 +96,7 @@ bool integer(const Token& t, long* value, std::string* error) {
 }
 
 // The value of the known key `k`, into *m.
-bool readValue(const Token& t, int k, SnapshotMetadata* m, std::string* error) {
+bool readValue(const Token& t, int k, SavedMachine* m, std::string* error) {
   long n = 0;
   std::vector<unsigned> cpus;
   std::string why;
@@ -112,14 +112,13 @@ bool readValue(const Token& t, int k, SnapshotMetadata* m, std::string* error) {
                    error));
     case kConfigured:
     case kOnline: {
-      long* count = k == kConfigured ? &m->configured : &m->online;
-      return integer(t, count, error) &&
-             ((*count >= 1 && *count <= kKernelMaxProcessors) ||
-              fail(t,
-                   std::string(kNames[k]) + " " + std::to_string(*count) +
-                       " is not a processor count from 1 to " +
-                       std::to_string(kKernelMaxProcessors),
-                   error));
+      if (!integer(t, &n, error)) return false;
+      (k == kConfigured ? m->configured : m->online) = n;
+      return (n >= 1 && n <= kKernelMaxProcessors) ||
+             fail(t,
+                  std::string(kNames[k]) + " " + std::to_string(n) +
+                      " is not a processor count from 1 to " + std::to_string(kKernelMaxProcessors),
+                  error);
     }
     case kAffinity:
       if (!parseProcessorList(t.text, kKernelMaxProcessors, &cpus, &why))
@@ -148,7 +147,7 @@ bool skipValue(Tokens& tokens, Token t, std::string* error) {
 
 }  // namespace
 
-bool parseMetadata(std::string_view text, SnapshotMetadata* metadata, std::string* error) {
+bool parseMetadata(std::string_view text, SavedMachine* metadata, std::string* error) {
   Tokens tokens(text);
   bool seen[kKeys] = {};
   Token t = tokens.next();

@@ -121,9 +121,8 @@ bool saveRecorded(Saver& saver, const RecordingMachine& recording) {
   }
   for (const auto& [path, text] : recording.files()) {
     const std::size_t slash = path.rfind('/');
-    if (inside(path) &&
-        ((slash != std::string::npos && !saver.makeDirs(path.substr(0, slash))) ||
-         !saver.write(path, text)))
+    if (inside(path) && ((slash != std::string::npos && !saver.makeDirs(path.substr(0, slash))) ||
+                         !saver.write(path, text)))
       return false;
   }
   if (!saver.makeDirs("cpuid")) return false;
@@ -139,17 +138,11 @@ bool saveInto(const std::string& dir, int root, int work, const RecordingMachine
               const std::string& savedBy, std::vector<std::string>* moved, Error* error) {
   Saver saver(dir, work, error);
   if (work < 0) return saver.failed("cannot open", kWork);
-  const SavedMachine& s = recording.saved();
-  SnapshotMetadata metadata;
-  metadata.configured = s.configured.value_or(-1);
-  metadata.online = s.online.value_or(-1);
-  metadata.affinity = s.affinity.value_or(CpuSet());
-  metadata.vmwareBackdoor = s.vmwareBackdoor;
   std::vector<std::string> parts;
   if (!saveRecorded(saver, recording)) return false;
   if (!names(work, &parts)) return saver.failed("cannot list", kWork);
   parts.push_back("xrprocdetect.json");
-  if (!saver.write("xrprocdetect.json", formatMetadata(metadata, savedBy))) return false;
+  if (!saver.write("xrprocdetect.json", formatMetadata(recording.saved(), savedBy))) return false;
   for (const std::string& part : parts) {
     if (::renameat(work, part.c_str(), root, part.c_str()) != 0)
       return fail(error, dir + "/" + kWork + "/" + part + " into place", std::strerror(errno),

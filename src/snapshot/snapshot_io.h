@@ -26,17 +26,11 @@ std::string formatDump(const CpuidDump& dump);
 // A CPUID dump: "mask eax ebx ecx edx => eax ebx ecx edx" in hexadecimal,
 // '#' comments, blank lines. Two different answers for one query fail.
 bool parseCpuidDump(std::string_view text, CpuidDump* lines, std::string* error);
-struct SnapshotMetadata {
-  long configured = 0;
-  long online = 0;
-  CpuSet affinity;
-  bool vmwareBackdoor = false;
-};
 // xrprocdetect.json: one JSON object with the format, version, counts,
-// affinity and VMware keys; other keys are ignored.
-bool parseMetadata(std::string_view text, SnapshotMetadata* metadata, std::string* error);
-// The text of xrprocdetect.json for `metadata`, saved now by `savedBy`.
-std::string formatMetadata(const SnapshotMetadata& metadata, const std::string& savedBy);
+// affinity and VMware keys, into *saved; other keys are ignored.
+bool parseMetadata(std::string_view text, SavedMachine* saved, std::string* error);
+// The text of xrprocdetect.json for `saved`, saved now by `savedBy`.
+std::string formatMetadata(const SavedMachine& saved, const std::string& savedBy);
 
 }  // namespace detail
 }  // namespace xrprocdetector

@@ -33,7 +33,7 @@ std::string formatDump(const CpuidDump& dump) {
   return out;
 }
 
-std::string formatMetadata(const SnapshotMetadata& m, const std::string& savedBy) {
+std::string formatMetadata(const SavedMachine& m, const std::string& savedBy) {
   char when[32];
   const std::time_t now = std::time(nullptr);
   std::tm utc;
@@ -41,8 +41,9 @@ std::string formatMetadata(const SnapshotMetadata& m, const std::string& savedBy
   std::strftime(when, sizeof when, "%Y-%m-%dT%H:%M:%SZ", &utc);
   return "{\n  \"format\": \"xrprocdetect-snapshot\",\n  \"version\": 1,\n"
          "  \"configuredProcessors\": " +
-         std::to_string(m.configured) + ",\n  \"onlineProcessors\": " + std::to_string(m.online) +
-         ",\n  \"affinity\": \"" + m.affinity.toList() +
+         std::to_string(m.configured.value_or(-1)) +
+         ",\n  \"onlineProcessors\": " + std::to_string(m.online.value_or(-1)) +
+         ",\n  \"affinity\": \"" + m.affinity.value_or(CpuSet()).toList() +
          "\",\n  \"vmwareBackdoor\": " + (m.vmwareBackdoor ? "true" : "false") +
          ",\n  \"savedBy\": " + jsonQuoted(savedBy) + ",\n  \"savedAt\": \"" + when + "\"\n}\n";
 }

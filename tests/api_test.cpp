@@ -99,17 +99,6 @@ TEST(Snapshot, AFailedSaveNeverRemovesThroughALinkPutInPlaceOfItsDirectory) {
     EXPECT_EQ(testsupport::readFile((scratch.path / "victim" / part / "file").string()), "mine");
 }
 
-TEST(Kernel, AnEmptyOnlineListCountsNothing) {
-  const Scratch scratch;
-  scratch.write("sys/devices/system/cpu/online", "\n");
-  const auto source = Source::snapshot(scratch.path.string());
-  ASSERT_TRUE(source);
-  const KernelTopology k = kernelTopology(*source);
-  EXPECT_FALSE(k.logicalProcessors || k.packages || k.cores || k.usableProcessors);
-  EXPECT_EQ(k.missing, "sys/devices/system/cpu/online is empty");
-  EXPECT_EQ(k.error, "");
-}
-
 // With standard input closed, the next descriptor opened is 0: a file read,
 // a folder listed or a root's directory may be given it, and it is open
 // like any other.
@@ -175,22 +164,16 @@ TEST(Parsers, PathsUnderARootResolveInsideIt) {
 }
 
 TEST(CpuSets, ListsReadBackAsWrittenAndSetsIntersect) {
-  for (const char* list : {"", "0", "0-3,8", "1,3,5-7", "8191"}) {
-    const auto set = CpuSet::fromList(list);
-    ASSERT_TRUE(set) << list;
-    EXPECT_EQ(set->toList(), list);
-  }
+  for (const char* list : {"", "0", "0-3,8", "1,3,5-7", "8191"})
+    EXPECT_EQ(CpuSet::fromList(list).value_or(CpuSet({9})).toList(), list);
   EXPECT_EQ(CpuSet::fromList("0-3\n")->toList(), "0-3");
   for (const char* bad : {"8192", "3-1", "0,0", "a", "1,", "-1", "0-8192", "0-", ",1", "1,,2"})
     EXPECT_FALSE(CpuSet::fromList(bad)) << bad;
   const CpuSet a({5, 1, 3, 3, 8000});
-  EXPECT_EQ(a.count(), 4u);
-  EXPECT_TRUE(a.contains(8000));
-  EXPECT_FALSE(a.contains(2));
+  EXPECT_TRUE(a.count() == 4 && a.contains(8000) && !a.contains(2));
   EXPECT_EQ(std::vector<unsigned>(a.begin(), a.end()), (std::vector<unsigned>{1, 3, 5, 8000}));
   EXPECT_EQ((a & *CpuSet::fromList("0-4")).toList(), "1,3");
-  EXPECT_TRUE((a & CpuSet()).empty());
-  EXPECT_NE(a, CpuSet({1, 3, 5}));
+  EXPECT_TRUE((a & CpuSet()).empty() && a != CpuSet({1, 3, 5}));
 }
 
 TEST(Parsers, ListsMasksAndJsonStrings) {

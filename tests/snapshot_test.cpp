@@ -40,28 +40,10 @@ Answers amd() {
   return a;
 }
 
-TEST(Snapshot, ADumpHoldsEveryLeafAndTheSubLeavesUpToTheirTerminators) {
-  scripted::setMachine(intel(), scripted::Backdoor::kFault, 0x1);
-  dt::RecordingMachine recording(dt::machine());
-  dt::Error error;
-  ASSERT_TRUE(recording.dumpEveryProcessor(&error)) << error.text();
-  ASSERT_EQ(recording.saved().cpuid.size(), 1u);
-  const dt::CpuidDump& lines = recording.saved().cpuid.at(0);
-  int leaf4 = 0, leaf11 = 0;
-  for (const dt::CpuidLine& l : lines) {
-    leaf4 += l.in[0] == 4;
-    leaf11 += l.in[0] == 0xb;
-    EXPECT_EQ(l.mask, l.in[0] == 4 || l.in[0] == 0xb ? 5u : 1u);
-  }
-  EXPECT_EQ(leaf4, 5);   // sub-leaves 0 to 3 and the terminator 4
-  EXPECT_EQ(leaf11, 3);  // 0, 1 and the terminator 2
-  // Every standard leaf 0 to 0xb and the extended ones up to 0x80000008.
-  EXPECT_EQ(lines.size(), 12u - 2 + 5 + 3 + 9);
-}
-
 // Saves this machine with the scripted processors in place of the real
 // one, loads the snapshot and replays it: every question the detectors ask
-// gets the scripted answer, on each processor of the affinity.
+// gets the scripted answer, on each processor of the affinity, and the
+// sub-leaves past a terminator, never asked, answer zeros.
 void roundTrip(const Answers& answers) {
   scripted::setMachine(answers, scripted::Backdoor::kFault, 0x3);
   const std::filesystem::path dir =

@@ -88,4 +88,3 @@ TEST(RealMachine, ScansOfACpuinfoThatCannotBeOpenedNeverReturn) {
     waitpid(child, nullptr, 0);
   }
 }
-

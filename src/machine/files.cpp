@@ -276,10 +276,6 @@ Read SystemRoot::fail(const std::string& path, const std::string& why) {
   return Read::kFailed;
 }
 
-bool SystemRoot::exists(const std::string& path) const {
-  return machine_.exists(base_ + path);
-}
-
 Read SystemRoot::entries(const std::string& path, std::vector<std::string>* names) const {
   return machine_.entries(base_ + path, names);
 }

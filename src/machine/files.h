@@ -130,7 +130,6 @@ class SystemRoot {
   Read list(const std::string& path, std::vector<unsigned>* out, bool mask = false);
   // The first failure met, naming its file; empty when there was none.
   const Error& error() const { return error_; }
-  bool exists(const std::string& path) const;
   // The names in the folder `path` ("" for the root itself), without "."
   // and ".."; kAbsent when there is no such folder, kFailed with errno set
   // when it cannot be listed.

@@ -112,7 +112,7 @@ Read TreeMachine::entries(const std::string& path, std::vector<std::string>* nam
   return listFolder(fd_, at(path), names);
 }
 
-bool TreeMachine::exists(const std::string& path) {
+bool TreeMachine::exists(const std::string& path) const {
   const int fd = fd_ == -1 ? -1 : openInRoot(fd_, at(path), O_PATH);
   return fd >= 0 && ::close(fd) == 0;
 }

@@ -79,7 +79,6 @@ class Machine {
                     std::string* why) = 0;
   // The names in the folder `path` ("" the root), as SystemRoot::entries.
   virtual Read entries(const std::string& path, std::vector<std::string>* names) = 0;
-  virtual bool exists(const std::string& path) = 0;
   // `path` as a message names it.
   virtual std::string shown(const std::string& path) const = 0;
   virtual CpuinfoStream cpuinfo() = 0;
@@ -128,7 +127,8 @@ class TreeMachine : public Machine {
 
   Read file(const std::string& path, std::size_t cap, std::string* text, std::string* why) override;
   Read entries(const std::string& path, std::vector<std::string>* names) override;
-  bool exists(const std::string& path) override;
+  // Whether anything is at `path`, a link or a folder included.
+  bool exists(const std::string& path) const;
   std::string shown(const std::string& path) const override;
   // Why the directory could not be opened; empty when it could.
   const Error& openError() const { return openError_; }
@@ -199,7 +199,6 @@ class RecordingMachine : public Machine {
   explicit RecordingMachine(Machine& inner);
   Read file(const std::string& path, std::size_t cap, std::string* text, std::string* why) override;
   Read entries(const std::string& path, std::vector<std::string>* names) override;
-  bool exists(const std::string& path) override { return inner_.exists(path); }
   std::string shown(const std::string& path) const override { return inner_.shown(path); }
   CpuinfoStream cpuinfo() override;
   CpuidRegisters cpuid(std::uint32_t leaf, std::uint32_t subleaf) override;

@@ -27,22 +27,20 @@ class CpuinfoMachine : public dt::Machine {
     if (kind_ == kFile) s.fd = ::open(value_.c_str(), O_RDONLY | O_CLOEXEC);
     return s;
   }
-  dt::Read file(const std::string& path, std::size_t cap, std::string* text,
-                std::string* why) override {
-    return outer_.file(path, cap, text, why);
+  using Read = dt::Read;
+  using Cpus = xrprocdetector::CpuSet;
+  Read file(const std::string& p, std::size_t cap, std::string* text, std::string* why) override {
+    return outer_.file(p, cap, text, why);
   }
-  dt::Read entries(const std::string& path, std::vector<std::string>* names) override {
-    return outer_.entries(path, names);
+  Read entries(const std::string& p, std::vector<std::string>* names) override {
+    return outer_.entries(p, names);
   }
-  bool exists(const std::string& path) override { return outer_.exists(path); }
-  std::string shown(const std::string& path) const override { return outer_.shown(path); }
-  dt::CpuidRegisters cpuid(std::uint32_t leaf, std::uint32_t subleaf) override {
-    return outer_.cpuid(leaf, subleaf);
-  }
+  std::string shown(const std::string& p) const override { return outer_.shown(p); }
+  dt::CpuidRegisters cpuid(std::uint32_t l, std::uint32_t s) override { return outer_.cpuid(l, s); }
   std::uint32_t backdoor() override { return outer_.backdoor(); }
   long processorCount(int name) override { return outer_.processorCount(name); }
-  bool affinity(xrprocdetector::CpuSet* set) override { return outer_.affinity(set); }
-  bool pin(const xrprocdetector::CpuSet& set) override { return outer_.pin(set); }
+  bool affinity(Cpus* set) override { return outer_.affinity(set); }
+  bool pin(const Cpus& set) override { return outer_.pin(set); }
 
  private:
   Kind kind_;

@@ -78,9 +78,9 @@ namespace {
 // The options that only switch something on.
 bool Options::*flagOf(int c) {
   static const std::pair<int, bool Options::*> kFlags[] = {
-      {'J', &Options::json},       {'h', &Options::help},     {'V', &Options::version},
-      {kAll, &Options::all},       {kCheck, &Options::check}, {kTally, &Options::tally},
-      {kCpus, &Options::cpus},     {kEcho, &Options::echo},   {kSummary, &Options::summary}};
+      {'J', &Options::json},   {'h', &Options::help},     {'V', &Options::version},
+      {kAll, &Options::all},   {kCheck, &Options::check}, {kTally, &Options::tally},
+      {kCpus, &Options::cpus}, {kEcho, &Options::echo},   {kSummary, &Options::summary}};
   for (const auto& [option, flag] : kFlags) {
     if (option == c) return flag;
   }

@@ -24,7 +24,9 @@
 #ifndef XRPROCDETECTOR_DETECT_H
 #define XRPROCDETECTOR_DETECT_H
 
+#include <cstddef>
 #include <cstdint>
+#include <iterator>
 #include <memory>
 #include <optional>
 #include <string>
@@ -52,18 +54,42 @@ XRPROCDETECTOR_API std::optional<Generation> findGeneration(const std::string& n
 class SourceData;
 
 /// A set of processor numbers, each below the kernel's limit of 8192, such
-/// as a thread's affinity or the processors of one core. Iterates in
-/// increasing order.
+/// as a thread's affinity or the processors of one core: a bit a processor,
+/// held in the value itself (1 KiB), so that sets are made, copied and
+/// compared without allocating. Iterates in increasing order.
 class XRPROCDETECTOR_API CpuSet {
  public:
-  using const_iterator = std::vector<unsigned>::const_iterator;
+  /// Processor numbers are below this, the largest NR_CPUS of the kernel.
+  static constexpr unsigned kLimit = 8192;
+
+  class const_iterator {
+   public:
+    using iterator_category = std::forward_iterator_tag;
+    using value_type = unsigned;
+    using difference_type = std::ptrdiff_t;
+    using pointer = const unsigned*;
+    using reference = unsigned;
+    const_iterator(const CpuSet* set, unsigned cpu) : set_(set), cpu_(cpu) {}
+    unsigned operator*() const { return cpu_; }
+    const_iterator& operator++() {
+      cpu_ = set_->next(cpu_ + 1);
+      return *this;
+    }
+    bool operator==(const const_iterator& other) const { return cpu_ == other.cpu_; }
+    bool operator!=(const const_iterator& other) const { return cpu_ != other.cpu_; }
+
+   private:
+    const CpuSet* set_;
+    unsigned cpu_;
+  };
 
   CpuSet() = default;
-  /// The processors of `cpus`, in any order; repeats count once.
+  /// The processors of `cpus`, in any order; repeats count once, numbers at
+  /// or above kLimit are left out.
   explicit CpuSet(std::vector<unsigned> cpus);
   /// The set of a list in the kernel's format ("0-3,8"; "" is the empty
   /// set; one line end may follow); nothing when `text` is not such a list
-  /// or names a processor at or above 8192.
+  /// or names a processor at or above kLimit.
   static std::optional<CpuSet> fromList(const std::string& text);
   /// The kernel's list format: "0-3,8", "" for the empty set.
   std::string toList() const;
@@ -71,15 +97,19 @@ class XRPROCDETECTOR_API CpuSet {
   std::size_t count() const noexcept;
   bool empty() const noexcept;
   bool contains(unsigned cpu) const noexcept;
-  const_iterator begin() const noexcept;
-  const_iterator end() const noexcept;
+  /// Adds `cpu`; a number at or above kLimit is left out.
+  void add(unsigned cpu) noexcept;
+  /// The lowest processor of the set from `from` on; kLimit when none is.
+  unsigned next(unsigned from) const noexcept;
+  const_iterator begin() const noexcept { return {this, next(0)}; }
+  const_iterator end() const noexcept { return {this, kLimit}; }
   /// The processors in both sets.
-  CpuSet operator&(const CpuSet& other) const;
+  CpuSet operator&(const CpuSet& other) const noexcept;
   bool operator==(const CpuSet& other) const noexcept;
   bool operator!=(const CpuSet& other) const noexcept;
 
  private:
-  std::vector<unsigned> cpus_;  // increasing, no repeats
+  std::uint64_t words_[kLimit / 64] = {};
 };
 
 /// What detection reads: this machine, a saved /proc/cpuinfo text, or a

@@ -151,9 +151,8 @@ void readCpuset(SystemRoot& root, const std::vector<std::string>& dirs,
                 std::initializer_list<const char*> files, CgroupLimits& limits) {
   for (const std::string& dir : dirs) {
     for (const char* file : files) {
-      std::vector<unsigned> cpus;
-      if (root.list(dir + "/" + file, &cpus) != Read::kOk) continue;
-      const CpuSet set(std::move(cpus));
+      CpuSet set;
+      if (root.list(dir + "/" + file, &set) != Read::kOk) continue;
       limits.cpuset = limits.cpuset ? *limits.cpuset & set : set;
       return;
     }

@@ -20,7 +20,7 @@ namespace {
 using Ranks = std::map<unsigned, long>;  // a rank by processor: lower is faster
 
 bool byKernelLists(SystemRoot& root, Ranks* ranks) {
-  std::vector<unsigned> cpus;
+  CpuSet cpus;
   bool any = false;
   const char* const kLists[] = {"sys/devices/cpu_core/cpus", "sys/devices/cpu_atom/cpus"};
   for (long rank = 0; rank < 2; ++rank) {
@@ -82,9 +82,8 @@ std::vector<CoreKindSet> coreKinds(SystemRoot& root, const Topology& t) {
     if (rank == ranks.end()) return {};  // a core that nothing tells of
     CoreKindSet& kind = kinds[rank->second];
     ++kind.cores;
-    std::vector<unsigned> cpus(kind.processors.begin(), kind.processors.end());
-    cpus.insert(cpus.end(), core.begin(), core.end());
-    kind.processors = CpuSet(std::move(cpus));
+    for (const unsigned c : core)
+      kind.processors.add(c);
   }
   if (kinds.size() < 2) return {};
   std::vector<CoreKindSet> out;

@@ -21,13 +21,13 @@ std::string cpuFile(unsigned cpu, const char* file) {
 
 // The online processors: the kernel's list, or on kernels without one, the
 // cpuN folders, each online unless its own online file says 0.
-Read onlineProcessors(SystemRoot& cpus, std::vector<unsigned>* online) {
+Read onlineProcessors(SystemRoot& cpus, CpuSet* online) {
   const Read r = cpus.list("online", online);
   if (r != Read::kAbsent) return r;
   for (const unsigned n : cpus.processorFolders("")) {
     long state = 1;
     if (cpus.number(cpuFile(n, "online"), &state) == Read::kFailed) break;
-    if (state != 0) online->push_back(n);
+    if (state != 0) online->add(n);
   }
   return online->empty() ? Read::kAbsent : Read::kOk;
 }
@@ -42,11 +42,11 @@ const char* const kPackageFiles[] = {"topology/core_siblings", "topology/package
 // The lowest processor sharing a core (or a package) with `cpu`, by the
 // first of `files` that is there: what tells the core (or package) apart.
 Read lowestSibling(SystemRoot& cpus, unsigned cpu, const char* const (&files)[4], long* lowest) {
-  std::vector<unsigned> siblings;
+  CpuSet siblings;
   for (std::size_t i = 0; i < 4; ++i) {
     const Read r = cpus.list(cpuFile(cpu, files[i]), &siblings, i < 2);
     if (r == Read::kAbsent) continue;
-    if (r == Read::kOk) *lowest = siblings.empty() ? cpu : siblings.front();
+    if (r == Read::kOk) *lowest = siblings.empty() ? cpu : *siblings.begin();
     return r;
   }
   return Read::kAbsent;
@@ -88,31 +88,24 @@ void placeAll(SystemRoot& cpus, Topology& t, int* maxThreads) {
   std::map<Key, int> coreKeys;
   bool packagesKnown = true;
   bool coresKnown = true;
-  std::vector<std::vector<unsigned>> packages;
-  std::vector<std::vector<unsigned>> cores;
+  std::vector<CpuSet> packages;
+  std::vector<CpuSet> cores;
   for (Processor& p : t.processors) {
     if (!p.online) continue;
     place(cpus, p, packageKeys, coreKeys);
     packagesKnown = packagesKnown && p.package >= 0;
     coresKnown = coresKnown && p.core >= 0;
-    if (p.package >= 0)
-      packages.resize(packageKeys.size()),
-          packages[static_cast<std::size_t>(p.package)].push_back(p.cpu);
+    packages.resize(packageKeys.size());
+    if (p.package >= 0) packages[static_cast<std::size_t>(p.package)].add(p.cpu);
     if (p.core < 0) continue;
     cores.resize(coreKeys.size());
-    auto& threads = cores[static_cast<std::size_t>(p.core)];
-    p.thread = static_cast<std::int32_t>(threads.size());
-    threads.push_back(p.cpu);
+    CpuSet& threads = cores[static_cast<std::size_t>(p.core)];
+    p.thread = static_cast<std::int32_t>(threads.count());
+    threads.add(p.cpu);
     *maxThreads = std::max(*maxThreads, p.thread + 1);
   }
-  if (packagesKnown) {
-    for (auto& cpusOf : packages)
-      t.packages.emplace_back(std::move(cpusOf));
-  }
-  if (coresKnown) {
-    for (auto& cpusOf : cores)
-      t.cores.emplace_back(std::move(cpusOf));
-  }
+  if (packagesKnown) t.packages = std::move(packages);
+  if (coresKnown) t.cores = std::move(cores);
   if (!packagesKnown) t.missing = "no physical_package_id";
   if (!coresKnown)
     t.missing += std::string(t.missing.empty() ? "" : ", ") + "no core sibling lists or core_id";
@@ -166,23 +159,20 @@ void usable(SystemRoot& root, Topology& t) {
 // Every present (or, without that list, possible) processor, online or
 // not; the offline ones.
 void processors(SystemRoot& cpus, Topology& t) {
-  std::vector<unsigned> present;
-  std::vector<unsigned> possible;
+  CpuSet present;
+  CpuSet possible;
   Read r = cpus.list("present", &present);
   // The possible list too, which glibc counts as the configured processors.
   const Read alone = cpus.list("possible", &possible);
   if (r == Read::kAbsent) r = alone, present = possible;
-  if (r == Read::kOk) {
-    t.present = CpuSet(present);
-    std::vector<unsigned> offline;
-    for (const unsigned c : present) {
-      if (!t.online.contains(c)) offline.push_back(c);
-    }
-    t.offline = CpuSet(std::move(offline));
+  if (r == Read::kOk) t.present = present;
+  for (const unsigned c : t.present) {
+    if (!t.online.contains(c)) t.offline.add(c);
   }
-  std::vector<unsigned> all(t.online.begin(), t.online.end());
-  all.insert(all.end(), t.offline.begin(), t.offline.end());
-  for (const unsigned c : CpuSet(std::move(all))) {
+  CpuSet all = t.present;
+  for (const unsigned c : t.online)
+    all.add(c);
+  for (const unsigned c : all) {
     Processor p;
     p.cpu = c;
     p.online = t.online.contains(c);
@@ -197,13 +187,13 @@ Topology readTopology() {
   SystemRoot root(machine());
   // The processors' own files, relative to their folder.
   SystemRoot cpus(root, "sys/devices/system/cpu");
-  std::vector<unsigned> online;
+  CpuSet online;
   int maxThreads = 0;
   const Read r = onlineProcessors(cpus, &online);
   if (r == Read::kAbsent) t.missing = "no sys/devices/system/cpu/online";
   if (r == Read::kOk && online.empty()) t.missing = "sys/devices/system/cpu/online is empty";
   if (r == Read::kOk && !online.empty()) {
-    t.online = CpuSet(std::move(online));
+    t.online = online;
     processors(cpus, t);
     placeAll(cpus, t, &maxThreads);
     usable(root, t);

@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -140,70 +141,57 @@ std::size_t capOf(const std::string& path) {
   return path.compare(0, 5, "proc/") == 0 ? kTableCap : kSmallFileCap;
 }
 
-bool parseProcessorList(std::string_view text, unsigned limit, std::vector<unsigned>* processors,
-                        std::string* error) {
-  processors->clear();
+bool parseProcessorList(std::string_view text, CpuSet* set, std::string* error) {
+  *set = CpuSet();
   // One line; its end is optional.
   if (!text.empty() && text.back() == '\n') text.remove_suffix(1);
-  const std::string list(text);
-  const auto digit = [](char c) { return c >= '0' && c <= '9'; };
-  std::string why;
-  for (const char* p = list.c_str(); *p != '\0' && why.empty();) {
-    char* end = nullptr;
-    const unsigned long first = digit(*p) ? std::strtoul(p, &end, 10) : ULONG_MAX - 1;
-    unsigned long last = first;
-    if (end != nullptr && *end == '-' && digit(end[1])) last = std::strtoul(end + 1, &end, 10);
-    p = end == nullptr ? p : end;
-    if (first == ULONG_MAX - 1 || last < first || (*p != '\0' && (*p != ',' || !digit(p[1]))))
+  const char* p = text.data();
+  const char* const end = p + text.size();
+  const auto number = [&p, end](unsigned long* n) {
+    const auto r = std::from_chars(p, end, *n);
+    if (r.ec == std::errc::result_out_of_range) *n = CpuSet::kLimit;
+    return r.ptr != p ? (p = r.ptr, true) : false;
+  };
+  const char* why = nullptr;
+  long previous = -1;
+  while (p != end && why == nullptr) {
+    unsigned long first = 0;
+    unsigned long last = 0;
+    const bool ok = number(&first) && (last = first, *p != '-' || (++p, number(&last)));
+    if (!ok || last < first || (p != end && (*p != ',' || p + 1 == end)))
       why = "not a processor list such as 0-3,8-11";
-    else if (last >= limit)
-      why = "a processor number above " + std::to_string(limit - 1);
-    else if (!processors->empty() && first <= processors->back())
+    else if (last >= CpuSet::kLimit)
+      why = "a processor number above 8191";
+    else if (static_cast<long>(first) <= previous)
       why = "processor numbers are not in increasing order";
-    for (unsigned long c = first; why.empty() && c <= last; ++c)
-      processors->push_back(static_cast<unsigned>(c));
-    p += *p == ',' ? 1 : 0;
+    for (unsigned long c = first; why == nullptr && c <= last; ++c)
+      set->add(static_cast<unsigned>(c));
+    previous = static_cast<long>(last);
+    p += p != end ? 1 : 0;
   }
-  if (why.empty()) return true;
-  *error = "line 1: " + why;
+  if (why == nullptr) return true;
+  *error = std::string("line 1: ") + why;
   return false;
 }
 
-std::string formatProcessorList(const std::vector<unsigned>& processors) {
-  std::string out;
-  for (std::size_t i = 0; i < processors.size();) {
-    std::size_t j = i;
-    while (j + 1 < processors.size() && processors[j + 1] == processors[j] + 1)
-      ++j;
-    if (!out.empty()) out += ',';
-    out += std::to_string(processors[i]);
-    if (j > i) out += '-' + std::to_string(processors[j]);
-    i = j + 1;
-  }
-  return out;
-}
-
-bool parseCpuMask(std::string_view text, unsigned limit, std::vector<unsigned>* processors,
-                  std::string* error) {
-  processors->clear();
+bool parseCpuMask(std::string_view text, CpuSet* set, std::string* error) {
+  *set = CpuSet();
   if (!text.empty() && text.back() == '\n') text.remove_suffix(1);
   unsigned bit = 0;
   // From the least significant digit, the last one.
   for (std::size_t i = text.size(); i-- > 0;) {
-    const char c = text[i];
-    if (c == ',') continue;
-    const int digit = hexDigit(c);
+    if (text[i] == ',') continue;
+    const int digit = hexDigit(text[i]);
     if (digit < 0) {
       *error = "line 1: not a CPU mask such as 00000000,000000ff";
       return false;
     }
+    if (digit != 0 && bit + 4 > CpuSet::kLimit) {
+      *error = "line 1: a processor number above 8191";
+      return false;
+    }
     for (unsigned b = 0; b < 4; ++b) {
-      if ((digit >> b & 1) == 0) continue;
-      if (bit + b >= limit) {
-        *error = "line 1: a processor number above " + std::to_string(limit - 1);
-        return false;
-      }
-      processors->push_back(bit + b);  // from the lowest bit up: in order
+      if ((digit >> b & 1) != 0) set->add(bit + b);
     }
     bit += 4;
   }
@@ -343,13 +331,11 @@ Read SystemRoot::number(const std::string& path, long* value, long min, long max
   return fail(path, "line 1: not a whole number" + range);
 }
 
-Read SystemRoot::list(const std::string& path, std::vector<unsigned>* out, bool mask) {
-  constexpr unsigned limit = kKernelMaxProcessors;
+Read SystemRoot::list(const std::string& path, CpuSet* out, bool mask) {
   std::string t;
   std::string why;
   const Read r = text(path, &t);
-  if (r == Read::kOk &&
-      !(mask ? parseCpuMask(t, limit, out, &why) : parseProcessorList(t, limit, out, &why)))
+  if (r == Read::kOk && !(mask ? parseCpuMask(t, out, &why) : parseProcessorList(t, out, &why)))
     return fail(path, why);
   return r;
 }

@@ -17,6 +17,8 @@
 #include <string_view>
 #include <vector>
 
+#include <xrprocdetector/detect.h>
+
 namespace xrprocdetector {
 namespace detail {
 
@@ -65,19 +67,15 @@ Read readWholeFile(int dirFd, const std::string& path, std::size_t cap, std::str
 Read listFolder(int dirFd, const std::string& path, std::vector<std::string>* names);
 
 // A kernel processor list such as "0-3,8-11\n": increasing, no repeats,
-// every number below `limit`. An empty list is valid. On failure *error is
-// "line 1: ..." (the list's only line).
-bool parseProcessorList(std::string_view text, unsigned limit, std::vector<unsigned>* processors,
-                        std::string* error);
-std::string formatProcessorList(const std::vector<unsigned>& processors);
+// every number below CpuSet::kLimit. An empty list is valid. On failure
+// *error is "line 1: ..." (the list's only line). Allocates nothing but the
+// message.
+bool parseProcessorList(std::string_view text, CpuSet* set, std::string* error);
 // The value of a hexadecimal digit, or -1.
 int hexDigit(char c);
-
 // A kernel CPU mask: 32-bit hexadecimal words, most significant first,
-// separated by commas. The processors in increasing order, each below
-// `limit`.
-bool parseCpuMask(std::string_view text, unsigned limit, std::vector<unsigned>* processors,
-                  std::string* error);
+// separated by commas.
+bool parseCpuMask(std::string_view text, CpuSet* set, std::string* error);
 
 // Whether `name` is `prefix` followed by a number ("cpu12", "pu3"). If so,
 // *n is the number when it is in canonical form (no leading zero) and below
@@ -127,7 +125,7 @@ class SystemRoot {
   // A whole number from `min` to `max`; any other text is a failure.
   Read number(const std::string& path, long* value, long min = LONG_MIN, long max = LONG_MAX);
   // A processor list, or with `mask` a CPU mask.
-  Read list(const std::string& path, std::vector<unsigned>* out, bool mask = false);
+  Read list(const std::string& path, CpuSet* out, bool mask = false);
   // The first failure met, naming its file; empty when there was none.
   const Error& error() const { return error_; }
   // The names in the folder `path` ("" for the root itself), without "."

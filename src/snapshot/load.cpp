@@ -63,14 +63,14 @@ bool loadMetadata(TreeMachine& root, const std::string& text, SavedMachine* s, E
 // the affinity of a process that nothing restricted.
 bool loadLists(TreeMachine& tree, SavedMachine* s, Error* error) {
   SystemRoot root(tree);
-  std::vector<unsigned> possible;
-  std::vector<unsigned> online;
+  CpuSet possible;
+  CpuSet online;
   Read r = root.list("sys/devices/system/cpu/possible", &possible);
-  if (r == Read::kOk) s->configured = static_cast<long>(possible.size());
+  if (r == Read::kOk) s->configured = static_cast<long>(possible.count());
   if (r != Read::kFailed) {
     r = root.list("sys/devices/system/cpu/online", &online);
-    if (r == Read::kOk) s->online = static_cast<long>(online.size());
-    if (r == Read::kOk) s->affinity = CpuSet(std::move(online));
+    if (r == Read::kOk) s->online = static_cast<long>(online.count());
+    if (r == Read::kOk) s->affinity = online;
   }
   if (r != Read::kFailed) return true;
   *error = root.error();

@@ -98,7 +98,7 @@ bool integer(const Token& t, long* value, std::string* error) {
 // The value of the known key `k`, into *m.
 bool readValue(const Token& t, int k, SavedMachine* m, std::string* error) {
   long n = 0;
-  std::vector<unsigned> cpus;
+  CpuSet cpus;
   std::string why;
   if ((k == kFormat || k == kAffinity) && t.kind != '"') return fail(t, "expected a string", error);
   switch (k) {
@@ -121,9 +121,9 @@ bool readValue(const Token& t, int k, SavedMachine* m, std::string* error) {
                   error);
     }
     case kAffinity:
-      if (!parseProcessorList(t.text, kKernelMaxProcessors, &cpus, &why))
+      if (!parseProcessorList(t.text, &cpus, &why))
         return fail(t, "\"affinity\": " + why.substr(why.find(": ") + 2), error);
-      m->affinity = CpuSet(std::move(cpus));
+      m->affinity = cpus;
       return true;
     default:
       m->vmwareBackdoor = t.kind == 'w' && t.text == "true";

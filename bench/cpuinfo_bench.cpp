@@ -17,7 +17,7 @@
 #include <string>
 #include <vector>
 
-#include "core/cpuinfo_source.h"
+#include "support/cpuinfo_machine.h"
 #include "synthetic_cpuinfo.h"
 #include "xrprocdetector/xrprocdetector_legacy_6x.h"
 #include "xrprocdetector/xrprocdetector_linux32.h"
@@ -91,7 +91,7 @@ void kernelRead(benchmark::State& state) {
 template <class Detector>
 void countWith(benchmark::State& state, const MachineFile& file, __tz_procInfoIndex index,
                const std::function<int(Detector&)>& run) {
-  const XrCpuinfoRedirect redirect(XrCpuinfoRedirect::kFile, file.path);
+  const testsupport::CpuinfoMachine redirect(testsupport::CpuinfoMachine::kFile, file.path);
   for (auto _ : state) {
     Detector detector(tzDebugNone, 0, index, nullptr, nullptr);
     benchmark::DoNotOptimize(run(detector));

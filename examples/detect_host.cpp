@@ -1,11 +1,19 @@
-// A host program on the library's entry points: the default generation's
-// counts, and how many busy threads this process should start.
+// A host program on the library's entry points: how many busy threads this
+// process should start, where it may run them, and the default
+// generation's own counts.
 #include <cstdio>
 
 #include <xrprocdetector/detect.h>
 
 int main() {
   using namespace xrprocdetector;
+  const Topology t = topology();
+  if (!t.error.empty()) std::fprintf(stderr, "host: %s\n", t.error.c_str());
+  std::printf("threads to start: %d\n", t.effectiveProcessors.value_or(1));
+  std::printf("usable processors: %s of %s\n", t.usable.toList().c_str(),
+              t.online.toList().c_str());
+  for (const CoreKindSet& kind : t.coreKinds)
+    std::printf("%s cores: %s\n", kind.kind.c_str(), kind.processors.toList().c_str());
   const Detection d = detect(Generation::kDefault);
   if (!d.counted || d.result < 0) {
     std::fprintf(stderr, "host: %s\n", d.error.empty() ? d.note.c_str() : d.error.c_str());
@@ -13,7 +21,5 @@ int main() {
   }
   std::printf("%d packages, %d cores, %d logical processors\n", d.packages, d.cores,
               d.logicalProcessors);
-  const KernelTopology kernel = kernelTopology();
-  std::printf("threads to start: %d\n", kernel.effectiveProcessors.value_or(d.logicalProcessors));
   return 0;
 }

@@ -9,15 +9,15 @@
 #include <cstdlib>
 #include <string>
 
-#include "core/cpuinfo_source.h"
+#include "support/cpuinfo_machine.h"
 #include "xrprocdetector/xrprocdetector_legacy_6x.h"
 #include "xrprocdetector/xrprocdetector_linux32.h"
 #include "xrprocdetector/xrprocdetector_linux32_70.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   static FILE* const out = std::fopen("/dev/null", "w");
-  const XrCpuinfoRedirect redirect(XrCpuinfoRedirect::kText,
-                                   std::string(reinterpret_cast<const char*>(data), size));
+  const testsupport::CpuinfoMachine redirect(
+      testsupport::CpuinfoMachine::kText, std::string(reinterpret_cast<const char*>(data), size));
   XrProcDetectorLegacy_6x v60(tzDebugTrace, 0, tzProcInfo60, out, nullptr);
   XrProcDetectorLegacy_6x v61(tzDebugTrace, 0, tzProcInfo61, out, nullptr);
   XrProcDetectorLinux32_70 v70(tzDebugTrace, 0, out, nullptr);

@@ -17,7 +17,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const std::string_view text(reinterpret_cast<const char*>(data), size);
   std::string error;
 
-  std::vector<XrCpuidLine> lines;
+  dt::CpuidDump lines;
   if (dt::parseCpuidDump(text, &lines, &error)) {
     dt::dumpAnswer(lines, 0, 0);
     dt::dumpAnswer(lines, 0xb, 1);
@@ -25,31 +25,22 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     std::abort();  // a refusal always says why
   }
 
-  std::vector<unsigned> processors;
-  if (dt::parseProcessorList(text, kSnapshotMaxProcessors, &processors, &error)) {
-    for (std::size_t i = 0; i < processors.size(); ++i) {
-      if (processors[i] >= kSnapshotMaxProcessors || (i > 0 && processors[i] <= processors[i - 1]))
-        std::abort();
-    }
-    std::vector<unsigned> again;
-    if (!dt::parseProcessorList(dt::formatProcessorList(processors), kSnapshotMaxProcessors, &again,
-                                &error) ||
-        again != processors)
+  // A list read back from what it was written as is the same set; the
+  // set's count and iteration agree.
+  xrprocdetector::CpuSet processors;
+  if (dt::parseProcessorList(text, &processors, &error)) {
+    xrprocdetector::CpuSet again;
+    if (!dt::parseProcessorList(processors.toList(), &again, &error) || again != processors ||
+        static_cast<std::size_t>(std::distance(processors.begin(), processors.end())) !=
+            processors.count())
       std::abort();
   }
+  dt::parseCpuMask(text, &processors, &error);
 
-  // A CPU mask's processors come out in order and within the limit.
-  if (dt::parseCpuMask(text, kSnapshotMaxProcessors, &processors, &error)) {
-    for (std::size_t i = 0; i < processors.size(); ++i) {
-      if (processors[i] >= kSnapshotMaxProcessors || (i > 0 && processors[i] <= processors[i - 1]))
-        std::abort();
-    }
-  }
-
-  dt::SnapshotMetadata metadata;
+  dt::SavedMachine metadata;
   if (dt::parseMetadata(text, &metadata, &error)) {
-    for (const unsigned p : metadata.affinity) {
-      if (p >= kSnapshotMaxProcessors) std::abort();
+    for (const unsigned p : *metadata.affinity) {
+      if (p >= dt::kKernelMaxProcessors) std::abort();
     }
   }
   return 0;

@@ -1,7 +1,7 @@
 // Whole snapshot trees made from the input: files of any size and content,
 // directories, FIFOs and symbolic links (to a device, a FIFO, a directory or
 // each other) at the paths a snapshot or a system root has, the control
-// groups' and the PCI devices' among them. Loading the
+// groups', the PCI devices' and the container managers' among them. Loading the
 // tree, reading its kernel row and running every generation on it must not
 // crash, hang or block: a part that is not a regular file is refused.
 //
@@ -36,7 +36,7 @@ const char* const kPaths[] = {
     "sys/devices/system/cpu/cpu1/topology/thread_siblings_list", "sys/class/dmi/id/sys_vendor",
     "sys/hypervisor/type", "proc/bus/pci/devices", "sys/bus/pci/devices/0000:00:02.0/vendor",
     "sys/devices/cpu_core/cpus", "sys/devices/system/cpu/cpu0/cpufreq/base_frequency",
-    "sys/devices/system/cpu/cpu1/acpi_cppc/highest_perf",
+    "proc/1/environ", "proc/xen/capabilities", "run/systemd/container", ".dockerenv",
     // The control groups: where they are mounted, the process's own, and
     // their limits at the top of a mount and one folder below it.
     "proc/self/mountinfo", "proc/mounts", "proc/self/cgroup", "proc/self/cpuset",

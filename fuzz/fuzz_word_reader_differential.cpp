@@ -12,7 +12,7 @@
 #include <sstream>
 #include <string>
 
-#include "core/word_reader.h"
+#include "legacy/word_reader.h"
 #include "support/stream_word_reader.h"
 
 using xrprocdetector::detail::WordReader;

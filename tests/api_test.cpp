@@ -1,6 +1,6 @@
 // The entry points of detect.h, called as hosts call them: the version
-// index, the host's SIGSEGV handler, a save raced by a link, the kernel
-// row's comparison, and the reader of a system root and its parsers.
+// index, the host's SIGSEGV handler, a save raced by a link, processor
+// sets, and the reader of a system root and its parsers.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -14,8 +14,8 @@
 
 #include <xrprocdetector/detect.h>
 
+#include "machine/machine.h"
 #include "support/scripted_hardware.h"
-#include "sysroot/root.h"
 
 namespace {
 
@@ -99,34 +99,6 @@ TEST(Snapshot, AFailedSaveNeverRemovesThroughALinkPutInPlaceOfItsDirectory) {
     EXPECT_EQ(testsupport::readFile((scratch.path / "victim" / part / "file").string()), "mine");
 }
 
-TEST(Kernel, AnEmptyOnlineListCountsNothing) {
-  const Scratch scratch;
-  scratch.write("sys/devices/system/cpu/online", "\n");
-  const auto source = Source::snapshot(scratch.path.string());
-  ASSERT_TRUE(source);
-  const KernelTopology k = kernelTopology(*source);
-  EXPECT_FALSE(k.logicalProcessors || k.packages || k.cores || k.usableProcessors);
-  EXPECT_EQ(k.missing, "sys/devices/system/cpu/online is empty");
-  EXPECT_EQ(k.error, "");
-}
-
-TEST(Kernel, CompareNamesWhatAgreesAndWhatCannotBeCompared) {
-  Detection d = detect(Generation::k70, Source::cpuinfoText(kTwoCores));
-  KernelTopology k;
-  k.packages = 1;
-  k.cores = 4;
-  k.smt = Smt::kNotSupported;
-  const Agreement a = compare(d, k);
-  EXPECT_EQ(a.packages, Same::kYes);
-  EXPECT_EQ(a.cores, Same::kNo);
-  EXPECT_EQ(a.logicalProcessors, Same::kUnknown);
-  EXPECT_EQ(a.smt, Same::kYes);             // "not capable" is the kernel's notsupported
-  EXPECT_EQ(a.hypervisor, Same::kUnknown);  // 7.0 leaves vmState at 15
-  d.counted = false;
-  EXPECT_EQ(compare(d, k).packages, Same::kUnknown);
-  EXPECT_FALSE(kernelTopology(Source::cpuinfoText(kTwoCores)).logicalProcessors);
-}
-
 // With standard input closed, the next descriptor opened is 0: a file read,
 // a folder listed or a root's directory may be given it, and it is open
 // like any other.
@@ -135,31 +107,27 @@ TEST(Parsers, DescriptorZeroIsOpenLikeAnyOther) {
   const Scratch scratch;
   const fs::path online = scratch.path / "sys/devices/system/cpu/online";
   scratch.write("sys/devices/system/cpu/online", "0-1\n");
-  const dt::SystemRoot early(scratch.path.string());  // open before 0 is closed
-  const int saved = ::dup(0);
-  ASSERT_GE(saved, 0);
+  dt::SavedMachine saved;
+  saved.dir = scratch.path.string();
+  dt::ReplayMachine early(saved);  // open before 0 is closed
+  const int input = ::dup(0);
+  ASSERT_GE(input, 0);
   ::close(0);
   std::string text;
   std::string why;
   const dt::Read r = dt::readWholeFile(AT_FDCWD, online.string(), dt::kSmallFileCap, &text, &why);
   std::vector<std::string> names;
   const dt::Read listed = early.entries("sys/devices/system/cpu", &names);
-  bool rootHadZero = false;
-  {
-    const dt::SystemRoot root(scratch.path.string());
-    rootHadZero = root.fd() == 0;
-  }
   // The snapshot's root and the kernel row's are each given 0.
   const auto source = Source::snapshot(scratch.path.string());
   const KernelTopology k = source ? kernelTopology(*source) : KernelTopology();
   const bool zeroClosedAgain = ::fcntl(0, F_GETFD) == -1;
-  ::dup2(saved, 0);
-  ::close(saved);
+  ::dup2(input, 0);
+  ::close(input);
   EXPECT_EQ(r, dt::Read::kOk) << why;
   EXPECT_EQ(text, "0-1\n");
   EXPECT_EQ(listed, dt::Read::kOk);
   EXPECT_EQ(names, std::vector<std::string>{"online"});
-  EXPECT_TRUE(rootHadZero);
   EXPECT_EQ(k.logicalProcessors, 2) << k.missing << k.error;
   EXPECT_TRUE(zeroClosedAgain);
 }
@@ -184,43 +152,47 @@ TEST(Parsers, PathsUnderARootResolveInsideIt) {
       "sys/fs/cgroup/../../../../outside/cpu.max", "rooted", "up", "sys/fs/cgroup/self/./cpu.max",
       // then three to nothing.
       "escape", "loop/x", "/proc/sys/kernel/pid_max"};
-  const xrprocdetector::detail::SystemRoot root(tree.string());
+  const int root = ::open(tree.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   for (const bool componentwise : {false, true})
     for (const char* const& path : paths) {
-      const int fd = xrprocdetector::detail::openInRoot(root.fd(), path, O_RDONLY, componentwise);
+      const int fd = xrprocdetector::detail::openInRoot(root, path, O_RDONLY, componentwise);
       char got[8] = "nothing";
       if (fd >= 0) got[std::max<ssize_t>(::read(fd, got, sizeof got - 1), 0)] = '\0', ::close(fd);
       EXPECT_STREQ(got, &path < paths + 7 ? "in" : "nothing") << path << " " << componentwise;
     }
+  ::close(root);
 }
 
-TEST(Parsers, ListsMasksAndJsonStrings) {
+TEST(CpuSets, ListsReadBackAsWrittenAndSetsIntersect) {
+  for (const char* list : {"", "0", "0-3,8", "1,3,5-7", "8191"})
+    EXPECT_EQ(CpuSet::fromList(list).value_or(CpuSet({9})).toList(), list);
+  EXPECT_EQ(CpuSet::fromList("0-3\n")->toList(), "0-3");
+  for (const char* bad : {"8192", "3-1", "0,0", "a", "1,", "-1", "0-8192", "0-", ",1", "1,,2"})
+    EXPECT_FALSE(CpuSet::fromList(bad)) << bad;
+  const CpuSet a({5, 1, 3, 3, 8000});
+  EXPECT_TRUE(a.count() == 4 && a.contains(8000) && !a.contains(2));
+  EXPECT_EQ(std::vector<unsigned>(a.begin(), a.end()), (std::vector<unsigned>{1, 3, 5, 8000}));
+  EXPECT_EQ((a & *CpuSet::fromList("0-4")).toList(), "1,3");
+  EXPECT_TRUE((a & CpuSet()).empty() && a != CpuSet({1, 3, 5}));
+}
+
+TEST(Parsers, MasksAndJsonStrings) {
   namespace dt = xrprocdetector::detail;
-  std::vector<unsigned> cpus;
+  CpuSet cpus;
   std::string error;
-  EXPECT_TRUE(dt::parseProcessorList("3-3\n", 1024, &cpus, &error));
-  EXPECT_EQ(cpus, std::vector<unsigned>{3});
-  EXPECT_TRUE(dt::parseProcessorList("0-2,5,7-8", 1024, &cpus, &error));
-  EXPECT_EQ(cpus, (std::vector<unsigned>{0, 1, 2, 5, 7, 8}));
-  EXPECT_EQ(dt::formatProcessorList(cpus), "0-2,5,7-8");
-  // Only the list's own entries count: a 3 left in the storage past its end
-  // does not extend the last range.
-  std::vector<unsigned> shortened = {0, 1, 2, 3};
-  shortened.pop_back();
-  EXPECT_EQ(dt::formatProcessorList(shortened), "0-2");
-  for (const char* bad : {"0,0", "3-1", "1000,0", "1024", "0-", ",1", "1,,2"})
-    EXPECT_FALSE(dt::parseProcessorList(bad, 1024, &cpus, &error)) << bad;
   // Hexadecimal words, most significant first: every digit's bits.
-  EXPECT_TRUE(dt::parseCpuMask("fedcba98,76543210\n", 64, &cpus, &error));
+  EXPECT_TRUE(dt::parseCpuMask("fedcba98,76543210\n", &cpus, &error));
   std::vector<unsigned> expected;
   const unsigned long long mask = 0xfedcba9876543210ull;
   for (unsigned bit = 0; bit < 64; ++bit)
     if (mask >> bit & 1) expected.push_back(bit);
-  EXPECT_EQ(cpus, expected);
-  EXPECT_TRUE(dt::parseCpuMask("0000000A,0000000f", 64, &cpus, &error));
-  EXPECT_EQ(cpus, (std::vector<unsigned>{0, 1, 2, 3, 33, 35}));
-  EXPECT_FALSE(dt::parseCpuMask("0000000g", 64, &cpus, &error));
-  EXPECT_FALSE(dt::parseCpuMask("100000000", 32, &cpus, &error));  // bit 32 of 0 to 31
+  EXPECT_EQ(cpus, CpuSet(expected));
+  EXPECT_TRUE(dt::parseCpuMask("0000000A,0000000f", &cpus, &error));
+  EXPECT_EQ(cpus.toList(), "0-3,33,35");
+  EXPECT_FALSE(dt::parseCpuMask("0000000g", &cpus, &error));
+  // Bit 8192, past the kernel's limit; leading zeros past it are no bits.
+  EXPECT_FALSE(dt::parseCpuMask("1" + std::string(2048, '0'), &cpus, &error));
+  EXPECT_TRUE(dt::parseCpuMask("0" + std::string(2047, '0') + "1", &cpus, &error));
   EXPECT_EQ(jsonString("a\"b\\c\nd\te\x01"), "\"a\\\"b\\\\c\\nd\\te\\u0001\"");
 }
 

@@ -53,7 +53,8 @@ TEST(LogicalTable, ARecordStopsAddingCoreIdsAtItsCapacity) {
 // frame raises zero counts to 1; 7.0 and the default detector through
 // platformProcInfo.
 static std::string scan(const std::string& generation, const std::string& file) {
-  const XrCpuinfoRedirect redirect(XrCpuinfoRedirect::kText, testsupport::readFile(file));
+  const testsupport::CpuinfoMachine redirect(testsupport::CpuinfoMachine::kText,
+                                             testsupport::readFile(file));
   auto d = testsupport::makeDetector(generation, tzDebugNone, nullptr);
   if (generation[0] == '6') {
     auto& sixX = static_cast<XrProcDetectorLegacy_6x&>(*d);

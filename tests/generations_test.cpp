@@ -50,8 +50,8 @@ TEST(Generations, WholeDetection) {
                                      : scripted::Backdoor::kFault,
         number("allowed", "0xF"));
     scripted::affinityUnreadable = run["affinity"] == "unreadable";
-    const XrCpuinfoRedirect redirect(XrCpuinfoRedirect::kFile,
-                                     testsupport::fixture(run["fixture"] + ".cpuinfo"));
+    const testsupport::CpuinfoMachine redirect(testsupport::CpuinfoMachine::kFile,
+                                               testsupport::fixture(run["fixture"] + ".cpuinfo"));
     testsupport::OutputCapture capture;
     const auto level = tz_debuglevel(number("level"));
     const auto index = __tz_procInfoIndex(number("index"));

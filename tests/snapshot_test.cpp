@@ -4,7 +4,6 @@
 #include <chrono>
 #include <filesystem>
 
-#include "platform/machine.h"
 #include "snapshot/snapshot_io.h"
 #include "support/scripted_hardware.h"
 
@@ -41,44 +40,30 @@ Answers amd() {
   return a;
 }
 
-TEST(Snapshot, ADumpHoldsEveryLeafAndTheSubLeavesUpToTheirTerminators) {
-  scripted::setMachine(intel());
-  std::vector<XrCpuidLine> lines;
-  std::string error;
-  ASSERT_TRUE(dt::parseCpuidDump(dt::dumpThisProcessor(), &lines, &error)) << error;
-  int leaf4 = 0, leaf11 = 0;
-  for (const XrCpuidLine& l : lines) {
-    leaf4 += l.in[0] == 4;
-    leaf11 += l.in[0] == 0xb;
-    EXPECT_EQ(l.mask, l.in[0] == 4 || l.in[0] == 0xb ? 5u : 1u);
-  }
-  EXPECT_EQ(leaf4, 5);   // sub-leaves 0 to 3 and the terminator 4
-  EXPECT_EQ(leaf11, 3);  // 0, 1 and the terminator 2
-  // Every standard leaf 0 to 0xb and the extended ones up to 0x80000008.
-  EXPECT_EQ(lines.size(), 12u - 2 + 5 + 3 + 9);
-}
-
 // Saves this machine with the scripted processors in place of the real
 // one, loads the snapshot and replays it: every question the detectors ask
-// gets the scripted answer, on each processor of the affinity.
+// gets the scripted answer, on each processor of the affinity, and the
+// sub-leaves past a terminator, never asked, answer zeros.
 void roundTrip(const Answers& answers) {
   scripted::setMachine(answers, scripted::Backdoor::kFault, 0x3);
   const std::filesystem::path dir =
       std::filesystem::temp_directory_path() / ("snapshot-test-" + std::to_string(getpid()));
   std::filesystem::remove_all(dir);
   std::string error;
-  ASSERT_TRUE(xrSaveSnapshot(dir.string(), "test", &error)) << error;
-  XrMachineSnapshot snapshot;
-  ASSERT_TRUE(xrLoadSnapshot(dir.string(), &snapshot, &error)) << error;
+  ASSERT_TRUE(xrprocdetector::saveSnapshot(dir.string(), &error)) << error;
+  dt::SavedMachine snapshot;
+  dt::Error why;
+  ASSERT_TRUE(dt::loadSnapshot(dir.string(), &snapshot, &why)) << why.text();
   std::filesystem::remove_all(dir);
   EXPECT_EQ(snapshot.cpuid.size(), 2u);
-  EXPECT_EQ(snapshot.affinity, (std::vector<unsigned>{0, 1}));
+  EXPECT_EQ(snapshot.affinity, xrprocdetector::CpuSet({0, 1}));
   EXPECT_FALSE(snapshot.vmwareBackdoor);
-  XrSnapshotReplay replay(snapshot);
+  dt::ReplayMachine replay(snapshot);
+  const dt::MachineScope scope(replay);
   for (const auto& [query, expected] : answers) {
     const bool past =
         (query.first == 4 && query.second > 4) || (query.first == 0xb && query.second > 2);
-    const dt::CpuidRegisters got = dt::queryCpuid(query.first, query.second);
+    const dt::CpuidRegisters got = dt::machine().cpuid(query.first, query.second);
     const dt::CpuidRegisters want = past ? dt::CpuidRegisters{0, 0, 0, 0} : expected;
     EXPECT_EQ(std::tie(got.eax, got.ebx, got.ecx, got.edx),
               std::tie(want.eax, want.ebx, want.ecx, want.edx))
@@ -100,7 +85,7 @@ TEST(Snapshot, ALargeDumpIsReadInLinearTime) {
   const std::string line = "5 4 0 0 0 => 1c004121 1c0003f 3f 0\n";
   while (dump.size() < (2u << 20))
     dump += line;
-  std::vector<XrCpuidLine> lines;
+  dt::CpuidDump lines;
   std::string error;
   const auto start = std::chrono::steady_clock::now();
   EXPECT_TRUE(dt::parseCpuidDump(dump, &lines, &error)) << error;
@@ -113,21 +98,19 @@ TEST(Snapshot, ALargeDumpIsReadInLinearTime) {
   EXPECT_EQ(dt::dumpAnswer(lines, 4, 0).eax, 1u);  // the first line that matches
 }
 
-// A processor without a dump, and a leaf that a dump lacks, answer zeros in
-// every register, as a processor answers a leaf beyond its highest.
-TEST(Snapshot, WhatADumpLacksAnswersZeros) {
-  XrMachineSnapshot s;
-  s.affinity = std::vector<unsigned>{0, 1};
+// A leaf that a dump lacks answers zeros in every register, as a processor
+// answers a leaf beyond its highest; a processor without a dump is missing.
+TEST(Snapshot, WhatADumpLacksAnswersZerosAndAProcessorWithoutOneIsMissing) {
+  dt::SavedMachine s;
+  s.affinity = xrprocdetector::CpuSet({0, 1});
   s.cpuid[1] = {{1, {0, 0, 0, 0}, {0xd, 1, 2, 3}}};
-  const XrSnapshotReplay replay(s);
-  const auto zeros = [](dt::CpuidRegisters r) { return (r.eax | r.ebx | r.ecx | r.edx) == 0; };
-  EXPECT_TRUE(zeros(dt::queryCpuid(0, 0)));  // on processor 0 at first, which has no dump
-  cpu_set_t one;
-  CPU_ZERO(&one);
-  CPU_SET(1, &one);
-  ASSERT_EQ(dt::querySetAffinity(&one), 0);
-  EXPECT_EQ(dt::queryCpuid(0, 0).edx, 3u);
-  EXPECT_TRUE(zeros(dt::queryCpuid(7, 0)));
+  dt::ReplayMachine replay(s);
+  EXPECT_THROW(replay.cpuid(0, 0), dt::Missing);  // on processor 0 at first, which has no dump
+  ASSERT_TRUE(replay.pin(xrprocdetector::CpuSet({1, 2})));
+  EXPECT_EQ(replay.cpuid(0, 0).edx, 3u);
+  const dt::CpuidRegisters r = replay.cpuid(7, 0);
+  EXPECT_EQ(r.eax | r.ebx | r.ecx | r.edx, 0u);
+  EXPECT_FALSE(replay.pin(xrprocdetector::CpuSet({2})));  // outside the saved affinity
 }
 
 }  // namespace

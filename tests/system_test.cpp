@@ -75,7 +75,8 @@ TEST(RealMachine, ScansOfACpuinfoThatCannotBeOpenedNeverReturn) {
   for (const char* generation : {"6.0", "6.1", "7.0", "default"}) {
     children.push_back(fork());
     if (children.back() == 0) {
-      const XrCpuinfoRedirect redirect(XrCpuinfoRedirect::kFile, testsupport::fixture("missing"));
+      const testsupport::CpuinfoMachine redirect(testsupport::CpuinfoMachine::kFile,
+                                                 testsupport::fixture("missing"));
       testsupport::makeDetector(generation, tzDebugNone, nullptr)->getProcData();
       _exit(0);
     }

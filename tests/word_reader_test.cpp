@@ -9,7 +9,7 @@
 #include <sstream>
 #include <string>
 
-#include "core/word_reader.h"
+#include "legacy/word_reader.h"
 #include "support/stream_word_reader.h"
 
 namespace {
@@ -104,9 +104,7 @@ TEST(WordReader, FileWordsStraddleRefillsAndOutgrowTheBuffer) {
 
 TEST(WordReader, ClosesOnlyWhatItOpened) {
   // A text reader has no file: standard input (descriptor 0) stays open.
-  if (fcntl(0, F_GETFD) == -1) {
-    ASSERT_EQ(open("/dev/null", O_RDONLY), 0);
-  }
+  ASSERT_TRUE(fcntl(0, F_GETFD) != -1 || open("/dev/null", O_RDONLY) == 0);
   { WordReader text(std::string_view("processor : 0")); }
   EXPECT_NE(fcntl(0, F_GETFD), -1);
 }

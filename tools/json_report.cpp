@@ -53,7 +53,37 @@ class JsonObject {
 };
 
 // The kernel row and the row's agreement with it, as two keys of `o`.
-void addKernel(JsonObject& o, const Detection& row, const KernelTopology& k, int indent) {
+// The topology's sets and names, as keys of the kernel object.
+void addSets(JsonObject& kernel, const Topology& t) {
+  const auto text = [](const std::string& v) { return quoted(v); };
+  kernel.string("onlineCpus", t.online.toList());
+  kernel.string("offlineCpus", t.offline.toList());
+  kernel.string("usableCpus", t.usable.toList());
+  kernel.maybe("hypervisorVendor", t.hypervisorVendor, text);
+  kernel.maybe("virtualizationType", t.virtualizationType, text);
+  kernel.maybe("container", t.container, text);
+  std::string cpus;
+  for (const Processor& p : t.processors) {
+    JsonObject one(-1);
+    const auto index = [&one](const char* key, std::int32_t v) {
+      v < 0 ? one.null(key) : one.number(key, v);
+    };
+    one.number("cpu", p.cpu);
+    index("package", p.package);
+    index("die", p.die);
+    index("core", p.core);
+    index("thread", p.thread);
+    one.stringOrNull("kind", p.kind >= 0,
+                     p.kind >= 0 ? t.coreKinds[static_cast<std::size_t>(p.kind)].kind : "");
+    one.add("online", p.online ? "true" : "false");
+    one.add("usable", p.usable ? "true" : "false");
+    cpus += (cpus.empty() ? "[" : ", ") + one.done();
+  }
+  kernel.add("cpus", cpus.empty() ? "[]" : cpus + "]");
+}
+
+void addKernel(JsonObject& o, const Detection& row, const KernelTopology& k, const Topology& t,
+               int indent) {
   const int inner = indent < 0 ? -1 : indent + 2;
   const auto number = [](std::int32_t v) { return std::to_string(v); };
   const auto word = [](const char* w) { return quoted(w); };
@@ -76,6 +106,7 @@ void addKernel(JsonObject& o, const Detection& row, const KernelTopology& k, int
     kinds += (kinds.empty() ? "[" : ", ") + one.done();
   }
   kernel.add("coreKinds", kinds.empty() ? "null" : kinds + "]");
+  addSets(kernel, t);
   o.add("kernel", kernel.done(true));
   const Agreement a = compare(row, k);
   const auto boolean = [](Same v) {
@@ -117,7 +148,7 @@ std::string jsonRow(const Detection& row, const Input& source, int indent, bool 
   o.stringOrNull("endedBy", row.endedBy != Strategy::kNone,
                  kEndedBy[static_cast<int>(row.endedBy)]);
   o.stringOrNull("note", !row.note.empty(), row.note);
-  if (source.kernel) addKernel(o, row, *source.kernel, indent);
+  if (source.kernel) addKernel(o, row, *source.kernel, *source.topology, indent);
   if (withSummary) o.stringOrNull("summary", row.counted, row.summary);
   return o.done();
 }

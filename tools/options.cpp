@@ -24,6 +24,7 @@ enum : int {
   kSnapshot,
   kCheck,
   kTally,
+  kCpus,
   kJsonLines,
 };
 
@@ -40,6 +41,7 @@ const option kLongOptions[] = {
     {"snapshot", required_argument, nullptr, kSnapshot},
     {"check", no_argument, nullptr, kCheck},
     {"tally", no_argument, nullptr, kTally},
+    {"cpus", no_argument, nullptr, kCpus},
     {"json-lines", no_argument, nullptr, kJsonLines},
     {"help", no_argument, nullptr, 'h'},
     {"version", no_argument, nullptr, 'V'},
@@ -75,26 +77,14 @@ namespace {
 
 // The options that only switch something on.
 bool Options::*flagOf(int c) {
-  switch (c) {
-    case 'J':
-      return &Options::json;
-    case 'h':
-      return &Options::help;
-    case 'V':
-      return &Options::version;
-    case kAll:
-      return &Options::all;
-    case kCheck:
-      return &Options::check;
-    case kTally:
-      return &Options::tally;
-    case kEcho:
-      return &Options::echo;
-    case kSummary:
-      return &Options::summary;
-    default:
-      return nullptr;
+  static const std::pair<int, bool Options::*> kFlags[] = {
+      {'J', &Options::json},   {'h', &Options::help},     {'V', &Options::version},
+      {kAll, &Options::all},   {kCheck, &Options::check}, {kTally, &Options::tally},
+      {kCpus, &Options::cpus}, {kEcho, &Options::echo},   {kSummary, &Options::summary}};
+  for (const auto& [option, flag] : kFlags) {
+    if (option == c) return flag;
   }
+  return nullptr;
 }
 
 // An option with a value (`written` as the user wrote it); the error, or "".
@@ -146,6 +136,10 @@ std::string combinationError(const Options& o, bool algorithmGiven) {
     return std::string(o.check ? "--check" : "--tally") +
            " compares with the kernel's topology, which a saved /proc/cpuinfo does not hold; "
            "use --snapshot";
+  if (o.cpus &&
+      (o.all || algorithmGiven || o.json || o.summary || o.check || o.tally || !o.cpuinfo.empty()))
+    return "--cpus prints the processors of this machine or of snapshots; give it alone or "
+           "with --snapshot";
   if (o.tally && (o.json || o.summary))
     return std::string("--tally prints only the tally; leave out ") +
            (o.json ? "-J (each JSON row carries agreesWithKernel)" : "--summary");
@@ -233,6 +227,10 @@ generation, or save a snapshot of this machine.
       --tally             print, per generation and field, how many inputs
                           agree with the kernel and which do not, instead of
                           each input's report
+      --cpus              print one line a processor, as lscpu's parsable
+                          output does:
+                          number, package, die, core, thread, kind of core,
+                          online and usable (Y or N); empty where not known
       --json-lines        JSON Lines: one object a line for each input and
                           generation (what -J writes for several inputs)
       --save DIR          save a snapshot of this machine into DIR (new or

@@ -22,7 +22,12 @@ struct Input {
   // The kernel's topology: live and on a snapshot, never on a saved
   // /proc/cpuinfo alone.
   std::optional<KernelTopology> kernel;
+  std::optional<Topology> topology;  // where there is a kernel row
 };
+
+// One line a processor, as lscpu -p writes them, under a "#" header:
+// number, package, die, core, thread, kind, online, usable.
+std::string cpuLines(const Topology& t);
 
 // A few lines for one generation: its name, the counts, the states in words.
 std::string humanReport(const Detection& row, const Input& source);

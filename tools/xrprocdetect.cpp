@@ -64,7 +64,8 @@ std::optional<Source> open(Source::Kind kind, const std::string& name, Input* in
     if (!error.empty()) source.reset();
   }
   if (source && kind != Source::Kind::kCpuinfo) {
-    input->kernel = kernelTopology(*source);
+    input->topology = topology(*source);
+    input->kernel = kernelTopology(*input->topology);
     error = input->kernel->error;
     if (!error.empty()) source.reset();
   }
@@ -104,7 +105,7 @@ Report report(const Run& run, Source::Kind kind, const std::string& name) {
   Report r;
   const std::optional<Source> source = open(kind, name, &r.input, &r.err);
   r.failed = !source;
-  for (auto g = run.selected.begin(); source && g != run.selected.end(); ++g) {
+  for (auto g = run.selected.begin(); source && !options.cpus && g != run.selected.end(); ++g) {
     r.rows.push_back(detect(*g, *source, run.settings));
     const Detection& row = r.rows.back();
     // A live /proc/cpuinfo that cannot be read: there are other ways in.
@@ -114,7 +115,9 @@ Report report(const Run& run, Source::Kind kind, const std::string& name) {
     if (run.passDebugOn) r.err += row.debug + row.summary;
   }
   if (r.failed || options.tally) return r;
-  if (options.json) {
+  if (options.cpus) {
+    r.out = cpuLines(*r.input.topology);
+  } else if (options.json) {
     r.out = json(r.rows, r.input, options.all, options.summary, run.lines);
   } else {
     r.out = options.all ? table(r.rows, r.input) : humanReport(r.rows.front(), r.input);
@@ -151,7 +154,7 @@ void emit(const Report& r, const std::string& name, bool tallying, Tally* tally,
 // their order.
 void runAll(const Run& run, Source::Kind kind, const std::vector<std::string>& names, Tally* tally,
             Outcome* outcome) {
-  const bool text = !run.options->json && !run.options->tally;
+  const bool text = !run.options->json && !run.options->tally && !run.options->cpus;
   const std::size_t workers =
       run.settings.echo
           ? 1

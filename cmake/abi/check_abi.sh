@@ -56,7 +56,7 @@ gzip -dc "$baseline" >"$work/baseline.abi"
 baseline_soname=$(sed -n "s/.*soname=[\"']\([^\"']*\)[\"'].*/\1/p" "$work/baseline.abi" | head -n 1)
 current_abi >"$work/current.abi"
 set +e
-abidiff --no-show-locs "$work/baseline.abi" "$work/current.abi" >"$work/abidiff.txt"
+abidiff --no-show-locs --suppressions "$root/cmake/abi/suppressions.ini" "$work/baseline.abi" "$work/current.abi" >"$work/abidiff.txt"
 abi=$?
 set -e
 if [[ $baseline_soname != "$soname" ]]; then

@@ -24,7 +24,9 @@
 #ifndef XRPROCDETECTOR_DETECT_H
 #define XRPROCDETECTOR_DETECT_H
 
+#include <cstddef>
 #include <cstdint>
+#include <iterator>
 #include <memory>
 #include <optional>
 #include <string>
@@ -50,6 +52,65 @@ XRPROCDETECTOR_API const char* generationName(Generation generation) noexcept;
 XRPROCDETECTOR_API std::optional<Generation> findGeneration(const std::string& name) noexcept;
 
 class SourceData;
+
+/// A set of processor numbers, each below the kernel's limit of 8192, such
+/// as a thread's affinity or the processors of one core: a bit a processor,
+/// held in the value itself (1 KiB), so that sets are made, copied and
+/// compared without allocating. Iterates in increasing order.
+class XRPROCDETECTOR_API CpuSet {
+ public:
+  /// Processor numbers are below this, the largest NR_CPUS of the kernel.
+  static constexpr unsigned kLimit = 8192;
+
+  class const_iterator {
+   public:
+    using iterator_category = std::forward_iterator_tag;
+    using value_type = unsigned;
+    using difference_type = std::ptrdiff_t;
+    using pointer = const unsigned*;
+    using reference = unsigned;
+    const_iterator(const CpuSet* set, unsigned cpu) : set_(set), cpu_(cpu) {}
+    unsigned operator*() const { return cpu_; }
+    const_iterator& operator++() {
+      cpu_ = set_->next(cpu_ + 1);
+      return *this;
+    }
+    bool operator==(const const_iterator& other) const { return cpu_ == other.cpu_; }
+    bool operator!=(const const_iterator& other) const { return cpu_ != other.cpu_; }
+
+   private:
+    const CpuSet* set_;
+    unsigned cpu_;
+  };
+
+  CpuSet() = default;
+  /// The processors of `cpus`, in any order; repeats count once, numbers at
+  /// or above kLimit are left out.
+  explicit CpuSet(std::vector<unsigned> cpus);
+  /// The set of a list in the kernel's format ("0-3,8"; "" is the empty
+  /// set; one line end may follow); nothing when `text` is not such a list
+  /// or names a processor at or above kLimit.
+  static std::optional<CpuSet> fromList(const std::string& text);
+  /// The kernel's list format: "0-3,8", "" for the empty set.
+  std::string toList() const;
+
+  std::size_t count() const noexcept;
+  bool empty() const noexcept;
+  bool contains(unsigned cpu) const noexcept;
+  /// Adds `cpu`; a number at or above kLimit is left out.
+  void add(unsigned cpu) noexcept;
+  /// The lowest processor of the set from `from` on; kLimit when none is.
+  unsigned next(unsigned from) const noexcept;
+  const_iterator begin() const noexcept { return {this, next(0)}; }
+  const_iterator end() const noexcept { return {this, kLimit}; }
+  /// The processors in both sets.
+  CpuSet operator&(const CpuSet& other) const noexcept;
+  bool operator==(const CpuSet& other) const noexcept;
+  bool operator!=(const CpuSet& other) const noexcept;
+
+ private:
+  std::uint64_t words_[kLimit / 64] = {};
+};
 
 /// What detection reads: this machine, a saved /proc/cpuinfo text, or a
 /// saved machine (a snapshot directory, or a system root such as
@@ -173,6 +234,75 @@ struct CoreKind {
   std::int32_t logicalProcessors = 0;
 };
 
+/// Where one processor stands. Indices are the topology's own, from 0 in
+/// the order of the processors' numbers; -1 where the kernel's files do not
+/// tell (and for every offline processor).
+struct Processor {
+  unsigned cpu = 0;           ///< the processor's number
+  std::int32_t package = -1;  ///< index into Topology::packages
+  std::int32_t die = -1;      ///< the kernel's die_id within the package
+  std::int32_t core = -1;     ///< index into Topology::cores
+  std::int32_t thread = -1;   ///< its place among its core's processors
+  std::int32_t kind = -1;     ///< index into Topology::coreKinds
+  bool online = false;
+  bool usable = false;
+};
+
+/// One kind of core, with its processors.
+struct CoreKindSet {
+  std::string kind;       ///< as CoreKind::kind names it
+  std::int32_t rank = 0;  ///< 0 the fastest kind, then 1, ...
+  std::int32_t cores = 0;
+  CpuSet processors;
+};
+
+/// The machine as processor sets: what is online, what the process may use,
+/// which processors share a package or a core, and which cores are fast.
+struct Topology {
+  CpuSet online;
+  /// Present (or, without that list, possible) processors; empty where the
+  /// kernel's files do not list them.
+  CpuSet present;
+  CpuSet offline;  ///< present but not online
+  /// What the process may run on: the thread's affinity (live) or the saved
+  /// one (snapshot), the online processors and the effective cpuset of its
+  /// control groups, intersected.
+  CpuSet usable;
+  std::vector<Processor> processors;  ///< online and offline, by number
+  std::vector<CpuSet> packages;       ///< empty where the files do not tell
+  std::vector<CpuSet> cores;          ///< empty where the files do not tell
+  /// Cores of different kinds, fastest first: only on evidence (the
+  /// kernel's hybrid lists, CPUID's core type, base frequencies that differ
+  /// within a package), never from boost rankings. Empty on one kind.
+  std::vector<CoreKindSet> coreKinds;
+  std::optional<Smt> smt;
+  /// The tightest CPU bandwidth limit of the process's control group and of
+  /// every ancestor visible, in processors; nothing when there is none.
+  std::optional<double> cpuQuota;
+  /// The usable processors, capped by the quota rounded up, at least 1.
+  std::optional<std::int32_t> effectiveProcessors;
+  std::optional<Hypervisor> hypervisor;  ///< as KernelTopology::hypervisor
+  /// The hypervisor's vendor in lscpu's words ("KVM", "Xen", "Microsoft",
+  /// "VMware", "Oracle", "QEMU", "Parallels", "bhyve", "ACRN"), "none" on
+  /// evidence of bare metal, nothing where nothing tells.
+  std::optional<std::string> hypervisorVendor;
+  std::optional<std::string> virtualizationType;  ///< "full" or "para"
+  /// The container, in systemd-detect-virt's words ("docker", "podman",
+  /// "lxc", "systemd-nspawn", ...; "kubernetes" for a pod), "none" on
+  /// evidence, nothing where nothing tells.
+  std::optional<std::string> container;
+  std::string
+      missing;        ///< what the kernel's files lack, such as "no sys/devices/system/cpu/online"
+  std::string error;  ///< the first broken file, named; the fields it did not feed are kept
+};
+
+/// Reads the live machine (its /sys, /proc and CPUID, and the calling
+/// thread's affinity), or the snapshot's tree. Changes nothing, except that
+/// on a hybrid processor whose kernel does not list its kinds of core the
+/// thread is pinned to each core in turn, to ask its CPUID core type, and
+/// given back its affinity. A saved /proc/cpuinfo alone has no topology.
+XRPROCDETECTOR_API Topology topology(const Source& source = Source::live()) noexcept;
+
 /// The kernel's own topology of the source's machine, from
 /// sys/devices/system/cpu (and, for the virtual machine, the DMI strings,
 /// the PCI devices and the flags of /proc/cpuinfo), and what the process
@@ -201,10 +331,11 @@ struct KernelTopology {
   std::string error;    ///< a file that is there but broken, named; empty when none
 };
 
-/// Reads the live /sys (and /proc/cpuinfo), or the snapshot's tree. A saved
-/// /proc/cpuinfo alone has no kernel topology: every field is empty. Reads a
-/// few small files per core; changes nothing.
+/// The counts of topology(), read as it reads. A saved /proc/cpuinfo alone
+/// has no kernel topology: every field is empty.
 XRPROCDETECTOR_API KernelTopology kernelTopology(const Source& source = Source::live()) noexcept;
+/// The counts of a topology already read.
+XRPROCDETECTOR_API KernelTopology kernelTopology(const Topology& topology) noexcept;
 
 /// A detection's states in the kernel's terms; nothing where the detection
 /// did not count or did not determine them.

@@ -16,8 +16,9 @@
 #include <xrprocdetector/xrprocdetector_linux32_70.h>
 
 #include "api/source.h"
-#include "core/verdict.h"
-#include "generations/generations.h"
+#include "legacy/legacy.h"
+#include "linux/linux.h"
+#include "snapshot/snapshot.h"
 
 namespace xrprocdetector {
 
@@ -26,14 +27,13 @@ namespace {
 struct GenerationInfo {
   const char* name;
   const char* className;
-  bool readsCpuinfo;
 };
 
 const GenerationInfo& infoOf(Generation g) {
   static const GenerationInfo kInfo[] = {
-      {"5.3", "XrProcDetectorLegacy_53", false},  {"6.0", "XrProcDetectorLegacy_6x", true},
-      {"6.1", "XrProcDetectorLegacy_6x", true},   {"7.0", "XrProcDetectorLinux32_70", true},
-      {"default", "XrProcDetectorLinux32", true},
+      {"5.3", "XrProcDetectorLegacy_53"},   {"6.0", "XrProcDetectorLegacy_6x"},
+      {"6.1", "XrProcDetectorLegacy_6x"},   {"7.0", "XrProcDetectorLinux32_70"},
+      {"default", "XrProcDetectorLinux32"},
   };
   return kInfo[static_cast<int>(g)];
 }
@@ -92,55 +92,6 @@ std::unique_ptr<XrProcDetector> makeDetector(Generation g, const DetectOptions& 
   return build<XrProcDetectorLinux32>(o, o.versionIndex, stream);
 }
 
-// Why a live /proc/cpuinfo cannot be read, or nothing. A scan of a file
-// that cannot be read never ends, so such a detection is not run.
-std::optional<std::string> liveCpuinfoProblem() {
-  const int fd = ::open("/proc/cpuinfo", O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return std::string(std::strerror(errno));
-  char byte = 0;
-  ssize_t n;
-  do
-    n = ::read(fd, &byte, 1);
-  while (n < 0 && errno == EINTR);
-  const int readError = errno;
-  ::close(fd);
-  if (n < 0) return std::string(std::strerror(readError));
-  return std::nullopt;
-}
-
-// What the default detector's CPUID estimate needs and the snapshot lacks,
-// or nothing.
-std::string cpuidMissing(const XrMachineSnapshot& s) {
-  if (!s.configured) return "the configured processor count";
-  if (!s.affinity) return "the affinity";
-  for (const unsigned p : *s.affinity) {
-    if (s.cpuid.count(p) == 0) return "cpuid/pu" + std::to_string(p);
-  }
-  return "";
-}
-
-// Why `g` cannot count on `source`, or nothing: the source lacks a part it
-// reads. *error is set instead when the source could not be read.
-std::string missingPart(Generation g, const SourceData& source, std::string* error) {
-  const bool reads = infoOf(g).readsCpuinfo;
-  if (!source.error.empty()) {
-    *error = source.error;
-  } else if (source.kind == Source::Kind::kLive) {
-    const auto problem = reads ? liveCpuinfoProblem() : std::nullopt;
-    if (problem)
-      *error = "cannot read /proc/cpuinfo (" + *problem + "); generation " + infoOf(g).name +
-               " would never return, so it is not run";
-  } else if (g == Generation::k53) {
-    if (source.kind == Source::Kind::kCpuinfo)
-      return "needs the system's processor count, which the file does not hold";
-    if (!source.snapshot.configured)
-      return "needs the configured processor count, which the snapshot does not hold";
-  } else if (source.kind == Source::Kind::kSnapshot && !source.snapshot.cpuinfo) {
-    return "needs /proc/cpuinfo, which the snapshot does not hold";
-  }
-  return "";
-}
-
 void takeFields(Detection& d, const XrProcDetector& detector) {
   d.versionIndex = detector.procInfoIndex;
   d.packages = detector.physicalCount;
@@ -150,50 +101,27 @@ void takeFields(Detection& d, const XrProcDetector& detector) {
   d.vm = static_cast<VmState>(detector.vmState);
 }
 
-// The default detector on a source of its own: a saved text has no CPUID
-// to go on to, and a snapshot may lack what the estimate needs.
-bool runDefault(XrProcDetectorLinux32& detector, const SourceData& source, bool echo,
-                Detection& d) {
-  if (source.kind == Source::Kind::kCpuinfo) {
-    // Only the first strategy reads /proc/cpuinfo: the scan, then the
-    // verdict, as getProcData runs them before it would turn to CPUID.
-    if (detector.getUnixProcData() < 0) {
-      d.note = "no physical id; a live run goes on to the CPUID estimate";
-      return false;
-    }
-    d.endedBy = Strategy::kCpuinfo;
-    d.result = 0;  // what getProcData returns after a successful scan
-    return true;
-  }
-  // A snapshot that lacks what the CPUID estimate needs counts only when
-  // the scan ends detection. What the estimate would make of the gaps is
-  // dropped unseen; with the echo on, a silent detector asks first.
-  const std::string missing =
-      source.kind == Source::Kind::kSnapshot ? cpuidMissing(source.snapshot) : "";
-  XrProcDetectorLinux32 scout(tzDebugNone, 0, nullptr, nullptr);
-  const bool scanFails = !missing.empty() && echo && scout.getUnixProcData() < 0;
-  if (!scanFails) d.result = detail::runDefaultDetection(detector, &d.endedBy);
-  if (missing.empty() || d.endedBy == Strategy::kCpuinfo) return true;
-  d.note =
-      "no physical id; the CPUID estimate needs " + missing + ", which the snapshot does not hold";
-  d.endedBy = Strategy::kNone;
-  return false;
-}
-
-// The detection itself, with the source in place for this thread.
+// The detection itself, on the calling thread's machine.
 void run(Generation g, const SourceData& source, const DetectOptions& options, Detection& d) {
   Capture capture;
   const std::unique_ptr<XrProcDetector> detector =
       makeDetector(g, options, options.debugLevel > 0 ? capture.file() : nullptr);
   d.versionIndex = detector->procInfoIndex;
-  if (g == Generation::kDefault) {
-    d.counted = runDefault(static_cast<XrProcDetectorLinux32&>(*detector), source, options.echo, d);
-  } else {
+  if (g == Generation::kDefault && source.kind == Source::Kind::kCpuinfo) {
+    // A saved text has no CPUID to go on to: only the first strategy, the
+    // scan and then the verdict, as getProcData runs them first.
+    d.counted = detector->getUnixProcData() >= 0;
+    d.endedBy = d.counted ? Strategy::kCpuinfo : Strategy::kNone;
+    if (!d.counted) d.note = "no physical id; a live run goes on to the CPUID estimate";
+  } else if (g == Generation::kDefault) {
+    d.result =
+        detail::runDefaultDetection(static_cast<XrProcDetectorLinux32&>(*detector), &d.endedBy);
     d.counted = true;
+  } else {
     d.result = detector->getProcData();
+    d.counted = true;
   }
-  // A snapshot's row that does not count shows nothing of what ran.
-  d.debug = d.counted || source.kind != Source::Kind::kSnapshot ? capture.text() : "";
+  d.debug = capture.text();
   if (!d.counted) return;
   takeFields(d, *detector);
   if (g == Generation::kDefault && d.endedBy == Strategy::kCpuinfo) {
@@ -208,46 +136,78 @@ void run(Generation g, const SourceData& source, const DetectOptions& options, D
   }
 }
 
-// The calling thread's affinity, and for a detector that probes the VMware
-// port its signal mask and SIGSEGV disposition under the probe lock, given
-// back when the scope ends.
+// A detection of d's generation, class and index that has found nothing.
+Detection fresh(const Detection& d) {
+  Detection out;
+  out.generation = d.generation;
+  out.className = d.className;
+  out.versionIndex = d.versionIndex;
+  return out;
+}
+
+// What a source lacks, in the words of a detection that cannot count.
+void lacks(Generation g, const SourceData& source, const detail::Missing& missing, Detection& d) {
+  const Strategy reached = d.endedBy;
+  d = fresh(d);
+  if (source.kind == Source::Kind::kLive) {
+    d.error =
+        missing.what + "; generation " + infoOf(g).name + " would never return, so it is not run";
+  } else if (g == Generation::kDefault && reached == Strategy::kCpuid) {
+    d.note = "no physical id; the CPUID estimate needs " + missing.what + ", which " +
+             source.saved.holder + " does not hold";
+  } else {
+    d.note = "needs " + missing.what + ", which " + source.saved.holder + " does not hold";
+  }
+}
+
+// The calling thread's affinity on its machine, and for a detector that
+// probes the VMware port its signal mask and SIGSEGV disposition under the
+// probe lock, given back when the scope ends.
 class ThreadState {
  public:
   explicit ThreadState(bool probes) {
     if (probes) signals_.emplace();
-    haveAffinity_ = sched_getaffinity(0, sizeof affinity_, &affinity_) == 0;
+    try {
+      haveAffinity_ = detail::machine().affinity(&affinity_);
+    } catch (const detail::Missing&) {
+      // a saved machine without an affinity: nothing to give back
+    }
   }
   ~ThreadState() {
-    if (haveAffinity_) sched_setaffinity(0, sizeof affinity_, &affinity_);
+    if (haveAffinity_) detail::machine().pin(affinity_);
   }
   ThreadState(const ThreadState&) = delete;
   ThreadState& operator=(const ThreadState&) = delete;
 
  private:
   std::optional<detail::SignalState> signals_;
-  cpu_set_t affinity_;
-  bool haveAffinity_;
+  CpuSet affinity_;
+  bool haveAffinity_ = false;
 };
 
+// Runs `g` on the source's machine. What the machine lacks ends the run:
+// the detection does not count, and says why. Lines echoed to standard
+// output cannot be taken back, so with the echo on a saved source is first
+// run silently to find whether it lacks anything.
 void runOn(Generation g, const SourceData& source, const DetectOptions& options, Detection& d) {
-  switch (source.kind) {
-    case Source::Kind::kCpuinfo: {
-      const XrCpuinfoRedirect redirect(&source.text);
-      return run(g, source, options, d);
+  const std::unique_ptr<detail::Machine> m = source.machine();
+  const detail::MachineScope scope(*m);
+  const auto once = [&](const DetectOptions& o) {
+    const ThreadState thread(g == Generation::kDefault);
+    run(g, source, o, d);
+  };
+  try {
+    if (options.echo && source.kind != Source::Kind::kLive) {
+      DetectOptions quiet = options;
+      quiet.echo = quiet.summary = false;
+      quiet.debugLevel = 0;
+      once(quiet);
+      d = fresh(d);
     }
-    case Source::Kind::kSnapshot: {
-      // The default detector's VMware probe sets the process's SIGSEGV
-      // disposition, replayed or not: one at a time, and given back.
-      std::optional<detail::SignalState> signals;
-      if (g == Generation::kDefault) signals.emplace();
-      const XrSnapshotReplay replay(source.snapshot);
-      return run(g, source, options, d);
-    }
-    case Source::Kind::kLive:
-      break;
+    once(options);
+  } catch (const detail::Missing& missing) {
+    lacks(g, source, missing, d);
   }
-  const ThreadState thread(g == Generation::kDefault);
-  run(g, source, options, d);
 }
 
 }  // namespace
@@ -279,8 +239,10 @@ Detection detect(Generation generation, const Source& source,
                        ? tzProcInfo71
                        : options.versionIndex.value_or(tzProcInfo71);
   try {
-    d.note = missingPart(generation, source.data(), &d.error);
-    if (!d.note.empty() || !d.error.empty()) return d;
+    if (!source.data().error.empty()) {
+      d.error = source.data().error;
+      return d;
+    }
     runOn(generation, source.data(), options, d);
   } catch (const std::bad_alloc&) {
     d.counted = false;
@@ -289,11 +251,122 @@ Detection detect(Generation generation, const Source& source,
   return d;
 }
 
+Topology topology(const Source& source) noexcept {
+  Topology t;
+  try {
+    const SourceData& data = source.data();
+    if (data.kind == Source::Kind::kCpuinfo) return t;
+    const std::unique_ptr<detail::Machine> m = data.machine();
+    const detail::MachineScope scope(*m);
+    t = detail::readTopology();
+  } catch (const std::bad_alloc&) {
+    t.error = "out of memory";
+  }
+  return t;
+}
+
+KernelTopology kernelTopology(const Source& source) noexcept {
+  return kernelTopology(topology(source));
+}
+
+KernelTopology kernelTopology(const Topology& t) noexcept {
+  KernelTopology k;
+  const auto count = [](std::size_t n) { return static_cast<std::int32_t>(n); };
+  if (!t.online.empty()) k.logicalProcessors = count(t.online.count());
+  if (!t.packages.empty()) k.packages = count(t.packages.size());
+  if (!t.cores.empty()) k.cores = count(t.cores.size());
+  if (!t.present.empty()) k.offlineProcessors = count(t.offline.count());
+  k.smt = t.smt;
+  k.hypervisor = t.hypervisor;
+  if (!t.online.empty()) k.usableProcessors = count(t.usable.count());
+  k.cpuQuota = t.cpuQuota;
+  k.effectiveProcessors = t.effectiveProcessors;
+  for (const CoreKindSet& kind : t.coreKinds)
+    k.coreKinds.push_back({kind.kind, kind.cores, count(kind.processors.count())});
+  k.missing = t.missing;
+  k.error = t.error;
+  return k;
+}
+
+std::optional<Smt> smtOf(const Detection& d) noexcept {
+  if (!d.counted || d.hyperThreading == HyperThreading::kNotDetermined) return std::nullopt;
+  if (d.hyperThreading == HyperThreading::kNotCapable) return Smt::kNotSupported;
+  return d.hyperThreading == HyperThreading::kDisabled ? Smt::kOff : Smt::kOn;  // 2 and 3: on
+}
+
+std::optional<Hypervisor> hypervisorOf(const Detection& d) noexcept {
+  if (!d.counted) return std::nullopt;
+  if (d.vm == VmState::kNone) return Hypervisor::kNone;
+  if (d.vm == VmState::kVmware) return Hypervisor::kVmware;
+  // 15 names an unknown virtual machine only after the CPUID estimate;
+  // elsewhere it is the detectors' "not determined".
+  if (d.vm == VmState::kNotDetermined && d.endedBy == Strategy::kCpuid) return Hypervisor::kOther;
+  return std::nullopt;
+}
+
+Agreement compare(const Detection& d, const KernelTopology& k) noexcept {
+  Agreement a;
+  if (!d.counted) return a;
+  auto same = [](auto mine, auto theirs) {
+    if (!mine || !theirs) return Same::kUnknown;
+    return *mine == *theirs ? Same::kYes : Same::kNo;
+  };
+  a.packages = same(std::optional<std::int32_t>(d.packages), k.packages);
+  a.cores = same(std::optional<std::int32_t>(d.cores), k.cores);
+  a.logicalProcessors = same(std::optional<std::int32_t>(d.logicalProcessors), k.logicalProcessors);
+  a.smt = same(smtOf(d), k.smt);
+  a.hypervisor = same(hypervisorOf(d), k.hypervisor);
+  return a;
+}
+
+namespace {
+
+// Runs every reader the library has on a recording of this machine, so
+// that the snapshot holds exactly what they read.
+void readEverything() {
+  for (const Generation g :
+       {Generation::k53, Generation::k60, Generation::k61, Generation::k70, Generation::kDefault}) {
+    try {
+      const ThreadState thread(g == Generation::kDefault);
+      Detection d;
+      run(g, SourceData(), DetectOptions{}, d);
+    } catch (const detail::Missing&) {
+    }
+  }
+  detail::readTopology();
+  const detail::SignalState signals;
+  detail::guardedVmwareProbe();
+}
+
+}  // namespace
+
 bool saveSnapshot(const std::string& dir, std::string* error) noexcept {
-  std::string why;
-  const bool saved = xrSaveSnapshot(
-      dir, std::string(program_invocation_short_name) + " " + XRPROCDETECTOR_VERSION, &why);
-  if (!saved && error != nullptr) *error = why;
+  detail::Error why;
+  bool saved = false;
+  try {
+    detail::RecordingMachine recording(detail::machine());
+    {
+      const detail::MachineScope scope(recording);
+      readEverything();
+    }
+    // What makes a snapshot a machine: a broken one of these fails the
+    // save; any other file that cannot be read is left out.
+    for (const char* file : {"proc/cpuinfo", "sys/devices/system/cpu/possible",
+                             "sys/devices/system/cpu/present", "sys/devices/system/cpu/online"}) {
+      const auto failed = recording.failures().find(file);
+      if (why.empty() && failed != recording.failures().end())
+        detail::fail(&why, "/" + failed->first, failed->second);
+    }
+    if (why.empty() && recording.files().count("proc/cpuinfo") == 0)
+      detail::fail(&why, "/proc/cpuinfo", "cannot open: No such file or directory");
+    if (why.empty() && recording.dumpEveryProcessor(&why))
+      saved = detail::writeSnapshot(
+          dir, recording, std::string(program_invocation_short_name) + " " + XRPROCDETECTOR_VERSION,
+          &why);
+  } catch (const std::bad_alloc&) {
+    detail::fail(&why, dir, "out of memory");
+  }
+  if (!saved && error != nullptr) *error = why.text();
   return saved;
 }
 

@@ -6,7 +6,7 @@
 
 #include <new>
 
-#include "sysroot/root.h"
+#include "snapshot/snapshot.h"
 
 namespace xrprocdetector {
 
@@ -28,6 +28,15 @@ std::string readCpuinfo(const std::string& path, std::string* text) {
   return why.substr(0, colon) + " " + shown + why.substr(colon);
 }
 
+// A saved /proc/cpuinfo: a machine of one file, which holds nothing else.
+std::shared_ptr<SourceData> textData(std::string text) {
+  auto data = std::make_shared<SourceData>();
+  data->kind = Source::Kind::kCpuinfo;
+  data->saved.cpuinfo = std::move(text);
+  data->saved.holder = "the file";
+  return data;
+}
+
 }  // namespace
 
 Source::Source(std::shared_ptr<const SourceData> data) : data_(std::move(data)) {}
@@ -36,17 +45,18 @@ Source Source::live() {
   return Source(std::make_shared<SourceData>());
 }
 
+std::unique_ptr<detail::Machine> SourceData::machine() const {
+  if (kind == Source::Kind::kLive) return std::make_unique<detail::LiveMachine>(true);
+  return std::make_unique<detail::ReplayMachine>(saved);
+}
+
 Source Source::cpuinfoText(std::string text) {
-  auto data = std::make_shared<SourceData>();
-  data->kind = Kind::kCpuinfo;
-  data->text = std::move(text);
-  return Source(std::move(data));
+  return Source(textData(std::move(text)));
 }
 
 Source Source::cpuinfoFile(std::string path) {
-  auto data = std::make_shared<SourceData>();
-  data->kind = Kind::kCpuinfo;
-  data->error = readCpuinfo(path, &data->text);
+  auto data = textData("");
+  data->error = readCpuinfo(path, &*data->saved.cpuinfo);
   data->name = std::move(path);
   return Source(std::move(data));
 }
@@ -55,9 +65,9 @@ std::optional<Source> Source::snapshot(const std::string& dir, std::string* erro
   auto data = std::make_shared<SourceData>();
   data->kind = Kind::kSnapshot;
   data->name = dir;
-  std::string why;
-  if (!xrLoadSnapshot(dir, &data->snapshot, &why)) {
-    if (error != nullptr) *error = why;
+  detail::Error why;
+  if (!detail::loadSnapshot(dir, &data->saved, &why)) {
+    if (error != nullptr) *error = why.text();
     return std::nullopt;
   }
   return Source(std::move(data));

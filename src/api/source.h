@@ -4,9 +4,10 @@
 
 #include <xrprocdetector/detect.h>
 
+#include <memory>
 #include <string>
 
-#include "snapshot/snapshot.h"
+#include "machine/machine.h"
 
 namespace xrprocdetector {
 
@@ -15,8 +16,11 @@ class SourceData {
   Source::Kind kind = Source::Kind::kLive;
   std::string name;
   std::string error;
-  std::string text;            // a saved /proc/cpuinfo
-  XrMachineSnapshot snapshot;  // a snapshot
+  detail::SavedMachine saved;  // a saved /proc/cpuinfo text, or a snapshot
+
+  // The machine to read for one call: this one, strict about an unreadable
+  // /proc/cpuinfo, or the saved one.
+  std::unique_ptr<detail::Machine> machine() const;
 };
 
 }  // namespace xrprocdetector

@@ -4,8 +4,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
+#include <sstream>
 #include <string>
 #include <unordered_map>
+#include <vector>
 
 #include "snapshot/snapshot_io.h"
 
@@ -21,17 +24,8 @@ bool hexWord(std::string_view word, std::uint32_t* value) {
   if (word.empty() || word.size() > 8) return false;
   std::uint32_t v = 0;
   for (const char c : word) {
-    int digit;
-    if (c >= '0' && c <= '9') {
-      digit = c - '0';
-    } else if (c >= 'a' && c <= 'f') {
-      digit = c - 'a' + 10;
-    } else if (c >= 'A' && c <= 'F') {
-      digit = c - 'A' + 10;
-    } else {
-      return false;
-    }
-    v = v << 4 | static_cast<std::uint32_t>(digit);
+    if (hexDigit(c) < 0) return false;
+    v = v << 4 | static_cast<std::uint32_t>(hexDigit(c));
   }
   *value = v;
   return true;
@@ -39,13 +33,14 @@ bool hexWord(std::string_view word, std::uint32_t* value) {
 
 namespace {
 
-bool isSpace(char c) {
-  return c == ' ' || c == '\t' || c == '\r';
+bool fail(int line, const std::string& message, std::string* error) {
+  *error = atLine(line, message);
+  return false;
 }
 
 // What identifies a query: the mask and the inputs it keeps. Two lines with
 // the same key ask the same question.
-std::string queryKey(const XrCpuidLine& l) {
+std::string queryKey(const CpuidLine& l) {
   std::string key(1, static_cast<char>(l.mask));
   for (int r = 0; r < 4; ++r) {
     const std::uint32_t v = (l.mask >> r & 1) != 0 ? l.in[r] : 0;
@@ -56,73 +51,35 @@ std::string queryKey(const XrCpuidLine& l) {
 
 }  // namespace
 
-bool parseCpuidDump(std::string_view text, std::vector<XrCpuidLine>* lines, std::string* error) {
+bool parseCpuidDump(std::string_view text, CpuidDump* lines, std::string* error) {
   lines->clear();
   // Each query's first line, by its key: one look-up a line.
   std::unordered_map<std::string, std::pair<std::size_t, int>> firstOf;
+  std::istringstream in{std::string(text)};
   int number = 0;
-  while (!text.empty()) {
+  for (std::string line; std::getline(in, line);) {
     ++number;
-    const std::size_t end = text.find('\n');
-    std::string_view line = text.substr(0, end);
-    text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
-    std::string_view words[11];
-    int count = 0;
-    for (std::size_t i = 0; i < line.size();) {
-      if (isSpace(line[i])) {
-        ++i;
-        continue;
-      }
-      std::size_t j = i;
-      while (j < line.size() && !isSpace(line[j]))
-        ++j;
-      if (count < 11) words[count] = line.substr(i, j - i);
-      ++count;
-      i = j;
-    }
-    if (count == 0 || words[0][0] == '#') continue;
-    if (count != 10 || words[5] != "=>") {
-      *error = atLine(number, "expected \"mask eax ebx ecx edx => eax ebx ecx edx\"");
-      return false;
-    }
-    XrCpuidLine l{};
+    std::istringstream split(line);
+    const std::vector<std::string> words{std::istream_iterator<std::string>(split), {}};
+    if (words.empty() || words[0][0] == '#') continue;
+    if (words.size() != 10 || words[5] != "=>")
+      return fail(number, "expected \"mask eax ebx ecx edx => eax ebx ecx edx\"", error);
+    CpuidLine l{};
     bool ok = hexWord(words[0], &l.mask);
-    for (int r = 0; r < 4; ++r) {
+    for (int r = 0; r < 4; ++r)
       ok = ok && hexWord(words[1 + r], &l.in[r]) && hexWord(words[6 + r], &l.out[r]);
-    }
-    if (!ok) {
-      *error = atLine(number, "a word is not a hexadecimal number of at most 8 digits");
-      return false;
-    }
-    if (l.mask > 0xF) {
-      *error = atLine(number, "mask " + std::string(words[0]) + " has bits beyond EAX to EDX");
-      return false;
-    }
+    if (!ok) return fail(number, "a word is not a hexadecimal number of at most 8 digits", error);
+    if (l.mask > 0xF)
+      return fail(number, "mask " + words[0] + " has bits beyond EAX to EDX", error);
     const auto first = firstOf.emplace(queryKey(l), std::make_pair(lines->size(), number));
-    if (!first.second) {
-      const XrCpuidLine& seen = (*lines)[first.first->second.first];
-      if (std::memcmp(seen.out, l.out, sizeof l.out) != 0) {
-        *error = atLine(number, "a second, different answer to the query of line " +
-                                    std::to_string(first.first->second.second));
-        return false;
-      }
-    }
+    const auto& [index, seenOn] = first.first->second;
+    if (!first.second && std::memcmp((*lines)[index].out, l.out, sizeof l.out) != 0)
+      return fail(number,
+                  "a second, different answer to the query of line " + std::to_string(seenOn),
+                  error);
     lines->push_back(l);
   }
   return true;
-}
-
-CpuidRegisters dumpAnswer(const std::vector<XrCpuidLine>& lines, std::uint32_t leaf,
-                          std::uint32_t subleaf) {
-  const std::uint32_t query[4] = {leaf, 0, subleaf, 0};
-  for (const XrCpuidLine& l : lines) {
-    bool match = true;
-    for (int r = 0; r < 4; ++r) {
-      if ((l.mask >> r & 1) != 0 && l.in[r] != query[r]) match = false;
-    }
-    if (match) return {l.out[0], l.out[1], l.out[2], l.out[3]};
-  }
-  return {0, 0, 0, 0};
 }
 
 }  // namespace detail

@@ -8,127 +8,119 @@
 #include <new>
 
 #include "snapshot/snapshot_io.h"
-#include "sysroot/root.h"
 
-namespace dt = xrprocdetector::detail;
-using dt::Read;
+namespace xrprocdetector {
+namespace detail {
 
 namespace {
 
 // Reads `path` under the root into *text. kFailed sets *error, naming the
 // file.
-Read readPart(const dt::SystemRoot& root, const std::string& path, std::size_t cap,
-              std::string* text, std::string* error) {
+Read readPart(TreeMachine& root, const std::string& path, std::size_t cap, std::string* text,
+              Error* error) {
   std::string why;
-  const Read r = dt::readWholeFile(root.fd(), path, cap, text, &why);
-  if (r == Read::kFailed) *error = root.shown(path) + ": " + why;
+  const Read r = root.file(path, cap, text, &why);
+  if (r == Read::kFailed) fail(error, root.shown(path), why);
   return r;
 }
 
 // cpuid/puN (or the folder's own puN, for a CPUID folder given alone). Any
 // other name ("pu0.txt", "info") is no dump; a dump whose number is not in
 // canonical form or above the limit is refused.
-bool loadDumps(const dt::SystemRoot& root, const std::string& folder, XrMachineSnapshot* s,
-               std::string* error) {
+bool loadDumps(TreeMachine& root, const std::string& folder, SavedMachine* s, Error* error) {
   std::vector<std::string> names;
   const Read listed = root.entries(folder, &names);
-  if (listed == Read::kFailed) *error = root.shown(folder) + ": " + std::strerror(errno);
+  if (listed == Read::kFailed) fail(error, root.shown(folder), std::strerror(errno));
   if (listed != Read::kOk) return listed == Read::kAbsent;
   const std::string prefix = folder.empty() ? "" : folder + "/";
   std::vector<unsigned> processors;
   for (const std::string& name : names) {
     unsigned n = 0;
     std::string problem;
-    if (!dt::numberedName(name, "pu", kSnapshotMaxProcessors, &n, &problem)) continue;
-    if (!problem.empty()) return *error = root.shown(prefix + name) + ": " + problem, false;
+    if (!numberedName(name, "pu", kKernelMaxProcessors, &n, &problem)) continue;
+    if (!problem.empty()) return fail(error, root.shown(prefix + name), problem);
     processors.push_back(n);
   }
   std::sort(processors.begin(), processors.end());
   std::string text;
   for (const unsigned n : processors) {
     const std::string file = prefix + "pu" + std::to_string(n);
-    const Read r = readPart(root, file, dt::kCpuidDumpCap, &text, error);
-    if (r == Read::kAbsent) *error = root.shown(file) + ": vanished while the snapshot was read";
+    const Read r = readPart(root, file, kCpuidDumpCap, &text, error);
+    if (r == Read::kAbsent) fail(error, root.shown(file), "vanished while the snapshot was read");
     if (r != Read::kOk) return false;
-    if (!dt::parseCpuidDump(text, &s->cpuid[n], error)) {
-      *error = root.shown(file) + " " + *error;
-      return false;
-    }
+    std::string why;
+    if (!parseCpuidDump(text, &s->cpuid[n], &why)) return fail(error, root.shown(file), why);
   }
   return true;
 }
 
-bool loadMetadata(const dt::SystemRoot& root, const std::string& text, XrMachineSnapshot* s,
-                  std::string* error) {
-  dt::SnapshotMetadata m;
-  if (!dt::parseMetadata(text, &m, error)) {
-    *error = root.shown("xrprocdetect.json") + " " + *error;
-    return false;
-  }
-  s->hasMetadata = true;
-  s->configured = m.configured;
-  s->online = m.online;
-  s->affinity = std::move(m.affinity);
-  s->vmwareBackdoor = m.vmwareBackdoor;
-  return true;
+bool loadMetadata(TreeMachine& root, const std::string& text, SavedMachine* s, Error* error) {
+  std::string why;
+  return parseMetadata(text, s, &why) || fail(error, root.shown("xrprocdetect.json"), why);
 }
 
 // Without the metadata: the counts as glibc takes them from the lists, and
 // the affinity of a process that nothing restricted.
-bool loadLists(dt::SystemRoot& root, XrMachineSnapshot* s, std::string* error) {
-  std::vector<unsigned> possible;
-  std::vector<unsigned> online;
-  Read r = root.list("sys/devices/system/cpu/possible", kSnapshotMaxProcessors, &possible);
-  if (r == Read::kOk) s->configured = static_cast<long>(possible.size());
+bool loadLists(TreeMachine& tree, SavedMachine* s, Error* error) {
+  SystemRoot root(tree);
+  CpuSet possible;
+  CpuSet online;
+  Read r = root.list("sys/devices/system/cpu/possible", &possible);
+  if (r == Read::kOk) s->configured = static_cast<long>(possible.count());
   if (r != Read::kFailed) {
-    r = root.list("sys/devices/system/cpu/online", kSnapshotMaxProcessors, &online);
-    if (r == Read::kOk) s->online = static_cast<long>(online.size());
-    if (r == Read::kOk) s->affinity = std::move(online);
+    r = root.list("sys/devices/system/cpu/online", &online);
+    if (r == Read::kOk) s->online = static_cast<long>(online.count());
+    if (r == Read::kOk) s->affinity = online;
   }
   if (r != Read::kFailed) return true;
   *error = root.error();
   return false;
 }
 
-bool load(const std::string& dir, XrMachineSnapshot* s, std::string* error) {
-  *s = XrMachineSnapshot();
+bool load(const std::string& dir, SavedMachine* s, Error* error) {
+  *s = SavedMachine();
+  s->dir = dir;
   struct stat st;
-  if (::stat(dir.c_str(), &st) != 0) return *error = dir + ": " + std::strerror(errno), false;
-  if (!S_ISDIR(st.st_mode)) return *error = dir + ": not a directory", false;
-  dt::SystemRoot root(dir);
-  if (!root.isOpen()) return *error = root.openError(), false;
-  if (root.exists(".xrprocdetect-saving")) {
-    *error = dir + ": an unfinished save (it has no xrprocdetect.json); save the snapshot again";
+  if (::stat(dir.c_str(), &st) != 0) return fail(error, dir, std::strerror(errno));
+  if (!S_ISDIR(st.st_mode)) return fail(error, dir, "not a directory");
+  ReplayMachine root(*s);  // its files alone
+  if (!root.openError().empty()) {
+    *error = root.openError();
     return false;
   }
+  if (root.exists(".xrprocdetect-saving"))
+    return fail(error, dir,
+                "an unfinished save (it has no xrprocdetect.json); save the snapshot again");
   const bool cpuidAlone = root.exists("pu0") && !root.exists("proc/cpuinfo");
   if (!cpuidAlone && !root.exists("proc/cpuinfo") && !root.exists("sys/devices/system/cpu") &&
       !root.exists("cpuid") && !root.exists("xrprocdetect.json")) {
-    *error = "not a snapshot: " + dir +
-             " holds none of proc/cpuinfo, sys/devices/system/cpu, cpuid/ and xrprocdetect.json";
-    return false;
+    return fail(error, "",
+                "not a snapshot: " + dir +
+                    " holds none of proc/cpuinfo, sys/devices/system/cpu, cpuid/ and "
+                    "xrprocdetect.json");
   }
   std::string text;
-  Read r = readPart(root, "proc/cpuinfo", dt::kCpuinfoCap, &text, error);
+  Read r = readPart(root, "proc/cpuinfo", kCpuinfoCap, &text, error);
   if (r == Read::kFailed) return false;
   if (r == Read::kOk) s->cpuinfo = std::move(text);
-  r = readPart(root, "xrprocdetect.json", dt::kSmallFileCap, &text, error);
+  r = readPart(root, "xrprocdetect.json", kSmallFileCap, &text, error);
   if (r == Read::kFailed) return false;
-  if (r == Read::kOk ? !loadMetadata(root, text, s, error) : !loadLists(root, s, error))
-    return false;
+  const bool metadata = r == Read::kOk;
+  if (metadata ? !loadMetadata(root, text, s, error) : !loadLists(root, s, error)) return false;
   // A CPUID folder given by itself (as its gathering tool writes it) is a
   // snapshot of CPUID alone.
-  return loadDumps(root, cpuidAlone && !s->hasMetadata ? "" : "cpuid", s, error);
+  return loadDumps(root, cpuidAlone && !metadata ? "" : "cpuid", s, error);
 }
 
 }  // namespace
 
-bool xrLoadSnapshot(const std::string& dir, XrMachineSnapshot* snapshot,
-                    std::string* error) noexcept {
+bool loadSnapshot(const std::string& dir, SavedMachine* snapshot, Error* error) noexcept {
   try {
     return load(dir, snapshot, error);
   } catch (const std::bad_alloc&) {
-    *error = dir + ": out of memory";
-    return false;
+    return fail(error, dir, "out of memory");
   }
 }
+
+}  // namespace detail
+}  // namespace xrprocdetector

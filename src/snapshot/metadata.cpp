@@ -1,7 +1,10 @@
 // The metadata file of a snapshot, xrprocdetect.json: a small JSON reader
-// that keeps what it needs. Bounded work on any input; never throws past
-// std::bad_alloc, which the loader catches.
+// that keeps what it needs. It reads the text as tokens (punctuation,
+// strings, and the bare words of numbers and literals), each with its line.
+// Bounded work on any input; never throws past std::bad_alloc, which the
+// loader catches.
 #include <cstdlib>
+#include <cstring>
 #include <string>
 
 #include "snapshot/snapshot_io.h"
@@ -11,227 +14,165 @@ namespace detail {
 
 namespace {
 
-class Json {
+struct Token {
+  char kind;  // one of "{}[]:,", '"' a string, 'w' a bare word, 0 the end, '!' a bad string
+  std::string text;
+  int line;
+};
+
+class Tokens {
  public:
-  explicit Json(std::string_view text) : text_(text) {}
+  explicit Tokens(std::string_view text) : text_(text) {}
 
-  bool fail(const std::string& message) {
-    if (error_.empty()) error_ = atLine(line_, message);
-    return false;
-  }
-  const std::string& error() const { return error_; }
-
-  void skipSpace() {
-    while (pos_ < text_.size()) {
-      const char c = text_[pos_];
-      if (c == '\n') {
-        ++line_;
-      } else if (c != ' ' && c != '\t' && c != '\r') {
-        return;
-      }
+  Token next() {
+    while (pos_ < text_.size() && std::strchr(" \t\r\n", text_[pos_]) != nullptr)
+      line_ += text_[pos_++] == '\n';
+    if (pos_ == text_.size()) return {0, "", line_};
+    const char c = text_[pos_];
+    if (std::strchr("{}[]:,", c) != nullptr) return {text_[pos_++], "", line_};
+    if (c == '"') return string();
+    const std::size_t from = pos_;
+    while (pos_ < text_.size() && std::strchr(" \t\r\n{}[]:,\"", text_[pos_]) == nullptr)
       ++pos_;
-    }
+    return {'w', std::string(text_.substr(from, pos_ - from)), line_};
   }
-  bool take(char c) {
-    skipSpace();
-    if (pos_ < text_.size() && text_[pos_] == c) {
-      ++pos_;
-      return true;
-    }
-    return false;
-  }
-  bool peek(char c) {
-    skipSpace();
-    return pos_ < text_.size() && text_[pos_] == c;
-  }
-  bool atEnd() {
-    skipSpace();
-    return pos_ == text_.size();
-  }
-
-  bool string(std::string* out) {
-    if (!take('"')) return fail("expected a string");
-    out->clear();
-    while (pos_ < text_.size()) {
-      const char c = text_[pos_++];
-      if (c == '"') return true;
-      if (static_cast<unsigned char>(c) < 0x20) return fail("a control character in a string");
-      if (c != '\\') {
-        *out += c;
-        continue;
-      }
-      if (pos_ == text_.size()) break;
-      const char e = text_[pos_++];
-      static const char kPlain[] = "\"\\/bfnrt";
-      static const char kMeans[] = "\"\\/\b\f\n\r\t";
-      bool known = false;
-      for (int i = 0; kPlain[i] != '\0'; ++i) {
-        if (e == kPlain[i]) {
-          *out += kMeans[i];
-          known = true;
-        }
-      }
-      if (known) continue;
-      std::uint32_t code = 0;
-      if (e != 'u' || pos_ + 4 > text_.size() || !hexWord(text_.substr(pos_, 4), &code))
-        return fail("a bad escape in a string");
-      pos_ += 4;
-      *out += code < 0x80 ? static_cast<char>(code) : '?';
-    }
-    return fail("a string without its closing quote");
-  }
-
-  // A JSON number; *integer is set when it is a whole number within 32 bits.
-  bool number(bool* isInteger, long* integer) {
-    skipSpace();
-    const std::size_t start = pos_;
-    auto digits = [&] {
-      const std::size_t from = pos_;
-      while (pos_ < text_.size() && text_[pos_] >= '0' && text_[pos_] <= '9')
-        ++pos_;
-      return pos_ > from;
-    };
-    if (pos_ < text_.size() && text_[pos_] == '-') ++pos_;
-    const std::size_t intStart = pos_;
-    if (!digits()) return fail("expected a value");
-    if (text_[intStart] == '0' && pos_ - intStart > 1) return fail("a number with a leading 0");
-    const std::size_t intEnd = pos_;
-    bool whole = true;
-    if (pos_ < text_.size() && text_[pos_] == '.') {
-      ++pos_;
-      whole = false;
-      if (!digits()) return fail("a number without digits after its point");
-    }
-    if (pos_ < text_.size() && (text_[pos_] == 'e' || text_[pos_] == 'E')) {
-      ++pos_;
-      whole = false;
-      if (pos_ < text_.size() && (text_[pos_] == '+' || text_[pos_] == '-')) ++pos_;
-      if (!digits()) return fail("a number without digits in its exponent");
-    }
-    *isInteger = whole && intEnd - start <= 11;
-    if (*isInteger) {
-      const long v =
-          std::strtol(std::string(text_.substr(start, intEnd - start)).c_str(), nullptr, 10);
-      *isInteger = v >= -2147483648L && v <= 2147483647L;
-      *integer = v;
-    }
-    return true;
-  }
-
-  bool word(std::string_view w) {
-    skipSpace();
-    if (text_.substr(pos_, w.size()) != w) return false;
-    pos_ += w.size();
-    return true;
-  }
-
-  // Any value, checked and dropped.
-  bool skipValue(int depth) {
-    if (depth > 64) return fail("values nested too deeply");
-    std::string s;
-    if (peek('"')) return string(&s);
-    if (word("true") || word("false") || word("null")) return true;
-    const bool object = take('{');
-    if (object || take('[')) {
-      const char close = object ? '}' : ']';
-      if (take(close)) return true;
-      do {
-        if (object && !(string(&s) && (take(':') || fail("expected ':'")))) return false;
-        if (!skipValue(depth + 1)) return false;
-      } while (take(','));
-      return take(close) || fail(object ? "expected ',' or '}'" : "expected ',' or ']'");
-    }
-    bool isInteger = false;
-    long value = 0;
-    return number(&isInteger, &value);
-  }
-
-  int line() const { return line_; }
 
  private:
+  // A string and its escapes; a control character, a bad escape or no
+  // closing quote makes it bad.
+  Token string() {
+    static const char kPlain[] = "\"\\/bfnrt";
+    static const char kMeans[] = "\"\\/\b\f\n\r\t";
+    Token t{'"', "", line_};
+    for (++pos_; pos_ < text_.size();) {
+      const char c = text_[pos_++];
+      if (c == '"') return t;
+      if (static_cast<unsigned char>(c) < 0x20)
+        return {'!', "a control character in a string", line_};
+      if (c != '\\') {
+        t.text += c;
+        continue;
+      }
+      const char* plain = pos_ < text_.size() ? std::strchr(kPlain, text_[pos_]) : nullptr;
+      std::uint32_t code = 0;
+      if (plain != nullptr && *plain != '\0') {
+        t.text += kMeans[plain - kPlain];
+        ++pos_;
+      } else if (text_.substr(pos_, 1) == "u" && hexWord(text_.substr(pos_ + 1, 4), &code) &&
+                 pos_ + 5 <= text_.size()) {
+        t.text += code < 0x80 ? static_cast<char>(code) : '?';
+        pos_ += 5;
+      } else {
+        return {'!', "a bad escape in a string", line_};
+      }
+    }
+    return {'!', "a string without its closing quote", line_};
+  }
+
   std::string_view text_;
   std::size_t pos_ = 0;
   int line_ = 1;
-  std::string error_;
 };
 
 enum Key { kFormat, kVersion, kConfigured, kOnline, kAffinity, kVmware, kKeys };
 const char* const kNames[kKeys] = {"format",           "version",  "configuredProcessors",
                                    "onlineProcessors", "affinity", "vmwareBackdoor"};
 
-// A whole number within 32 bits, whose value starts on `line`.
-bool integer(Json& json, int line, long* out, std::string* error) {
-  bool isInteger = false;
-  if (!json.number(&isInteger, out)) return false;
-  if (!isInteger) *error = atLine(line, "expected a whole number within 32 bits");
-  return isInteger;
+bool fail(const Token& t, const std::string& message, std::string* error) {
+  *error = atLine(t.line, t.kind == '!' ? t.text : message);
+  return false;
+}
+
+// A whole number within 32 bits.
+bool integer(const Token& t, long* value, std::string* error) {
+  const std::size_t digits = t.text.find_first_not_of('-') == 1 ? 1 : 0;
+  const bool whole = t.kind == 'w' && t.text.size() - digits <= 10 && t.text.size() > digits &&
+                     t.text.find_first_not_of("0123456789", digits) == std::string::npos &&
+                     (t.text[digits] != '0' || t.text.size() == digits + 1);
+  *value = whole ? std::strtol(t.text.c_str(), nullptr, 10) : 0;
+  if (whole && *value >= -2147483648L && *value <= 2147483647L) return true;
+  return fail(t, t.kind == 'w' ? "expected a whole number within 32 bits" : "expected a value",
+              error);
 }
 
 // The value of the known key `k`, into *m.
-bool readValue(Json& json, int k, SnapshotMetadata* m, std::string* error) {
-  const int line = json.line();
-  std::string s;
+bool readValue(const Token& t, int k, SavedMachine* m, std::string* error) {
   long n = 0;
+  CpuSet cpus;
+  std::string why;
+  if ((k == kFormat || k == kAffinity) && t.kind != '"') return fail(t, "expected a string", error);
   switch (k) {
     case kFormat:
-      return json.string(&s) && (s == "xrprocdetect-snapshot" ||
-                                 json.fail("\"format\" is not \"xrprocdetect-snapshot\""));
+      return t.text == "xrprocdetect-snapshot" ||
+             fail(t, "\"format\" is not \"xrprocdetect-snapshot\"", error);
     case kVersion:
-      return integer(json, line, &n, error) &&
-             (n == 1 || json.fail("version " + std::to_string(n) +
-                                  " is not 1, the version this build reads"));
+      return integer(t, &n, error) &&
+             (n == 1 ||
+              fail(t, "version " + std::to_string(n) + " is not 1, the version this build reads",
+                   error));
     case kConfigured:
     case kOnline: {
-      long* count = k == kConfigured ? &m->configured : &m->online;
-      return integer(json, line, count, error) &&
-             ((*count >= 1 && *count <= kKernelMaxProcessors) ||
-              json.fail(std::string(kNames[k]) + " " + std::to_string(*count) +
-                        " is not a processor count from 1 to " +
-                        std::to_string(kKernelMaxProcessors)));
+      if (!integer(t, &n, error)) return false;
+      (k == kConfigured ? m->configured : m->online) = n;
+      return (n >= 1 && n <= kKernelMaxProcessors) ||
+             fail(t,
+                  std::string(kNames[k]) + " " + std::to_string(n) +
+                      " is not a processor count from 1 to " + std::to_string(kKernelMaxProcessors),
+                  error);
     }
     case kAffinity:
-      if (!json.string(&s)) return false;
-      if (parseProcessorList(s, kSnapshotMaxProcessors, &m->affinity, error)) return true;
-      *error = atLine(line, "\"affinity\": " + error->substr(error->find(": ") + 2));
-      return false;
+      if (!parseProcessorList(t.text, &cpus, &why))
+        return fail(t, "\"affinity\": " + why.substr(why.find(": ") + 2), error);
+      m->affinity = cpus;
+      return true;
     default:
-      m->vmwareBackdoor = json.word("true");
-      return m->vmwareBackdoor || json.word("false") ||
-             json.fail("\"vmwareBackdoor\" is not true or false");
+      m->vmwareBackdoor = t.kind == 'w' && t.text == "true";
+      return m->vmwareBackdoor || (t.kind == 'w' && t.text == "false") ||
+             fail(t, "\"vmwareBackdoor\" is not true or false", error);
   }
+}
+
+// Passes over the value that starts with `t`: a string, a word, or an
+// object or array to its matching end.
+bool skipValue(Tokens& tokens, Token t, std::string* error) {
+  int depth = 0;
+  do {
+    if (t.kind == '{' || t.kind == '[') ++depth;
+    if (t.kind == '}' || t.kind == ']') --depth;
+    if (t.kind == 0 || t.kind == '!' || depth < 0 || depth > 64)
+      return fail(t, depth > 64 ? "values nested too deeply" : "expected a value", error);
+  } while (depth > 0 && ((t = tokens.next()), true));
+  return true;
 }
 
 }  // namespace
 
-bool parseMetadata(std::string_view text, SnapshotMetadata* metadata, std::string* error) {
-  Json json(text);
+bool parseMetadata(std::string_view text, SavedMachine* metadata, std::string* error) {
+  Tokens tokens(text);
   bool seen[kKeys] = {};
-  bool ok = json.take('{') || json.fail("expected a JSON object");
-  if (ok && !json.take('}')) {
-    do {
-      std::string key;
-      ok = json.string(&key) && (json.take(':') || json.fail("expected ':'"));
-      if (!ok) break;
-      int k = 0;
-      while (k < kKeys && key != kNames[k])
-        ++k;
-      if (k == kKeys) {
-        ok = json.skipValue(0);
-      } else if (seen[k]) {
-        ok = json.fail("the key \"" + key + "\" is given twice");
-      } else {
-        seen[k] = true;
-        ok = readValue(json, k, metadata, error);
-      }
-      if (!ok) break;
-    } while (json.take(','));
-    ok = ok && (json.take('}') || json.fail("expected ',' or '}'"));
+  Token t = tokens.next();
+  if (t.kind != '{') return fail(t, "expected a JSON object", error);
+  t = tokens.next();
+  while (t.kind != '}') {
+    if (t.kind != '"') return fail(t, "expected a string", error);
+    const std::string key = t.text;
+    const Token colon = tokens.next();
+    if (colon.kind != ':') return fail(colon, "expected ':'", error);
+    int k = 0;
+    while (k < kKeys && key != kNames[k])
+      ++k;
+    if (k < kKeys && seen[k]) return fail(t, "the key \"" + key + "\" is given twice", error);
+    const Token value = tokens.next();
+    if (!(k == kKeys ? skipValue(tokens, value, error) : readValue(value, k, metadata, error)))
+      return false;
+    if (k < kKeys) seen[k] = true;
+    t = tokens.next();
+    if (t.kind != ',' && t.kind != '}') return fail(t, "expected ',' or '}'", error);
+    if (t.kind == ',' && (t = tokens.next()).kind == '}')
+      return fail(t, "expected a string", error);
   }
-  ok = ok && (json.atEnd() || json.fail("more after the object"));
-  if (!ok) {
-    if (!json.error().empty()) *error = json.error();
-    return false;
-  }
+  const Token more = tokens.next();
+  if (more.kind != 0) return fail(more, "more after the object", error);
   for (int k = 0; k < kKeys; ++k) {
     if (!seen[k]) {
       *error = std::string("the key \"") + kNames[k] + "\" is missing";

@@ -8,9 +8,7 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/hardware.h"
 #include "snapshot/snapshot.h"
-#include "sysroot/root.h"
 
 namespace xrprocdetector {
 namespace detail {
@@ -19,32 +17,20 @@ namespace detail {
 std::string atLine(int line, const std::string& message);
 // A hexadecimal number of 1 to 8 digits, without 0x.
 bool hexWord(std::string_view word, std::uint32_t* value);
-// The CPUID dump of the processor the thread runs on: every standard and
-// extended leaf up to the highest it names, with the sub-leaves of 4, 0xb
-// and 0x1f up to their terminators.
-std::string dumpThisProcessor();
+// The text of a CPUID dump, as parseCpuidDump reads it.
+std::string formatDump(const CpuidDump& dump);
 
 // The readers. On failure each returns false and sets *error to a message
 // that starts with "line N: " where a line is to blame.
 
 // A CPUID dump: "mask eax ebx ecx edx => eax ebx ecx edx" in hexadecimal,
 // '#' comments, blank lines. Two different answers for one query fail.
-bool parseCpuidDump(std::string_view text, std::vector<XrCpuidLine>* lines, std::string* error);
-// The answer a dump gives (zeros when no line does): the first line whose
-// masked inputs equal the query's (EAX leaf, ECX sub-leaf, EBX = EDX = 0).
-CpuidRegisters dumpAnswer(const std::vector<XrCpuidLine>& lines, std::uint32_t leaf,
-                          std::uint32_t subleaf);
-struct SnapshotMetadata {
-  long configured = 0;
-  long online = 0;
-  std::vector<unsigned> affinity;
-  bool vmwareBackdoor = false;
-};
+bool parseCpuidDump(std::string_view text, CpuidDump* lines, std::string* error);
 // xrprocdetect.json: one JSON object with the format, version, counts,
-// affinity and VMware keys; other keys are ignored.
-bool parseMetadata(std::string_view text, SnapshotMetadata* metadata, std::string* error);
-// The text of xrprocdetect.json for `metadata`, saved now by `savedBy`.
-std::string formatMetadata(const SnapshotMetadata& metadata, const std::string& savedBy);
+// affinity and VMware keys, into *saved; other keys are ignored.
+bool parseMetadata(std::string_view text, SavedMachine* saved, std::string* error);
+// The text of xrprocdetect.json for `saved`, saved now by `savedBy`.
+std::string formatMetadata(const SavedMachine& saved, const std::string& savedBy);
 
 }  // namespace detail
 }  // namespace xrprocdetector

@@ -18,41 +18,22 @@ std::string hex(std::uint32_t v) {
   return text;
 }
 
-std::string dumpLine(std::uint32_t mask, std::uint32_t leaf, std::uint32_t subleaf,
-                     const CpuidRegisters& r) {
-  return hex(mask) + " " + hex(leaf) + " 0 " + hex(subleaf) + " 0 => " + hex(r.eax) + " " +
-         hex(r.ebx) + " " + hex(r.ecx) + " " + hex(r.edx) + "\n";
-}
-
 }  // namespace
 
-// Every standard and extended leaf up to the highest the processor names,
-// with the sub-leaves of 4, 0xb and 0x1f up to their terminators.
-std::string dumpThisProcessor() {
-  constexpr std::uint32_t kMaxLeaves = 0x100;
-  constexpr std::uint32_t kMaxSubleaves = 64;
+std::string formatDump(const CpuidDump& dump) {
   std::string out = "# mask e[abcd]x => e[abcd]x\n";
-  for (const std::uint32_t base : {0u, 0x80000000u}) {
-    const std::uint32_t highest = cpuid(base, 0).eax;
-    if (highest < base) continue;
-    const std::uint32_t last = std::min(highest, base + kMaxLeaves - 1);
-    for (std::uint32_t leaf = base; leaf <= last; ++leaf) {
-      if (leaf != 4 && leaf != 0xb && leaf != 0x1f) {
-        out += dumpLine(1, leaf, 0, cpuid(leaf, 0));
-        continue;
-      }
-      for (std::uint32_t sub = 0; sub < kMaxSubleaves; ++sub) {
-        const CpuidRegisters r = cpuid(leaf, sub);
-        out += dumpLine(5, leaf, sub, r);
-        const bool end = leaf == 4 ? (r.eax & 0x1F) == 0 : (r.ecx >> 8 & 0xFF) == 0;
-        if (end) break;
-      }
-    }
+  for (const CpuidLine& l : dump) {
+    for (const std::uint32_t v : {l.mask, l.in[0], l.in[1], l.in[2], l.in[3]})
+      out += hex(v) + " ";
+    out += "=>";
+    for (const std::uint32_t v : l.out)
+      out += " " + hex(v);
+    out += "\n";
   }
   return out;
 }
 
-std::string formatMetadata(const SnapshotMetadata& m, const std::string& savedBy) {
+std::string formatMetadata(const SavedMachine& m, const std::string& savedBy) {
   char when[32];
   const std::time_t now = std::time(nullptr);
   std::tm utc;
@@ -60,8 +41,9 @@ std::string formatMetadata(const SnapshotMetadata& m, const std::string& savedBy
   std::strftime(when, sizeof when, "%Y-%m-%dT%H:%M:%SZ", &utc);
   return "{\n  \"format\": \"xrprocdetect-snapshot\",\n  \"version\": 1,\n"
          "  \"configuredProcessors\": " +
-         std::to_string(m.configured) + ",\n  \"onlineProcessors\": " + std::to_string(m.online) +
-         ",\n  \"affinity\": \"" + formatProcessorList(m.affinity) +
+         std::to_string(m.configured.value_or(-1)) +
+         ",\n  \"onlineProcessors\": " + std::to_string(m.online.value_or(-1)) +
+         ",\n  \"affinity\": \"" + m.affinity.value_or(CpuSet()).toList() +
          "\",\n  \"vmwareBackdoor\": " + (m.vmwareBackdoor ? "true" : "false") +
          ",\n  \"savedBy\": " + jsonQuoted(savedBy) + ",\n  \"savedAt\": \"" + when + "\"\n}\n";
 }

@@ -2,12 +2,18 @@
 """Runs xrprocdetect --all -J over every fixture of rows.txt at once (JSON
 Lines, one object an input and generation, in the order given) and checks
 each kernel object and agreesWithKernel against the row worked out by hand,
-and the usable processors against usable.txt beside rows.txt.
+and the usable processors against usable.txt beside rows.txt. Then, over
+the real machines' layouts of layouts.txt beside it: packages, cores,
+logical processors, the online and usable sets, the quota, the kinds of
+core, the hypervisor's vendor and virtualization type and the container;
+and, where lscpu is installed, that the vendor is lscpu's wherever lscpu
+names one.
 
     kernel_rows.py TOOL SYSROOTS_DIR ROWS_FILE
 """
 import os
 import json
+import shutil
 import subprocess
 import sys
 
@@ -36,16 +42,21 @@ for text in open(os.path.join(os.path.dirname(rows_file), "usable.txt"), encodin
                         "cpuQuota": None if w[3] == "-" else float(w[3]),
                         "effectiveProcessors": None if w[4] == "-" else int(w[4]),
                         "coreKinds": kinds}
-missing = [e[0] for e in expected if e[0] not in USABLE]
-if missing:
-    sys.exit("usable.txt lacks " + " ".join(missing))
+if any(e[0] not in USABLE for e in expected):
+    sys.exit("usable.txt lacks " + " ".join(e[0] for e in expected if e[0] not in USABLE))
 
-done = subprocess.run([tool, "--all", "-J", "--snapshot"] + [e[0] for e in expected],
-                      cwd=sysroots, capture_output=True, text=True, check=False)
 failures = []
-if done.returncode != 0 or done.stderr:
-    failures.append("exit status %d: %s" % (done.returncode, done.stderr))
-lines = [json.loads(line) for line in done.stdout.splitlines()]
+
+
+def run(command, names):
+    done = subprocess.run(command + ["--snapshot"] + names, cwd=sysroots, capture_output=True,
+                          text=True, check=False)
+    if done.returncode != 0 or done.stderr:
+        failures.append("exit status %d: %s" % (done.returncode, done.stderr))
+    return [json.loads(line) for line in done.stdout.splitlines()]
+
+
+lines = run([tool, "--all", "-J"], [e[0] for e in expected])
 if len(lines) != 5 * len(expected):
     failures.append("%d JSON lines for %d inputs" % (len(lines), len(expected)))
 for i, (name, kernel, marks) in enumerate(expected):
@@ -56,13 +67,31 @@ for i, (name, kernel, marks) in enumerate(expected):
             failures.append("%s: line is %s %s" % (where, row.get("file"), row.get("generation")))
             continue
         kernel = dict(kernel, **USABLE[name])
-        if row["kernel"] != kernel:
-            failures.append("%s: kernel %s, expected %s" % (where, row["kernel"], kernel))
+        got = {key: row["kernel"].get(key) for key in kernel}
+        if got != kernel:
+            failures.append("%s: kernel %s, expected %s" % (where, got, kernel))
         agrees = dict(zip(FIELDS, [MARKS[m] for m in marks[g]]))
         if row["agreesWithKernel"] != agrees:
             failures.append("%s: agreesWithKernel %s, expected %s"
                             % (where, row["agreesWithKernel"], agrees))
+LAYOUT = ["packages", "cores", "logicalProcessors", "onlineCpus", "usableCpus", "cpuQuota",
+          "kinds", "hypervisorVendor", "virtualizationType", "container"]
+layouts = [line.split() for line in open(os.path.join(os.path.dirname(rows_file), "layouts.txt"),
+                                         encoding="utf-8") if line.strip() and line[0] != "#"]
+lines = run([tool, "-a", "5.3", "--json-lines"], [r[0] for r in layouts])
+for words, row in zip(layouts, lines + [None] * (len(layouts) - len(lines))):
+    kernel = dict(row["kernel"], kinds=len(row["kernel"]["coreKinds"] or [0])) if row else {}
+    want = {f: None if w == "-" else int(w) if f in LAYOUT[:3] + ["kinds"] else
+            float(w) if f == "cpuQuota" else w for f, w in zip(LAYOUT, words[1:])}
+    if {f: kernel.get(f) for f in LAYOUT} != want:
+        failures.append("%s: %s, expected %s" % (words[0], kernel, want))
+    lscpu = shutil.which("lscpu") and subprocess.run(
+        ["lscpu", "--sysroot", os.path.join(sysroots, words[0])], capture_output=True, text=True,
+        check=False, env=dict(os.environ, LC_ALL="C")).stdout or ""
+    vendor = [v.split(":", 1)[1].strip() for v in lscpu.splitlines() if v.startswith("Hypervisor vendor:")]
+    if vendor and vendor[0] != kernel.get("hypervisorVendor"):
+        failures.append("%s: lscpu names %s" % (words[0], vendor[0]))
 for failure in failures:
     print(failure)
-print("%d fixtures, %d failures" % (len(expected), len(failures)))
+print("%d fixtures, %d layouts, %d failures" % (len(expected), len(layouts), len(failures)))
 sys.exit(1 if failures else 0)

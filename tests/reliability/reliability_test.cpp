@@ -34,9 +34,9 @@ TEST(Reliability, HeapIsAsBeforeOnceTheDetectorIsGone) {
             "\ncore id\t\t: " + std::to_string(n / 2 % 64) + "\ncpu cores\t: 64\n\n";
   // As a text, and as a file read by the scan.
   for (auto [kind, value] :
-       {std::pair{XrCpuinfoRedirect::kText, text},
-        {XrCpuinfoRedirect::kFile, testsupport::fixture("300-processors.cpuinfo")}}) {
-    const XrCpuinfoRedirect redirect(kind, value);
+       {std::pair{testsupport::CpuinfoMachine::kText, text},
+        {testsupport::CpuinfoMachine::kFile, testsupport::fixture("300-processors.cpuinfo")}}) {
+    const testsupport::CpuinfoMachine redirect(kind, value);
     for (const char* generation : {"6.0", "6.1", "7.0", "default"}) {
       // Once before measuring: the C library keeps the last few freed blocks
       // of each size for the thread's next allocations, counted as in use.
@@ -49,7 +49,8 @@ TEST(Reliability, HeapIsAsBeforeOnceTheDetectorIsGone) {
       EXPECT_EQ(result, 0);
       EXPECT_NEAR(double(after.uordblks + after.hblkhd), double(before.uordblks + before.hblkhd),
                   64)
-          << generation << (kind == XrCpuinfoRedirect::kText ? " from a text" : " from a file");
+          << generation
+          << (kind == testsupport::CpuinfoMachine::kText ? " from a text" : " from a file");
     }
   }
 }
@@ -58,8 +59,8 @@ TEST(Reliability, HeapIsAsBeforeOnceTheDetectorIsGone) {
 static void* detectAll(void* all) {
   for (const char* file :
        {"two-socket-amd-smt-32", "vm-no-physical-id-4", "300-processors", "empty"}) {
-    const XrCpuinfoRedirect redirect(XrCpuinfoRedirect::kFile,
-                                     testsupport::fixture(file + std::string(".cpuinfo")));
+    const testsupport::CpuinfoMachine redirect(
+        testsupport::CpuinfoMachine::kFile, testsupport::fixture(file + std::string(".cpuinfo")));
     for (const char* generation : {"5.3", "6.0", "6.1", "7.0", "default"}) {
       auto detector = testsupport::makeDetector(generation, tzDebugNone, nullptr);
       const int result = detector->getProcData();

@@ -32,7 +32,7 @@ bad mask-bits 'echo "10 1 0 0 0 => 0 0 0 0" >>cpuid/pu0' \
   's/cpuid/pu0 line 6: mask 10 has bits beyond EAX to EDX'
 bad two-answers 'echo "5 4 0 0 0 => 0 0 0 1" >>cpuid/pu0' \
   's/cpuid/pu0 line 6: a second, different answer to the query of line 4'
-bad pu-beyond 'cp cpuid/pu0 cpuid/pu1024' 's/cpuid/pu1024: processor number above 1023'
+bad pu-beyond 'cp cpuid/pu0 cpuid/pu8192' 's/cpuid/pu8192: processor number above 8191'
 bad cpuinfo-unreadable 'rm proc/cpuinfo && mkdir proc/cpuinfo' \
   's/proc/cpuinfo: a directory, not a regular file'
 bad not-json 'echo "{" >xrprocdetect.json' 's/xrprocdetect.json line 2: expected a string'
@@ -41,14 +41,14 @@ bad wrong-format 'echo "{\"format\": \"other\"}" >xrprocdetect.json' \
 bad version-2 'printf "{\"format\": \"xrprocdetect-snapshot\",\n\"version\": 2}" >xrprocdetect.json' \
   's/xrprocdetect.json line 2: version 2 is not 1, the version this build reads'
 bad missing-key "echo '$j \"onlineProcessors\": 2, \"affinity\": \"0-1\"}' >xrprocdetect.json" \
-  's/xrprocdetect.json the key "vmwareBackdoor" is missing'
+  's/xrprocdetect.json: the key "vmwareBackdoor" is missing'
 bad key-twice "echo '$j \"configuredProcessors\": 3}' >xrprocdetect.json" \
   's/xrprocdetect.json line 1: the key "configuredProcessors" is given twice'
 bad fraction "echo '{\"configuredProcessors\": 2.5}' >xrprocdetect.json" \
   's/xrprocdetect.json line 1: expected a whole number within 32 bits'
 bad after-object "echo '{} []' >xrprocdetect.json" 's/xrprocdetect.json line 1: more after the object'
 bad affinity-huge "printf '{\n\"affinity\": \"0-99999\"}' >xrprocdetect.json" \
-  's/xrprocdetect.json line 2: "affinity": a processor number above 1023'
+  's/xrprocdetect.json line 2: "affinity": a processor number above 8191'
 bad affinity-number "printf '{\n\"affinity\": 5}' >xrprocdetect.json" \
   's/xrprocdetect.json line 2: expected a string'
 bad no-colon "echo '{\"configuredProcessors\" 2}' >xrprocdetect.json" \
@@ -57,8 +57,8 @@ bad no-colon "echo '{\"configuredProcessors\" 2}' >xrprocdetect.json" \
 lists='rm xrprocdetect.json && mkdir -p sys/devices/system/cpu && cd sys/devices/system/cpu && echo 0-1 >online'
 bad list-unordered "$lists && echo 0-3,2 >possible" \
   's/sys/devices/system/cpu/possible line 1: processor numbers are not in increasing order'
-bad list-1024 "$lists && echo 0-1024 >possible" \
-  's/sys/devices/system/cpu/possible line 1: a processor number above 1023'
+bad list-8192 "$lists && echo 0-8192 >possible" \
+  's/sys/devices/system/cpu/possible line 1: a processor number above 8191'
 
 # --save: never into a directory that holds something, nor through a link.
 mkdir full && touch full/mine

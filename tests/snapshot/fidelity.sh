@@ -1,7 +1,9 @@
 #!/bin/sh
-# A snapshot of this machine replays every generation exactly: the debug
-# bytes at level 2 (with --summary) and the JSON fields of --all are those
-# of the live run (the JSON's "source" and "file" aside). With "cpuid" the same is done in a
+# A snapshot is a recording of what every reader read, so it replays
+# exactly: the debug bytes at level 2 (with --summary) and the JSON fields of
+# --all, the kernel object with each processor's place, the sets, the
+# hypervisor and the container included, are those of the live run (the
+# JSON's "source" and "file" aside). With "cpuid" the same is done in a
 # private mount namespace whose /proc/cpuinfo has no physical id, so that the
 # default detector's CPUID estimate runs live and in the replay (root and
 # unshare needed; otherwise skipped with status 77).

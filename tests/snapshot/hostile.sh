@@ -56,7 +56,7 @@ bad unfinished 'mkdir .xrprocdetect-saving' "cannot read the snapshot: s: an unf
 bad pu01 'cp cpuid/pu0 cpuid/pu01' \
   "cannot read the snapshot: s/cpuid/pu01: not a processor number in canonical form"
 bad pu99999999999 'cp cpuid/pu0 cpuid/pu99999999999' \
-  "cannot read the snapshot: s/cpuid/pu99999999999: processor number above 1023"
+  "cannot read the snapshot: s/cpuid/pu99999999999: processor number above 8191"
 
 # Numbers out of their range are errors that say which range, never answers:
 # a count, a frequency, a processor folder, and limits the kernel could not

@@ -1,43 +1,53 @@
 #include "support/scripted_hardware.h"
 
-#include <errno.h>
-
-#include <algorithm>
 #include <csignal>
 
-// The two instructions of platform/hardware.h, scripted.
-namespace xrprocdetector::detail {
+namespace {
 
-CpuidRegisters cpuid(std::uint32_t leaf, std::uint32_t subleaf) {
-  ++scripted::cpuidQueries;
-  const auto found = scripted::cpuid.find({leaf, subleaf});
-  return found == scripted::cpuid.end() ? CpuidRegisters{0, 0, 0, 0} : found->second;
-}
+namespace dt = xrprocdetector::detail;
 
-std::uint32_t vmwareBackdoorVersion() {
-  ++scripted::backdoorQueries;
-  if (scripted::backdoor == scripted::Backdoor::kMagic) return kVmwareMagic;
-  if (scripted::backdoor == scripted::Backdoor::kOtherAnswer) return 0x12345678;
-  std::raise(SIGSEGV);  // as the port access faults: the probe's handler must take it
-  return 0;
-}
+class ScriptedMachine : public dt::LiveMachine {
+ public:
+  dt::CpuidRegisters cpuid(std::uint32_t leaf, std::uint32_t subleaf) override {
+    ++scripted::cpuidQueries;
+    const auto found = scripted::cpuid.find({leaf, subleaf});
+    return found == scripted::cpuid.end() ? dt::CpuidRegisters{0, 0, 0, 0} : found->second;
+  }
 
-}  // namespace xrprocdetector::detail
+  std::uint32_t backdoor() override {
+    ++scripted::backdoorQueries;
+    if (scripted::backdoor == scripted::Backdoor::kMagic) return dt::kVmwareMagic;
+    if (scripted::backdoor == scripted::Backdoor::kOtherAnswer) return 0x12345678;
+    std::raise(SIGSEGV);  // as the port access faults: the probe's handler must take it
+    return 0;
+  }
 
-// The thread's affinity on the scripted machine, in place of the C library's
-// calls (a definition here comes before the library's at link time).
-extern "C" int sched_getaffinity(pid_t, size_t size, cpu_set_t* set) noexcept {
-  if (scripted::affinityUnreadable) return errno = EINVAL, -1;
-  std::memcpy(set, &scripted::affinity, std::min(size, sizeof(cpu_set_t)));
-  return 0;
-}
+  bool affinity(xrprocdetector::CpuSet* set) override {
+    if (scripted::affinityUnreadable) return false;
+    std::vector<unsigned> cpus;
+    for (unsigned c = 0; c < CPU_SETSIZE; ++c) {
+      if (CPU_ISSET(c, &scripted::affinity)) cpus.push_back(c);
+    }
+    *set = xrprocdetector::CpuSet(std::move(cpus));
+    return true;
+  }
 
-extern "C" int sched_setaffinity(pid_t, size_t size, const cpu_set_t* set) noexcept {
-  cpu_set_t named;
-  CPU_ZERO(&named);
-  std::memcpy(&named, set, std::min(size, sizeof named));
-  CPU_AND(&named, &named, &scripted::allowed);
-  if (CPU_COUNT(&named) == 0) return errno = EINVAL, -1;
-  scripted::affinity = named;
-  return 0;
-}
+  // A pinning that names none of the allowed processors is refused, as the
+  // kernel refuses it.
+  bool pin(const xrprocdetector::CpuSet& set) override {
+    cpu_set_t named;
+    CPU_ZERO(&named);
+    for (const unsigned c : set) {
+      if (c < CPU_SETSIZE && CPU_ISSET(c, &scripted::allowed)) CPU_SET(c, &named);
+    }
+    if (CPU_COUNT(&named) == 0) return false;
+    scripted::affinity = named;
+    return true;
+  }
+};
+
+// The main thread's machine for the whole run.
+ScriptedMachine machine;
+const dt::MachineScope scope(machine);
+
+}  // namespace

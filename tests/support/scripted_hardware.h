@@ -1,7 +1,7 @@
-// Scripted CPUID, VMware backdoor and processor affinity for the unit tests,
-// linked in place of the real instructions and of the C library's affinity
-// calls (scripted_hardware.cpp): each test states the machine it pretends to
-// run on.
+// Scripted CPUID, VMware backdoor and processor affinity for the unit tests:
+// the main thread's machine in the unit tests (scripted_hardware.cpp), whose
+// files and counts are this machine's. Each test states the machine it
+// pretends to run on.
 #ifndef XRPROCDETECTOR_TESTS_SUPPORT_SCRIPTED_HARDWARE_H
 #define XRPROCDETECTOR_TESTS_SUPPORT_SCRIPTED_HARDWARE_H
 
@@ -11,7 +11,7 @@
 #include <cstring>
 #include <map>
 
-#include "platform/hardware.h"
+#include "machine/machine.h"
 #include "support/test_support.h"
 
 namespace scripted {

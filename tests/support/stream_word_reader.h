@@ -8,7 +8,7 @@
 #include <string>
 #include <string_view>
 
-#include "core/cpuinfo_walk.h"
+#include "legacy/cpuinfo_walk.h"
 
 namespace testsupport {
 

@@ -14,7 +14,7 @@
 #include <memory>
 #include <regex>
 
-#include "core/cpuinfo_source.h"
+#include "support/cpuinfo_machine.h"
 #include "xrprocdetector/xrprocdetector_legacy_53.h"
 #include "xrprocdetector/xrprocdetector_legacy_6x.h"
 #include "xrprocdetector/xrprocdetector_linux32.h"

@@ -15,7 +15,9 @@ KEYS = ["schemaVersion", "generation", "class", "procInfoIndex", "source", "file
         "reportedVerdict", "endedBy", "note"]
 # Live rows have the kernel's topology beside them; a saved /proc/cpuinfo has none.
 KERNEL = ["packages", "cores", "logicalProcessors", "smt", "virtualMachine", "offlineProcessors",
-          "usableProcessors", "cpuQuota", "effectiveProcessors", "coreKinds"]
+          "usableProcessors", "cpuQuota", "effectiveProcessors", "coreKinds", "onlineCpus",
+          "offlineCpus", "usableCpus", "hypervisorVendor", "virtualizationType", "container",
+          "cpus"]
 tool, data = sys.argv[1:3]
 wrong = 0
 for args in [["-J"], ["-J", "-a", "5.3", "--summary"]] + [

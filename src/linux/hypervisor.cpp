@@ -1,0 +1,185 @@
+// Whether the machine is virtual, and whose; and whether the process runs
+// in a container, and which.
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <sstream>
+
+#include "linux/linux.h"
+
+namespace xrprocdetector {
+namespace detail {
+
+namespace {
+
+bool contains(const std::string& text, const char* word) {
+  return text.find(word) != std::string::npos;
+}
+
+// The first flags line of a /proc/cpuinfo text, between blanks; "" where
+// there is none.
+std::string flagsLine(const std::string& cpuinfo) {
+  const std::size_t at = ("\n" + cpuinfo).find("\nflags");
+  if (at == std::string::npos) return "";
+  return " " + cpuinfo.substr(at, cpuinfo.find('\n', at) - at) + " ";
+}
+
+// The vendors of the virtual PCI devices that hypervisors give their
+// guests, by PCI vendor id; virtio's (0x1af4) names no one hypervisor.
+const char* pciVendor(unsigned long vendor) {
+  static const std::pair<unsigned long, const char*> kVendors[] = {
+      {0x15ad, "VMware"}, {0x80ee, "Oracle"}, {0x5853, "Xen"}, {0x1414, "Microsoft"}, {0x1af4, ""}};
+  for (const auto& [id, name] : kVendors) {
+    if (id == vendor) return name;
+  }
+  return nullptr;
+}
+
+// The hypervisor the PCI devices name: sys/bus/pci/devices/*/vendor, or the
+// second column of proc/bus/pci/devices (vendor and device, 4 digits each).
+// VMware's name wins over another's; "" a hypervisor's device of no one
+// vendor; null none.
+const char* pciHint(SystemRoot& root) {
+  const char* found = nullptr;
+  auto take = [&found](unsigned long vendor) {
+    const char* hint = pciVendor(vendor);
+    if (hint != nullptr && (found == nullptr || *found == '\0')) found = hint;
+    if (hint != nullptr && std::strcmp(hint, "VMware") == 0) found = hint;
+  };
+  std::vector<std::string> devices;
+  if (root.entries("sys/bus/pci/devices", &devices) == Read::kOk) {
+    for (const std::string& device : devices) {
+      std::string vendor;
+      if (root.text("sys/bus/pci/devices/" + device + "/vendor", &vendor) == Read::kOk)
+        take(std::strtoul(vendor.c_str(), nullptr, 16));
+    }
+    return found;
+  }
+  std::string table;
+  root.text("proc/bus/pci/devices", &table);
+  std::istringstream lines(table);
+  for (std::string line; std::getline(lines, line);) {
+    std::istringstream words(line);
+    std::string slot;
+    std::string ids;
+    words >> slot >> ids;
+    take(std::strtoul(ids.substr(0, 4).c_str(), nullptr, 16));
+  }
+  return found;
+}
+
+// The hypervisor's own name for itself, CPUID leaf 0x40000000's EBX, ECX,
+// EDX, where leaf 1 says there is a hypervisor: live, or in a snapshot's
+// dumps. Null when nothing tells.
+const char* cpuidVendor() {
+  static const char* const kSignatures[][2] = {
+      {"KVMKVMKVM", "KVM"},          {"Microsoft Hv", "Microsoft"}, {"VMwareVMware", "VMware"},
+      {"XenVMMXenVMM", "Xen"},       {"VBoxVBoxVBox", "Oracle"},    {"TCGTCGTCGTCG", "QEMU"},
+      {" lrpepyh  vr", "Parallels"}, {"bhyve bhyve ", "bhyve"},     {"ACRNACRNACRN", "ACRN"}};
+  try {
+    Machine& m = machine();
+    if ((m.cpuid(1, 0).ecx >> 31) == 0) return nullptr;
+    const CpuidRegisters r = m.cpuid(0x40000000, 0);
+    char name[13] = {};
+    std::memcpy(name, &r.ebx, 4), std::memcpy(name + 4, &r.ecx, 4),
+        std::memcpy(name + 8, &r.edx, 4);
+    for (const auto& [signature, vendor] : kSignatures) {
+      if (std::strcmp(name, signature) == 0) return vendor;
+    }
+  } catch (const Missing&) {
+  }
+  return nullptr;
+}
+
+// The vendor the DMI strings name, as lscpu reads them.
+const char* dmiVendor(const std::string& dmi) {
+  // clang-format off
+  static const char* const kNames[][2] = {
+      {"VMware", "VMware"}, {"innotek GmbH", "Oracle"}, {"VirtualBox", "Oracle"},
+      {"Virtual Machine", "Microsoft"}, {"Parallels", "Parallels"}, {"BHYVE", "bhyve"},
+      {"Xen", "Xen"}, {"KVM", "KVM"}, {"QEMU", "QEMU"}, {"Bochs", ""}};
+  // clang-format on
+  for (const auto& [name, vendor] : kNames) {
+    if (contains(dmi, name)) return vendor;
+  }
+  return nullptr;
+}
+
+// VMware names itself in the DMI strings of its virtual firmware, which
+// every VMware machine has, and in its PCI devices. Another hypervisor
+// shows in the processor's hypervisor flag (which every hypervisor of this
+// century sets), in /sys/hypervisor/type or /proc/xen (Xen), in DMI strings
+// that name it, or in its PCI devices (a guest whose flags lack the
+// hypervisor flag still has them). "None" needs a flags line without the
+// flag and no other hint; with neither flags nor hints nothing is known.
+void hypervisor(SystemRoot& root, Topology& t) {
+  std::string vendor, product, type, cpuinfo;
+  std::vector<std::string> xen;
+  root.text("sys/class/dmi/id/sys_vendor", &vendor);
+  root.text("sys/class/dmi/id/product_name", &product);
+  root.text("sys/hypervisor/type", &type);
+  root.text("proc/cpuinfo", &cpuinfo);
+  const bool xenfs = root.entries("proc/xen", &xen) == Read::kOk;
+  const char* dmi = dmiVendor(vendor + "\n" + product);
+  const char* pci = pciHint(root);
+  const std::string flags = flagsLine(cpuinfo);
+  const bool flag = contains(flags, " hypervisor ");
+  const bool isXen = xenfs || type == "xen";
+  const char* named = cpuidVendor();
+  if (named == nullptr) named = isXen ? "Xen" : dmi != nullptr ? dmi : pci;
+  if (named != nullptr && *named == '\0') named = nullptr;
+  const bool vmware = named != nullptr && std::strcmp(named, "VMware") == 0;
+  if (vmware || flag || isXen || !type.empty() || dmi || pci) {
+    t.hypervisor = vmware ? Hypervisor::kVmware : Hypervisor::kOther;
+    if (named != nullptr) t.hypervisorVendor = named;
+    // A Xen guest without the hypervisor flag runs paravirtualized.
+    if (named != nullptr) t.virtualizationType = isXen && !flag ? "para" : "full";
+  } else if (!flags.empty()) {
+    t.hypervisor = Hypervisor::kNone;
+    t.hypervisorVendor = "none";
+  }
+}
+
+// The container, as systemd-detect-virt names it: systemd's record of it,
+// process 1's container= environment, the files container managers leave,
+// then the control group's path. "none" where process 1's environment was
+// read and nothing else tells.
+std::optional<std::string> container() {
+  Machine& m = machine();
+  std::string text, why;
+  // Read without a failure being recorded: process 1's environment is
+  // root's alone.
+  if (m.file("run/systemd/container", kSmallFileCap, &text, &why) == Read::kOk &&
+      text.find_first_not_of(" \n") != std::string::npos)
+    return text.substr(0, text.find_first_of(" \n"));
+  const Read environ = m.file("proc/1/environ", kTableCap, &text, &why);
+  for (std::size_t at = 0; environ == Read::kOk && at < text.size();) {
+    if (text.compare(at, 10, "container=") == 0) return std::string(text.c_str() + at + 10);
+    at = std::min(text.find('\0', at), text.size()) + 1;
+  }
+  if (m.file("run/.containerenv", kSmallFileCap, &text, &why) == Read::kOk) return "podman";
+  if (m.file(".dockerenv", kSmallFileCap, &text, &why) == Read::kOk) return "docker";
+  static const char* const kPaths[][2] = {{"kubepods", "kubernetes"},
+                                          {"/docker", "docker"},
+                                          {"docker-", "docker"},
+                                          {"libpod", "podman"},
+                                          {"/lxc", "lxc"},
+                                          {"machine.slice/systemd-nspawn", "systemd-nspawn"}};
+  if (m.file("proc/self/cgroup", kTableCap, &text, &why) == Read::kOk) {
+    for (const auto& [part, name] : kPaths) {
+      if (contains(text, part)) return std::string(name);
+    }
+  }
+  if (environ == Read::kOk) return std::string("none");
+  return std::nullopt;
+}
+
+}  // namespace
+
+void readVirtualization(SystemRoot& root, Topology& t) {
+  hypervisor(root, t);
+  t.container = container();
+}
+
+}  // namespace detail
+}  // namespace xrprocdetector

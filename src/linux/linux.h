@@ -1,0 +1,52 @@
+// The machine as the Linux kernel shows it: its topology of processor sets,
+// what the process may use, kinds of core, the hypervisor and the
+// container, read from the calling thread's machine.
+#ifndef XRPROCDETECTOR_SRC_LINUX_LINUX_H
+#define XRPROCDETECTOR_SRC_LINUX_LINUX_H
+
+#include <xrprocdetector/detect.h>
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "machine/machine.h"
+
+namespace xrprocdetector {
+namespace detail {
+
+// The whole topology of the calling thread's machine.
+Topology readTopology();
+
+struct CgroupLimits {
+  // The processors of the effective cpuset: every cpuset hierarchy's,
+  // intersected. Nothing when no cpuset is visible.
+  std::optional<CpuSet> cpuset;
+  // The tightest CPU bandwidth limit of the process's cgroup and every
+  // ancestor visible in the mount, in processors (1.5: one and a half
+  // processors' time per period). Nothing when there is no limit.
+  std::optional<double> quota;
+};
+
+// Finds the process's cgroups through proc/self/cgroup (or, where only that
+// is recorded, the cpuset named by proc/self/cpuset) and
+// proc/self/mountinfo (or proc/mounts), with each mount's own root taken
+// into account:
+//   cgroup v2      cpuset.cpus.effective, cpu.max ("max" or "QUOTA PERIOD");
+//   cgroup v1      cpuset.effective_cpus, else cpuset.cpus (effective_cpus
+//                  and cpus with the noprefix option); cpu.cfs_quota_us
+//                  (-1: none) over cpu.cfs_period_us;
+//   old cpuset fs  cpus, else cpuset.cpus.
+CgroupLimits readCgroupLimits(SystemRoot& root);
+
+// The cores by kind, fastest first; empty when all are of one kind or
+// nothing tells.
+std::vector<CoreKindSet> coreKinds(SystemRoot& root, const Topology& topology);
+
+// The hypervisor and the container, into `t`.
+void readVirtualization(SystemRoot& root, Topology& t);
+
+}  // namespace detail
+}  // namespace xrprocdetector
+
+#endif  // XRPROCDETECTOR_SRC_LINUX_LINUX_H

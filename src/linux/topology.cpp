@@ -1,0 +1,215 @@
+// The kernel's own topology of a machine, as processor sets, read from
+// sys/devices/system/cpu (live, or under a snapshot's or a system root's
+// directory).
+#include <algorithm>
+#include <cmath>
+#include <map>
+#include <tuple>
+
+#include "linux/linux.h"
+
+namespace xrprocdetector {
+namespace detail {
+
+namespace {
+
+// A processor's file, relative to sys/devices/system/cpu: the short path
+// that the kernel looks up in fewer steps.
+std::string cpuFile(unsigned cpu, const char* file) {
+  return "cpu" + std::to_string(cpu) + "/" + file;
+}
+
+// The online processors: the kernel's list, or on kernels without one, the
+// cpuN folders, each online unless its own online file says 0.
+Read onlineProcessors(SystemRoot& cpus, CpuSet* online) {
+  const Read r = cpus.list("online", online);
+  if (r != Read::kAbsent) return r;
+  for (const unsigned n : cpus.processorFolders("")) {
+    long state = 1;
+    if (cpus.number(cpuFile(n, "online"), &state) == Read::kFailed) break;
+    if (state != 0) online->add(n);
+  }
+  return online->empty() ? Read::kAbsent : Read::kOk;
+}
+
+// The kernel's files that list a processor's siblings: the masks that every
+// kernel since 2.6 has and lscpu reads, the newer names, then the lists.
+const char* const kCoreFiles[] = {"topology/thread_siblings", "topology/core_cpus",
+                                  "topology/thread_siblings_list", "topology/core_cpus_list"};
+const char* const kPackageFiles[] = {"topology/core_siblings", "topology/package_cpus",
+                                     "topology/core_siblings_list", "topology/package_cpus_list"};
+
+// The lowest processor sharing a core (or a package) with `cpu`, by the
+// first of `files` that is there: what tells the core (or package) apart.
+Read lowestSibling(SystemRoot& cpus, unsigned cpu, const char* const (&files)[4], long* lowest) {
+  CpuSet siblings;
+  for (std::size_t i = 0; i < 4; ++i) {
+    const Read r = cpus.list(cpuFile(cpu, files[i]), &siblings, i < 2);
+    if (r == Read::kAbsent) continue;
+    if (r == Read::kOk) *lowest = siblings.empty() ? cpu : *siblings.begin();
+    return r;
+  }
+  return Read::kAbsent;
+}
+
+// What tells packages and cores apart, each given an index in the order
+// first met; -1 for a processor whose files do not tell.
+using Key = std::tuple<int, long, long, long>;
+int indexOf(std::map<Key, int>& seen, const Key& key) {
+  return seen.emplace(key, static_cast<int>(seen.size())).first->second;
+}
+
+// The package, die and core of the online processor `c`. A package is its
+// package siblings, as lscpu counts distinct core_siblings masks, or its
+// physical_package_id; a core is its core siblings, or its (package, die,
+// core_id).
+void place(SystemRoot& cpus, Processor& p, std::map<Key, int>& packages,
+           std::map<Key, int>& cores) {
+  long id = 0;
+  long die = 0;
+  Read r = lowestSibling(cpus, p.cpu, kPackageFiles, &id);
+  if (r == Read::kOk) p.package = indexOf(packages, {0, id, 0, 0});
+  if (r == Read::kAbsent &&
+      cpus.number(cpuFile(p.cpu, "topology/physical_package_id"), &id) == Read::kOk)
+    p.package = indexOf(packages, {1, id, 0, 0});
+  if (cpus.number(cpuFile(p.cpu, "topology/die_id"), &die) == Read::kOk)
+    p.die = static_cast<std::int32_t>(die);
+  r = lowestSibling(cpus, p.cpu, kCoreFiles, &id);
+  if (r == Read::kOk) p.core = indexOf(cores, {0, id, 0, 0});
+  if (r == Read::kAbsent && p.package >= 0 &&
+      cpus.number(cpuFile(p.cpu, "topology/core_id"), &id) == Read::kOk)
+    p.core = indexOf(cores, {1, p.package, std::max(p.die, 0), id});
+}
+
+// Packages and cores as sets, each processor's place in them; *maxThreads
+// the most threads of one core.
+void placeAll(SystemRoot& cpus, Topology& t, int* maxThreads) {
+  std::map<Key, int> packageKeys;
+  std::map<Key, int> coreKeys;
+  bool packagesKnown = true;
+  bool coresKnown = true;
+  std::vector<CpuSet> packages;
+  std::vector<CpuSet> cores;
+  for (Processor& p : t.processors) {
+    if (!p.online) continue;
+    place(cpus, p, packageKeys, coreKeys);
+    packagesKnown = packagesKnown && p.package >= 0;
+    coresKnown = coresKnown && p.core >= 0;
+    packages.resize(packageKeys.size());
+    if (p.package >= 0) packages[static_cast<std::size_t>(p.package)].add(p.cpu);
+    if (p.core < 0) continue;
+    cores.resize(coreKeys.size());
+    CpuSet& threads = cores[static_cast<std::size_t>(p.core)];
+    p.thread = static_cast<std::int32_t>(threads.count());
+    threads.add(p.cpu);
+    *maxThreads = std::max(*maxThreads, p.thread + 1);
+  }
+  if (packagesKnown) t.packages = std::move(packages);
+  if (coresKnown) t.cores = std::move(cores);
+  if (!packagesKnown) t.missing = "no physical_package_id";
+  if (!coresKnown)
+    t.missing += std::string(t.missing.empty() ? "" : ", ") + "no core sibling lists or core_id";
+}
+
+// Simultaneous multithreading, from smt/control and smt/active where the
+// kernel has them (since 4.19), else from the sibling counts:
+//   control "off" or "forceoff"         -> off: capable, switched off;
+//   control "notsupported"              -> notsupported: the kernel found
+//                                          the processors without it;
+//   active 1                            -> on: some core runs two threads;
+//   control "on" and active 0           -> off: allowed, but no core runs
+//                                          two threads now;
+//   otherwise ("notimplemented", or no smt files): on where some core has
+//   two or more online threads; else not known, because one thread a core
+//   cannot tell processors without SMT from SMT turned off in firmware.
+std::optional<Smt> smtState(SystemRoot& cpus, int maxThreads) {
+  std::string control;
+  std::string active;
+  const bool haveControl = cpus.text("smt/control", &control) == Read::kOk;
+  const bool haveActive = cpus.text("smt/active", &active) == Read::kOk;
+  if (haveControl && (control == "off" || control == "forceoff")) return Smt::kOff;
+  if (haveControl && control == "notsupported") return Smt::kNotSupported;
+  if (haveActive && active == "1") return Smt::kOn;
+  if (haveControl && haveActive && control == "on" && active == "0") return Smt::kOff;
+  if (maxThreads >= 2) return Smt::kOn;
+  return std::nullopt;
+}
+
+// What the process may use: affinity, online processors and cpuset, then
+// the quota. Without an affinity (a tree recorded without one) every online
+// processor counts.
+void usable(SystemRoot& root, Topology& t) {
+  const CgroupLimits limits = readCgroupLimits(root);
+  CpuSet affinity;
+  bool haveAffinity = false;
+  try {
+    haveAffinity = machine().affinity(&affinity);
+  } catch (const Missing&) {
+  }
+  t.usable = haveAffinity ? affinity & t.online : t.online;
+  if (limits.cpuset) t.usable = t.usable & *limits.cpuset;
+  t.cpuQuota = limits.quota;
+  // A quota of more processors than may be used leaves them as they are.
+  auto effective = static_cast<std::int32_t>(t.usable.count());
+  if (limits.quota && *limits.quota < effective)
+    effective = static_cast<std::int32_t>(std::ceil(*limits.quota));
+  t.effectiveProcessors = std::max(effective, 1);
+}
+
+// Every present (or, without that list, possible) processor, online or
+// not; the offline ones.
+void processors(SystemRoot& cpus, Topology& t) {
+  CpuSet present;
+  CpuSet possible;
+  Read r = cpus.list("present", &present);
+  // The possible list too, which glibc counts as the configured processors.
+  const Read alone = cpus.list("possible", &possible);
+  if (r == Read::kAbsent) r = alone, present = possible;
+  if (r == Read::kOk) t.present = present;
+  for (const unsigned c : t.present) {
+    if (!t.online.contains(c)) t.offline.add(c);
+  }
+  CpuSet all = t.present;
+  for (const unsigned c : t.online)
+    all.add(c);
+  for (const unsigned c : all) {
+    Processor p;
+    p.cpu = c;
+    p.online = t.online.contains(c);
+    t.processors.push_back(p);
+  }
+}
+
+}  // namespace
+
+Topology readTopology() {
+  Topology t;
+  SystemRoot root(machine());
+  // The processors' own files, relative to their folder.
+  SystemRoot cpus(root, "sys/devices/system/cpu");
+  CpuSet online;
+  int maxThreads = 0;
+  const Read r = onlineProcessors(cpus, &online);
+  if (r == Read::kAbsent) t.missing = "no sys/devices/system/cpu/online";
+  if (r == Read::kOk && online.empty()) t.missing = "sys/devices/system/cpu/online is empty";
+  if (r == Read::kOk && !online.empty()) {
+    t.online = online;
+    processors(cpus, t);
+    placeAll(cpus, t, &maxThreads);
+    usable(root, t);
+    t.coreKinds = coreKinds(root, t);
+    for (Processor& p : t.processors) {
+      p.usable = t.usable.contains(p.cpu);
+      for (std::size_t k = 0; k < t.coreKinds.size(); ++k) {
+        if (t.coreKinds[k].processors.contains(p.cpu)) p.kind = static_cast<std::int32_t>(k);
+      }
+    }
+  }
+  t.smt = smtState(cpus, maxThreads);
+  readVirtualization(root, t);
+  t.error = (!cpus.error().empty() ? cpus.error() : root.error()).text();
+  return t;
+}
+
+}  // namespace detail
+}  // namespace xrprocdetector

@@ -1,0 +1,219 @@
+// The calling thread's machine, this machine's files and instructions, and
+// the VMware probe's fault guard.
+#include <fcntl.h>
+#include <sched.h>
+#include <setjmp.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include <atomic>
+#include <cstring>
+#include <mutex>
+
+#include "machine/machine.h"
+
+namespace xrprocdetector {
+namespace detail {
+
+namespace {
+
+// The calling thread's innermost scope's machine; its scope owns it.
+thread_local Machine* current = nullptr;
+
+// The one jump buffer of the VMware probe, the thread whose port access it
+// guards (0 outside that span) and the SIGSEGV action in place before it,
+// which takes every other fault. All of them are the probe lock's.
+jmp_buf jmpbuf;
+std::atomic<pid_t> probingThread{0};
+static_assert(std::atomic<pid_t>::is_always_lock_free, "read in a signal handler");
+struct sigaction previous;
+std::atomic<bool> previousReset{false};  // by its SA_RESETHAND
+std::recursive_mutex probeLock;
+int keepers = 0;  // SignalStates alive, which give the action before back
+
+// A fault that is not the probe's, handled as the action before the probe
+// would have handled it. SIG_DFL, and SIG_IGN for a real fault, take the
+// default action: reset, and raised again to be taken once this returns.
+void passOn(int signal, siginfo_t* info, void* context) {
+  struct sigaction was = previous;
+  if (previousReset) was.sa_handler = SIG_DFL;                  // SA_RESETHAND has taken it
+  if (was.sa_handler == SIG_IGN && info->si_code <= 0) return;  // sent, not a fault
+  if (was.sa_handler == SIG_DFL || was.sa_handler == SIG_IGN) {
+    ::signal(SIGSEGV, SIG_DFL);
+    raise(SIGSEGV);
+    return;
+  }
+  if ((was.sa_flags & SA_RESETHAND) != 0) previousReset = true;
+  sigset_t before;
+  pthread_sigmask(SIG_BLOCK, &was.sa_mask, &before);
+  sigemptyset(&was.sa_mask);
+  sigaddset(&was.sa_mask, SIGSEGV);
+  if ((was.sa_flags & SA_NODEFER) != 0) pthread_sigmask(SIG_UNBLOCK, &was.sa_mask, nullptr);
+  (was.sa_flags & SA_SIGINFO) != 0 ? was.sa_sigaction(signal, info, context)
+                                   : was.sa_handler(signal);
+  pthread_sigmask(SIG_SETMASK, &before, nullptr);
+}
+
+void segfault_sigaction(int signal, siginfo_t* info, void* context) {
+  if (probingThread.load() == gettid()) longjmp(jmpbuf, 1);
+  passOn(signal, info, context);
+}
+
+}  // namespace
+
+Machine& machine() {
+  // No state: the live machine holds nothing of its own.
+  static LiveMachine live;
+  return current != nullptr ? *current : live;
+}
+
+MachineScope::MachineScope(Machine& m) : previous_(current) {
+  current = &m;
+}
+
+MachineScope::~MachineScope() {
+  current = previous_;
+}
+
+std::optional<CpuidRegisters> cpuidOn(unsigned cpu, std::uint32_t leaf, std::uint32_t subleaf) {
+  Machine& m = machine();
+  CpuSet before;
+  if (!m.affinity(&before) || !m.pin(CpuSet({cpu}))) return std::nullopt;
+  const CpuidRegisters r = m.cpuid(leaf, subleaf);
+  m.pin(before);
+  return r;
+}
+
+TreeMachine::TreeMachine(const std::string& dir) : dir_(dir) {
+  if (dir == "/") fd_ = AT_FDCWD;
+  if (dir.empty() || dir == "/") return;
+  fd_ = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (fd_ < 0) fail(&openError_, dir, std::strerror(errno));
+}
+
+TreeMachine::~TreeMachine() {
+  if (fd_ >= 0) ::close(fd_);
+}
+
+// Live, the path itself from "/"; in a tree, relative to its directory.
+std::string TreeMachine::at(const std::string& path) const {
+  return fd_ == AT_FDCWD ? "/" + path : path.empty() ? "." : path;
+}
+
+Read TreeMachine::file(const std::string& path, std::size_t cap, std::string* text,
+                       std::string* why) {
+  text->clear();
+  return fd_ == -1 ? Read::kAbsent : readWholeFile(fd_, at(path), cap, text, why);
+}
+
+Read TreeMachine::entries(const std::string& path, std::vector<std::string>* names) {
+  return listFolder(fd_, at(path), names);
+}
+
+bool TreeMachine::exists(const std::string& path) const {
+  const int fd = fd_ == -1 ? -1 : openInRoot(fd_, at(path), O_PATH);
+  return fd >= 0 && ::close(fd) == 0;
+}
+
+std::string TreeMachine::shown(const std::string& path) const {
+  if (dir_ == "/") return "/" + path;
+  return dir_ + (!dir_.empty() && dir_.back() == '/' ? "" : "/") + path;
+}
+
+CpuinfoStream LiveMachine::cpuinfo() {
+  CpuinfoStream s;
+  s.fd = ::open("/proc/cpuinfo", O_RDONLY | O_CLOEXEC);
+  // A scan of a file that cannot be read never ends: say so instead. A
+  // byte read at its start, which the scan reads again, tells.
+  char byte = 0;
+  if (!strict_ || (s.fd >= 0 && ::pread(s.fd, &byte, 1, 0) >= 0)) return s;
+  const int why = errno;
+  if (s.fd >= 0) ::close(s.fd);
+  throw Missing{std::string("cannot read /proc/cpuinfo (") + std::strerror(why) + ")"};
+}
+
+CpuidRegisters LiveMachine::cpuid(std::uint32_t leaf, std::uint32_t subleaf) {
+  return detail::cpuid(leaf, subleaf);
+}
+
+std::uint32_t LiveMachine::backdoor() {
+  return vmwareBackdoorVersion();
+}
+
+long LiveMachine::processorCount(int name) {
+  return sysconf(name);
+}
+
+// The affinity at its full size: a set as large as the kernel's limit.
+bool LiveMachine::affinity(CpuSet* set) {
+  constexpr std::size_t kBytes = CPU_ALLOC_SIZE(kKernelMaxProcessors);
+  unsigned long words[kBytes / sizeof(unsigned long)] = {};
+  if (sched_getaffinity(0, kBytes, reinterpret_cast<cpu_set_t*>(words)) != 0) return false;
+  std::vector<unsigned> cpus;
+  for (unsigned c = 0; c < kKernelMaxProcessors; ++c) {
+    if (CPU_ISSET_S(c, kBytes, reinterpret_cast<cpu_set_t*>(words))) cpus.push_back(c);
+  }
+  *set = CpuSet(std::move(cpus));
+  return true;
+}
+
+bool LiveMachine::pin(const CpuSet& set) {
+  constexpr std::size_t kBytes = CPU_ALLOC_SIZE(kKernelMaxProcessors);
+  unsigned long words[kBytes / sizeof(unsigned long)] = {};
+  for (const unsigned c : set)
+    CPU_SET_S(c, kBytes, reinterpret_cast<cpu_set_t*>(words));
+  return sched_setaffinity(0, kBytes, reinterpret_cast<cpu_set_t*>(words)) == 0;
+}
+
+// Not inlined and not instrumented by AddressSanitizer: leaving a fault
+// handler by longjmp would confuse the sanitizer's view of the stack.
+__attribute__((noinline, no_sanitize_address)) bool guardedVmwareProbe() {
+  const std::lock_guard<std::recursive_mutex> lock(probeLock);
+  volatile std::uint64_t answer = 0;
+  struct sigaction action;
+  std::memset(&action, 0, sizeof action);
+  sigemptyset(&action.sa_mask);
+  action.sa_sigaction = segfault_sigaction;
+  action.sa_flags = SA_SIGINFO;
+  sigaction(SIGSEGV, nullptr, &previous);
+  previousReset = false;
+  sigaction(SIGSEGV, &action, nullptr);
+  sigset_t segv, mask;
+  sigemptyset(&segv);
+  sigaddset(&segv, SIGSEGV);
+  // _setjmp does not save the signal mask: after a fault SIGSEGV stays
+  // blocked in this thread, as the handler left it. Until then it is
+  // unblocked for the port access alone, so that its fault is taken here.
+  if (_setjmp(jmpbuf) == 0) {
+    pthread_sigmask(SIG_UNBLOCK, &segv, &mask);
+    probingThread = gettid();
+    answer = machine().backdoor();
+    pthread_sigmask(SIG_SETMASK, &mask, nullptr);
+  }
+  probingThread = 0;
+  // The default disposition, not whatever the host had before the probe;
+  // under a SignalState, which gives that back, the host's at once, so that
+  // no fault of the host's other threads meets the default in between.
+  if (keepers > 0)
+    sigaction(SIGSEGV, &previous, nullptr);
+  else
+    signal(SIGSEGV, SIG_DFL);
+  return answer == kVmwareMagic;
+}
+
+SignalState::SignalState() : lock_(probeLock) {
+  ++keepers;
+  sigaction(SIGSEGV, nullptr, &segv_);
+  pthread_sigmask(SIG_SETMASK, nullptr, &mask_);
+}
+
+SignalState::~SignalState() {
+  sigaction(SIGSEGV, &segv_, nullptr);
+  pthread_sigmask(SIG_SETMASK, &mask_, nullptr);
+  --keepers;
+}
+
+}  // namespace detail
+}  // namespace xrprocdetector

@@ -1,0 +1,258 @@
+// The machine, as every part of the library reads it: files under a root,
+// CPUID on a processor, the thread's affinity and pinning, the operating
+// system's processor counts and the VMware port, through one interface.
+//   LiveMachine       this machine;
+//   ReplayMachine     a saved machine: a snapshot or a system root, every
+//                     file read inside its directory;
+//   RecordingMachine  this machine, keeping all that was read, so that a
+//                     snapshot is what the readers read and nothing else.
+// The calling thread's machine is the innermost MachineScope's, or the live
+// machine when there is none: the detector classes, called by a host
+// directly, read this machine as they always have.
+#ifndef XRPROCDETECTOR_SRC_MACHINE_MACHINE_H
+#define XRPROCDETECTOR_SRC_MACHINE_MACHINE_H
+
+#include <signal.h>
+
+#include <xrprocdetector/detect.h>
+
+#include <cstdint>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "machine/files.h"
+
+namespace xrprocdetector {
+namespace detail {
+
+struct CpuidRegisters {
+  std::uint32_t eax;
+  std::uint32_t ebx;
+  std::uint32_t ecx;
+  std::uint32_t edx;
+};
+
+// The two instructions (hardware_x86.cpp): CPUID with EAX = leaf and
+// ECX = subleaf on the current processor, no highest-leaf check made; and
+// the VMware backdoor "get version" query (EAX = 0x564D5868, ECX = 10,
+// DX = 0x5658, a 32-bit IN), returning EBX. Outside VMware the IN faults.
+CpuidRegisters cpuid(std::uint32_t leaf, std::uint32_t subleaf);
+std::uint32_t vmwareBackdoorVersion();
+constexpr std::uint32_t kVmwareMagic = 0x564D5868;  // "VMXh"
+
+// One query of a CPUID dump and its answer. `mask` says which inputs matter:
+// bit 0 EAX (the leaf), bit 1 EBX, bit 2 ECX (the sub-leaf), bit 3 EDX.
+struct CpuidLine {
+  std::uint32_t mask;
+  std::uint32_t in[4];   // EAX, EBX, ECX, EDX
+  std::uint32_t out[4];  // EAX, EBX, ECX, EDX
+};
+using CpuidDump = std::vector<CpuidLine>;
+// The answer of the first line whose masked inputs equal the query's (EAX
+// leaf, ECX sub-leaf, EBX = EDX = 0); zeros when no line does.
+CpuidRegisters dumpAnswer(const CpuidDump& dump, std::uint32_t leaf, std::uint32_t subleaf);
+
+// Thrown by a saved machine asked for what it does not hold ("the
+// affinity", "cpuid/pu3", "/proc/cpuinfo"), and by a strict live machine
+// whose /proc/cpuinfo cannot be read: what asked cannot go on, and the
+// entry point says so instead of counting.
+struct Missing {
+  std::string what;
+};
+
+// /proc/cpuinfo as the word scans read it: a descriptor to stream from
+// (the reader closes it), a text, or neither: it cannot be opened.
+struct CpuinfoStream {
+  int fd = -1;
+  const std::string* text = nullptr;
+};
+
+class Machine {
+ public:
+  virtual ~Machine() = default;
+  // The file at `path`, relative to the machine's root ("proc/cpuinfo"), as
+  // readWholeFile reads it.
+  virtual Read file(const std::string& path, std::size_t cap, std::string* text,
+                    std::string* why) = 0;
+  // The names in the folder `path` ("" the root), as SystemRoot::entries.
+  virtual Read entries(const std::string& path, std::vector<std::string>* names) = 0;
+  // `path` as a message names it.
+  virtual std::string shown(const std::string& path) const = 0;
+  virtual CpuinfoStream cpuinfo() = 0;
+  // CPUID on the processor the thread runs on.
+  virtual CpuidRegisters cpuid(std::uint32_t leaf, std::uint32_t subleaf) = 0;
+  // The backdoor's EBX: kVmwareMagic for VMware. Live, it faults outside
+  // VMware: only guardedVmwareProbe() asks.
+  virtual std::uint32_t backdoor() = 0;
+  // sysconf(_SC_NPROCESSORS_CONF or _ONLN): -1 when unknown.
+  virtual long processorCount(int name) = 0;
+  // The calling thread's affinity; false when it cannot be read.
+  virtual bool affinity(CpuSet* set) = 0;
+  // Pins the calling thread to `set`; false (nothing changed) when refused.
+  virtual bool pin(const CpuSet& set) = 0;
+};
+
+// The calling thread's machine.
+Machine& machine();
+
+// Makes `m` the calling thread's machine until the scope ends. Scopes nest
+// and end in the reverse order of their making.
+class MachineScope {
+ public:
+  explicit MachineScope(Machine& m);
+  ~MachineScope();
+  MachineScope(const MachineScope&) = delete;
+  MachineScope& operator=(const MachineScope&) = delete;
+
+ private:
+  Machine* previous_;
+};
+
+// CPUID on processor `cpu`: the thread pinned there, and given back its
+// affinity. Nothing when it cannot be pinned there.
+std::optional<CpuidRegisters> cpuidOn(unsigned cpu, std::uint32_t leaf, std::uint32_t subleaf);
+
+// Files under a directory, every path resolved inside it (openInRoot); "/"
+// is this machine's own files, by their paths.
+class TreeMachine : public Machine {
+ public:
+  // No directory at all (`dir` empty): every file is absent.
+  explicit TreeMachine(const std::string& dir);
+  ~TreeMachine() override;
+  TreeMachine(const TreeMachine&) = delete;
+  TreeMachine& operator=(const TreeMachine&) = delete;
+
+  Read file(const std::string& path, std::size_t cap, std::string* text, std::string* why) override;
+  Read entries(const std::string& path, std::vector<std::string>* names) override;
+  // Whether anything is at `path`, a link or a folder included.
+  bool exists(const std::string& path) const;
+  std::string shown(const std::string& path) const override;
+  // Why the directory could not be opened; empty when it could.
+  const Error& openError() const { return openError_; }
+
+ private:
+  std::string at(const std::string& path) const;
+  std::string dir_;
+  int fd_ = -1;  // AT_FDCWD for "/"
+  Error openError_;
+};
+
+class LiveMachine : public TreeMachine {
+ public:
+  // `strict`: a /proc/cpuinfo that cannot be read throws Missing, rather
+  // than giving the scans a source that never ends.
+  explicit LiveMachine(bool strict = false) : TreeMachine("/"), strict_(strict) {}
+  CpuinfoStream cpuinfo() override;
+  CpuidRegisters cpuid(std::uint32_t leaf, std::uint32_t subleaf) override;
+  std::uint32_t backdoor() override;
+  long processorCount(int name) override;
+  bool affinity(CpuSet* set) override;
+  bool pin(const CpuSet& set) override;
+
+ private:
+  bool strict_;
+};
+
+// What a saved machine holds beyond its files: read by the snapshot loader,
+// or written by a recording.
+struct SavedMachine {
+  std::string dir;                     // its files; empty for a text alone
+  std::optional<std::string> cpuinfo;  // proc/cpuinfo
+  std::optional<long> configured;      // sysconf's counts
+  std::optional<long> online;
+  std::optional<CpuSet> affinity;  // the thread's
+  bool vmwareBackdoor = false;     // the port answered with the magic
+  std::map<unsigned, CpuidDump> cpuid;
+  // What a reader asking for a missing part is told holds nothing: "the
+  // snapshot", "the file".
+  std::string holder = "the snapshot";
+};
+
+// A saved machine answering in this one's place. Its affinity starts as the
+// saved one; pinning succeeds where the set meets it, and CPUID answers
+// from the dump of the lowest processor of the thread's set. What it lacks
+// throws Missing.
+class ReplayMachine : public TreeMachine {
+ public:
+  explicit ReplayMachine(const SavedMachine& saved);
+  CpuinfoStream cpuinfo() override;
+  CpuidRegisters cpuid(std::uint32_t leaf, std::uint32_t subleaf) override;
+  std::uint32_t backdoor() override;
+  long processorCount(int name) override;
+  bool affinity(CpuSet* set) override;
+  bool pin(const CpuSet& set) override;
+
+ private:
+  const SavedMachine& saved_;
+  std::optional<CpuSet> current_;
+};
+
+// Another machine (this one, when saving), keeping what was read through
+// it: each file's bytes (absent and unreadable ones are left out), each
+// folder's names, every CPUID answer under the processor that gave it, the
+// counts, the affinity at the start and the VMware port's answer.
+class RecordingMachine : public Machine {
+ public:
+  explicit RecordingMachine(Machine& inner);
+  Read file(const std::string& path, std::size_t cap, std::string* text, std::string* why) override;
+  Read entries(const std::string& path, std::vector<std::string>* names) override;
+  std::string shown(const std::string& path) const override { return inner_.shown(path); }
+  CpuinfoStream cpuinfo() override;
+  CpuidRegisters cpuid(std::uint32_t leaf, std::uint32_t subleaf) override;
+  std::uint32_t backdoor() override;
+  long processorCount(int name) override;
+  bool affinity(CpuSet* set) override { return inner_.affinity(set); }
+  bool pin(const CpuSet& set) override;
+
+  // Adds every processor's whole CPUID dump (pinned to each of the saved
+  // affinity in turn). False with *error when a pinning fails.
+  bool dumpEveryProcessor(Error* error);
+  const SavedMachine& saved() const { return saved_; }
+  const std::map<std::string, std::string>& files() const { return files_; }
+  const std::map<std::string, std::string>& failures() const { return failures_; }
+  const std::map<std::string, std::vector<std::string>>& folders() const { return folders_; }
+
+ private:
+  Machine& inner_;
+  SavedMachine saved_;
+  CpuSet current_;
+  std::map<std::string, std::string> files_;
+  std::map<std::string, std::string> failures_;  // a file that could not be read, and why
+  std::map<std::string, std::vector<std::string>> folders_;
+};
+
+// The VMware probe under its fault guard: a SIGSEGV handler for the span of
+// one port access, left by a non-local jump, with SIGSEGV unblocked in the
+// calling thread for that access alone; then SIGSEGV's disposition is set to
+// the default, whatever it was (under a SignalState, which gives the one
+// before back, to that one at once). Faults that are not the probe's (of other
+// threads, or outside the access) go to the action in place before. After
+// a fault, SIGSEGV stays blocked in the calling thread. One probe at a time
+// in the process, under the probe lock. True when the port answered with
+// the magic.
+bool guardedVmwareProbe();
+
+// What guardedVmwareProbe changes, kept so that it can be given back: the
+// SIGSEGV disposition and the thread's signal mask. It holds the probe lock
+// (recursive) while it lives, so that no other thread's probe runs between
+// the keeping and the giving back.
+class SignalState {
+ public:
+  SignalState();
+  ~SignalState();
+  SignalState(const SignalState&) = delete;
+  SignalState& operator=(const SignalState&) = delete;
+
+ private:
+  std::lock_guard<std::recursive_mutex> lock_;
+  struct sigaction segv_;
+  sigset_t mask_;
+};
+
+}  // namespace detail
+}  // namespace xrprocdetector
+
+#endif  // XRPROCDETECTOR_SRC_MACHINE_MACHINE_H

@@ -308,16 +308,20 @@ Read SystemRoot::text(const std::string& path, std::string* out) {
   std::string why;
   const Read r = machine_.file(base_ + path, capOf(base_ + path), out, &why);
   if (r == Read::kFailed) return fail(path, why);
-  while (!out->empty() && std::strchr(" \t\n\r", out->back()) != nullptr)
-    out->pop_back();
+  out->resize(trimmed(*out).size());
   return r;
 }
 
-bool wholeNumber(const std::string& text, long min, long max, long* value) {
-  char* end = nullptr;
-  errno = 0;
-  *value = std::strtol(text.c_str(), &end, 10);
-  return !text.empty() && *end == '\0' && errno == 0 && *value >= min && *value <= max;
+bool wholeNumber(std::string_view text, long min, long max, long* value) {
+  const auto r = std::from_chars(text.data(), text.data() + text.size(), *value);
+  return r.ec == std::errc() && r.ptr == text.data() + text.size() && *value >= min &&
+         *value <= max;
+}
+
+std::string_view trimmed(std::string_view text) {
+  while (!text.empty() && std::strchr(" \t\n\r", text.back()) != nullptr)
+    text.remove_suffix(1);
+  return text;
 }
 
 Read SystemRoot::number(const std::string& path, long* value, long min, long max) {

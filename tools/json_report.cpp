@@ -155,6 +155,22 @@ std::string jsonRow(const Detection& row, const Input& source, int indent, bool 
 
 }  // namespace
 
+std::string budgetLine(const Budget& b, bool json) {
+  const std::string quota = b.cpuQuota ? quotaText(*b.cpuQuota) : "";
+  if (!json)
+    return "usable " + b.usable.toList() + " (" + std::to_string(b.usable.count()) +
+           " processors), CPU quota " + (quota.empty() ? "none" : quota + " processors") +
+           ", effective " + std::to_string(b.effectiveProcessors) +
+           (b.error.empty() ? "" : "; " + b.error) + "\n";
+  JsonObject o(-1);
+  o.string("usableCpus", b.usable.toList());
+  o.number("usableProcessors", static_cast<long long>(b.usable.count()));
+  o.add("cpuQuota", quota.empty() ? "null" : quota);
+  o.number("effectiveProcessors", b.effectiveProcessors);
+  o.stringOrNull("error", !b.error.empty(), b.error);
+  return o.done() + "\n";
+}
+
 std::string json(const std::vector<Detection>& rows, const Input& source, bool asArray,
                  bool withSummary, bool lines) {
   if (lines) {

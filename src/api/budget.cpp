@@ -101,7 +101,9 @@ class ProcessorBudget::State {
   }
 
   // The whole of a kept file, into a buffer; false with errno set.
-  bool readKept(int fd, std::string_view* text) { return readKept(fd, text, buffer_, sizeof buffer_); }
+  bool readKept(int fd, std::string_view* text) {
+    return readKept(fd, text, buffer_, sizeof buffer_);
+  }
   bool readKept(int fd, std::string_view* text, char* into, std::size_t size) {
     const ssize_t n = fd < 0 ? -1 : ::pread(fd, into, size, 0);
     if (n < 0 || static_cast<std::size_t>(n) == size) return false;
@@ -111,7 +113,8 @@ class ProcessorBudget::State {
 
   static void fail(Budget* b, const std::string& file, const std::string& why) {
     if (b->error.empty())
-      b->error = file + ": " + (why.empty() ? "cannot read: " + std::string(std::strerror(errno)) : why);
+      b->error =
+          file + ": " + (why.empty() ? "cannot read: " + std::string(std::strerror(errno)) : why);
   }
 
   void closeAll() {

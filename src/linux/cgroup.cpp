@@ -170,8 +170,10 @@ bool addLimit(const LimitFile& file, std::string_view text, std::string_view per
     if (blank == std::string_view::npos ||
         !wholeNumber(text.substr(blank + 1), kMinPeriod, kMaxPeriod, &microseconds) ||
         (max != "max" && !wholeNumber(max, kMinPeriod, kMaxQuota, &quota))) {
-      *why = "line 1: not \"max PERIOD\" or \"QUOTA PERIOD\" with a period from 1000 to "
-             "1000000 and a quota from 1000 to " + most;
+      *why =
+          "line 1: not \"max PERIOD\" or \"QUOTA PERIOD\" with a period from 1000 to "
+          "1000000 and a quota from 1000 to " +
+          most;
       return false;
     }
   } else if (!wholeNumber(text, -1, kMaxQuota, &quota)) {

@@ -211,8 +211,7 @@ Parsed parseOptions(int argc, char** argv) {
   return parsed;
 }
 
-std::string usageText() {
-  return R"(Usage: xrprocdetect [OPTION]... [--cpuinfo FILE... | --snapshot DIR...]
+const char kUsage[] = R"(Usage: xrprocdetect [OPTION]... [--cpuinfo FILE... | --snapshot DIR...]
 Count the processor packages, cores and logical processors of this machine
 (or of a saved /proc/cpuinfo or snapshot) with one or every detector
 generation, or save a snapshot of this machine.
@@ -274,6 +273,9 @@ Exit status: 0 on success, 1 when a detector's getProcData is negative,
 run), or a failed save, 3 with --check when a count differs from the
 kernel's, 4 with --check when the counts could not be compared.
 )";
+
+std::string usageText() {
+  return kUsage;
 }
 
 }  // namespace xrprocdetect

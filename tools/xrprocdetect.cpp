@@ -6,10 +6,10 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <condition_variable>
 #include <cstdio>
 #include <cstring>
-#include <ctime>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -199,12 +199,10 @@ int watch(double seconds, bool json) {
     std::fprintf(stderr, "xrprocdetect: cannot watch the budget: %s\n", error.c_str());
     return 2;
   }
-  const timespec pause{static_cast<time_t>(seconds),
-                       static_cast<long>((seconds - static_cast<time_t>(seconds)) * 1e9)};
   Budget last = budget->read();
   std::fputs(budgetLine(last, json).c_str(), stdout);
   while (std::fflush(stdout) == 0) {
-    nanosleep(&pause, nullptr);
+    std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
     Budget now = budget->read();
     if (changed(last, now)) std::fputs(budgetLine(now, json).c_str(), stdout);
     last = std::move(now);

@@ -47,14 +47,13 @@ class ProcessorBudget::State {
     std::string_view text;
     const bool known = readKept(cgroup_, &text);
     cgroupText_ = known ? std::string(text) : "";
-    if (!root.error().empty() || online_ < 0 || !known) {
-      *error = !root.error().empty() ? root.error().text()
-               : online_ < 0 ? std::string("/sys/devices/system/cpu/online: cannot open: ") +
-                                   std::strerror(errno)
-                             : "/proc/self/cgroup: cannot read";
-      return false;
-    }
-    return true;
+    const char* lacking = online_ < 0 ? "/sys/devices/system/cpu/online"
+                          : known     ? nullptr
+                                      : "/proc/self/cgroup";
+    if (lacking != nullptr)
+      *error = std::string(lacking) + ": cannot read: " + std::strerror(errno);
+    if (!root.error().empty()) *error = root.error().text();
+    return root.error().empty() && lacking == nullptr;
   }
 
   void read(Budget* b) {
@@ -117,14 +116,14 @@ class ProcessorBudget::State {
           file + ": " + (why.empty() ? "cannot read: " + std::string(std::strerror(errno)) : why);
   }
 
+  // Closes every descriptor kept (-1 is none, which close refuses).
   void closeAll() {
     for (const Kept& k : kept_) {
-      if (k.fd >= 0) ::close(k.fd);
-      if (k.period >= 0) ::close(k.period);
+      ::close(k.fd);
+      ::close(k.period);
     }
-    for (const int fd : {online_, cgroup_}) {
-      if (fd >= 0) ::close(fd);
-    }
+    ::close(online_);
+    ::close(cgroup_);
     kept_.clear();
     online_ = cgroup_ = -1;
   }

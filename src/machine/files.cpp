@@ -150,14 +150,17 @@ bool parseProcessorList(std::string_view text, CpuSet* set, std::string* error) 
   const auto number = [&p, end](unsigned long* n) {
     const auto r = std::from_chars(p, end, *n);
     if (r.ec == std::errc::result_out_of_range) *n = CpuSet::kLimit;
-    return r.ptr != p ? (p = r.ptr, true) : false;
+    const bool read = r.ptr != p;
+    p = r.ptr;
+    return read;
   };
   const char* why = nullptr;
   long previous = -1;
   while (p != end && why == nullptr) {
     unsigned long first = 0;
-    unsigned long last = 0;
-    const bool ok = number(&first) && (last = first, *p != '-' || (++p, number(&last)));
+    bool ok = number(&first);
+    unsigned long last = first;
+    if (ok && p != end && *p == '-') ok = ++p != end && number(&last);
     if (!ok || last < first || (p != end && (*p != ',' || p + 1 == end)))
       why = "not a processor list such as 0-3,8-11";
     else if (last >= CpuSet::kLimit)

@@ -33,13 +33,6 @@ void say(char** error, const std::string& why) {
   if (error != nullptr) *error = copy(why);
 }
 
-// Whether the caller's struct reaches past `end` bytes: the fields that
-// end there are its.
-template <class T>
-bool reaches(const T* out, std::size_t end) {
-  return out->size >= end;
-}
-
 // *out filled with `full` up to the size its caller knows; false when
 // there is no struct or its size cannot even hold the size.
 template <class T>
@@ -158,7 +151,8 @@ int xrpd_detect(xrpd_generation generation, const xrpd_source* source, xrpd_dete
   try {
     const Detection d = detect(static_cast<Generation>(generation), sourceOf(source));
     const auto verdict = d.reportedVerdict ? static_cast<std::int32_t>(*d.reportedVerdict) : -1;
-    const bool strings = reaches(out, offsetof(xrpd_detection, error) + sizeof(char*));
+    // Strings only where the caller's struct has room for them.
+    const bool strings = out->size >= offsetof(xrpd_detection, error) + sizeof(char*);
     return fill(out,
                 xrpd_detection{0, d.counted, d.result, d.packages, d.cores, d.logicalProcessors,
                                static_cast<std::int32_t>(d.hyperThreading),
@@ -241,7 +235,7 @@ int xrpd_budget_read(xrpd_budget* budget, xrpd_budget_reading* out) {
   if (budget == nullptr || out == nullptr) return -1;
   try {
     const Budget b = budget->budget.read();
-    const bool error = reaches(out, offsetof(xrpd_budget_reading, error) + sizeof(char*));
+    const bool error = out->size >= offsetof(xrpd_budget_reading, error) + sizeof(char*);
     return fill(out,
                 xrpd_budget_reading{0, static_cast<int>(b.usable.count()), b.cpuQuota.value_or(0),
                                     b.effectiveProcessors, bitsOf(b.usable),

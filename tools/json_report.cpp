@@ -52,7 +52,6 @@ class JsonObject {
   std::string text_;
 };
 
-// The kernel row and the row's agreement with it, as two keys of `o`.
 // The topology's sets and names, as keys of the kernel object.
 void addSets(JsonObject& kernel, const Topology& t) {
   const auto text = [](const std::string& v) { return quoted(v); };
@@ -65,14 +64,10 @@ void addSets(JsonObject& kernel, const Topology& t) {
   std::string cpus;
   for (const Processor& p : t.processors) {
     JsonObject one(-1);
-    const auto index = [&one](const char* key, std::int32_t v) {
-      v < 0 ? one.null(key) : one.number(key, v);
-    };
     one.number("cpu", p.cpu);
-    index("package", p.package);
-    index("die", p.die);
-    index("core", p.core);
-    index("thread", p.thread);
+    for (const auto& [key, v] :
+         {std::pair{"package", p.package}, {"die", p.die}, {"core", p.core}, {"thread", p.thread}})
+      v < 0 ? one.null(key) : one.number(key, v);
     one.stringOrNull("kind", p.kind >= 0,
                      p.kind >= 0 ? t.coreKinds[static_cast<std::size_t>(p.kind)].kind : "");
     one.add("online", p.online ? "true" : "false");
@@ -82,6 +77,7 @@ void addSets(JsonObject& kernel, const Topology& t) {
   kernel.add("cpus", cpus.empty() ? "[]" : cpus + "]");
 }
 
+// The kernel row and the row's agreement with it, as two keys of `o`.
 void addKernel(JsonObject& o, const Detection& row, const KernelTopology& k, const Topology& t,
                int indent) {
   const int inner = indent < 0 ? -1 : indent + 2;

@@ -4,7 +4,8 @@
 #   ./quickstart.sh run [xrprocdetect options]   build, then run xrprocdetect on this machine
 #   ./quickstart.sh test                         build, then run every test with CTest
 #
-# Missing build tools (cmake, make, g++, and for `test` libgtest-dev) are
+# Missing build tools (cmake, make, g++, and for `test` libgtest-dev and
+# python3-pytest) are
 # installed from Debian's packages with apt-get when running as root; nothing
 # else is fetched. Set XRPROCDETECTOR_WERROR=ON to build with warnings as
 # errors (CI does).
@@ -25,6 +26,10 @@ command -v cmake >/dev/null || missing+=(cmake)
 command -v make >/dev/null || missing+=(make)
 command -v g++ >/dev/null || missing+=(g++)
 if [ "$mode" = test ] && [ ! -e /usr/include/gtest/gtest.h ]; then missing+=(libgtest-dev); fi
+# The Python module's tests run with Debian's python3 and pytest.
+if [ "$mode" = test ] && ! /usr/bin/python3 -c 'import pytest' 2>/dev/null; then
+  missing+=(python3-pytest)
+fi
 if [ ${#missing[@]} -gt 0 ]; then
   if [ "$(id -u)" -ne 0 ]; then
     echo "missing: ${missing[*]}; install them (apt-get install ${missing[*]}) or run as root" >&2

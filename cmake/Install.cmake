@@ -7,7 +7,19 @@
 #   dev      headers, the static library, the libxrprocdetector.so link,
 #            the CMake package and xrprocdetector.pc
 #   tool     xrprocdetect, xrprocdetect(1) and its bash completion
+#   python   the Python module (a shared build's), where Debian's python3
+#            finds modules: lib/python3/dist-packages under the prefix
 include(CMakePackageConfigHelpers)
+
+option(XRPROCDETECTOR_INSTALL_PYTHON "Install the Python module (with a shared library)" ON)
+set(XRPROCDETECTOR_PYTHON_DIR lib/python3/dist-packages
+    CACHE STRING "Where the Python module goes, under the prefix")
+if(BUILD_SHARED_LIBS AND XRPROCDETECTOR_INSTALL_PYTHON)
+  install(DIRECTORY ${PROJECT_SOURCE_DIR}/python/xrprocdetector
+      DESTINATION ${XRPROCDETECTOR_PYTHON_DIR} COMPONENT python
+      FILE_PERMISSIONS OWNER_READ OWNER_WRITE GROUP_READ WORLD_READ
+      PATTERN __pycache__ EXCLUDE)
+endif()
 
 install(TARGETS xrprocdetector
     EXPORT XrProcDetectorTargets

@@ -56,6 +56,9 @@ endif()
 if(XRPROCDETECTOR_BUILD_TOOLS)
   list(APPEND CPACK_COMPONENTS_ALL tool)
 endif()
+if(BUILD_SHARED_LIBS AND XRPROCDETECTOR_INSTALL_PYTHON)
+  list(APPEND CPACK_COMPONENTS_ALL python)
+endif()
 
 set(CPACK_DEBIAN_PACKAGE_MAINTAINER ${XRPROCDETECTOR_PACKAGE_MAINTAINER})
 set(CPACK_DEBIAN_PACKAGE_SOURCE xrprocdetector)
@@ -96,6 +99,22 @@ if(BUILD_SHARED_LIBS)
   set(CPACK_DEBIAN_ENABLE_COMPONENT_DEPENDS ON)
   set(CPACK_COMPONENT_DEV_DEPENDS runtime)
 endif()
+
+# The Python module: the same for every architecture, on the runtime
+# package of the very same version, which it loads.
+set(CPACK_DEBIAN_PYTHON_PACKAGE_NAME python3-xrprocdetector)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_SECTION python)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_ARCHITECTURE all)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS
+    "python3:any, ${XRPROCDETECTOR_RUNTIME_PACKAGE} (= ${PROJECT_VERSION}-1)")
+set(CPACK_COMPONENT_PYTHON_DESCRIPTION
+    "processor topology detection for Linux on x86-64 - Python 3 module
+${XRPROCDETECTOR_ABOUT}
+
+This package holds the Python 3 module xrprocdetector, on the library's C
+interface: the processors a process may really use (its affinity, cpusets
+and every cgroup quota counted), the topology as sets, a processor budget
+kept current, and every detection generation.")
 
 set(CPACK_DEBIAN_TOOL_PACKAGE_NAME ${XRPROCDETECTOR_TOOL_PACKAGE})
 set(CPACK_DEBIAN_TOOL_PACKAGE_SECTION utils)

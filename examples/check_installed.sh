@@ -16,14 +16,15 @@
 # programs and the installed tool (each must exit 0).
 #
 # Then it builds the Debian packages with `cpack -G DEB`: libxrprocdetector-dev
-# and xrprocdetect, and from the shared build libxrprocdetector1 as well. It
+# and xrprocdetect, and from the shared build libxrprocdetector1 and
+# python3-xrprocdetector as well. It
 # checks their control fields, that each holds its share of the installed
 # files and nothing else but its copyright and changelog.Debian.gz, and runs
 # lintian on them: no error, and no warning but the ones the README lists.
-# Last, the shared build's three packages are installed with dpkg into a
+# Last, the shared build's four packages are installed with dpkg into a
 # scratch root (a dpkg database of its own; nothing goes to this system), and
 # the example is built against them with find_package() (shared and static
-# library) and with pkg-config, and run.
+# library) and with pkg-config, and run, and the Python module is loaded.
 #
 # XRPROCDETECTOR_WERROR=ON builds with warnings as errors (default OFF); the
 # example is always built with -Wall -Wextra -Wpedantic -Werror. Missing tools
@@ -87,6 +88,8 @@ arch=amd64
 runtime_pkg=libxrprocdetector$soversion
 dev_pkg=libxrprocdetector-dev
 tool_pkg=xrprocdetect
+python_pkg=python3-xrprocdetector
+python_dir=lib/python3/dist-packages
 # The lintian warnings the README lists, with their reasons; any other
 # warning, and any error, fails the check.
 lintian_known_warnings=initial-upload-closes-no-bugs
@@ -114,7 +117,13 @@ expected_files() {
     echo "$libdir/libxrprocdetector.so.$version"
     echo "$libdir/libxrprocdetector.so.$soversion"
     echo "$libdir/libxrprocdetector.so"
+    echo "$python_dir/xrprocdetector/__init__.py"
   fi
+}
+
+# arch_of PACKAGE: its architecture; the Python module's is all.
+arch_of() {
+  [ "$1" = "$python_pkg" ] && echo all || echo "$arch"
 }
 
 # package_of FILE LIBDIR: the Debian package an installed file belongs to.
@@ -122,6 +131,7 @@ package_of() {
   case $1 in
     bin/* | share/man/* | share/bash-completion/*) echo "$tool_pkg" ;;
     "$2"/libxrprocdetector.so.*) echo "$runtime_pkg" ;;
+    "$python_dir"/*) echo "$python_pkg" ;;
     *) echo "$dev_pkg" ;;
   esac
 }
@@ -200,7 +210,7 @@ check_package() {
   field() { dpkg-deb -f "$deb" "$1"; }
   [ "$(field Package)" = "$pkg" ] || fail "$pkg: Package is '$(field Package)'"
   [ "$(field Version)" = "$version-1" ] || fail "$pkg: Version is not $version-1"
-  [ "$(field Architecture)" = "$arch" ] || fail "$pkg: Architecture is not $arch"
+  [ "$(field Architecture)" = "$(arch_of "$pkg")" ] || fail "$pkg: Architecture is not $(arch_of "$pkg")"
   [ "$(field Section)" = "$section" ] || fail "$pkg: Section is not $section"
   [ "$(field Priority)" = optional ] || fail "$pkg: Priority is not optional"
   [ "$(field Source)" = xrprocdetector ] || fail "$pkg: Source is not xrprocdetector"
@@ -238,6 +248,10 @@ check_package() {
       elif grep -q "^$runtime_pkg" <<<"$depends"; then
         fail "$pkg of a static build depends on $runtime_pkg"
       fi
+      ;;
+    "$python_pkg")
+      grep -qxF "python3:any" <<<"$depends" && grep -qxF "$runtime_pkg (= $version-1)" <<<"$depends" ||
+        fail "$pkg: Depends does not name python3:any and $runtime_pkg (= $version-1): $depends"
       ;;
     "$tool_pkg")
       grep -q '^libc6 ' <<<"$depends" || fail "$pkg: Depends does not name libc6"
@@ -328,7 +342,9 @@ check() {
     g++ -std=c++17 -Wall -Wextra -Wpedantic -Werror -fsyntax-only -I"$prefix/include" \
       -x c++ - <<<"#include <xrprocdetector/$h>" || fail "installed header $h does not compile alone"
   done
-  ok "each installed header compiles on its own"
+  gcc -std=c99 -Wall -Wextra -pedantic -Werror -fsyntax-only -I"$prefix/include" \
+    -x c - <<<"#include <xrprocdetector/c_api.h>" || fail "c_api.h does not compile as C99"
+  ok "each installed header compiles on its own, and c_api.h as C99"
   LD_LIBRARY_PATH="$prefix/$libdir" "$prefix/bin/xrprocdetect" >/dev/null ||
     fail "the installed xrprocdetect exited with status $?"
   ok "the installed xrprocdetect ran and exited 0"
@@ -345,7 +361,7 @@ check() {
   rm -f "$build"/*.deb
   (cd "$build" && cpack -G DEB >/dev/null) || fail "cpack -G DEB in $build"
   packages=("$dev_pkg" "$tool_pkg")
-  [ "$kind" = shared ] && packages=("$runtime_pkg" "${packages[@]}")
+  [ "$kind" = shared ] && packages=("$runtime_pkg" "${packages[@]}" "$python_pkg")
   [ "$(find "$build" -maxdepth 1 -name '*.deb' | wc -l)" = ${#packages[@]} ] ||
     fail "cpack wrote $(find "$build" -maxdepth 1 -name '*.deb' | wc -l) packages, not ${#packages[@]}"
   local pkg section deb
@@ -353,9 +369,10 @@ check() {
     case $pkg in
       "$runtime_pkg") section=libs ;;
       "$dev_pkg") section=libdevel ;;
+      "$python_pkg") section=python ;;
       *) section=utils ;;
     esac
-    deb=$build/${pkg}_${version}-1_${arch}.deb
+    deb=$build/${pkg}_${version}-1_$(arch_of "$pkg").deb
     debs+=("$deb")
     dpkg-deb -I "$deb" | sed -n '/^ Package:/,$p'
     check_package "$kind" "$deb" "$pkg" "$section" "$libdir" "$installed"
@@ -395,6 +412,10 @@ check() {
   LD_LIBRARY_PATH="$multiarch_libdir" "$sysroot/usr/bin/xrprocdetect" --all >/dev/null ||
     fail "the packaged xrprocdetect exited with status $?"
   ok "the packaged xrprocdetect ran and exited 0"
+  LD_LIBRARY_PATH="$multiarch_libdir" PYTHONPATH="$sysroot/usr/$python_dir" /usr/bin/python3 -c \
+    "import xrprocdetector as x; assert x.__version__ == '$version' and x.effective_processors() >= 1" ||
+    fail "the packaged Python module did not load the packaged library"
+  ok "the packaged Python module loaded the packaged library"
 }
 
 check static

@@ -1,9 +1,13 @@
 // The real library on this machine: the CPUID estimate with the real
 // instructions, affinity calls and VMware probe, the factory's detector, and
 // scans of a /proc/cpuinfo that cannot be opened.
+#include <sys/stat.h>
 #include <sys/wait.h>
 
+#include <atomic>
 #include <filesystem>
+#include <fstream>
+#include <thread>
 #include <vector>
 
 #include <xrprocdetector/detect.h>
@@ -87,4 +91,48 @@ TEST(RealMachine, ScansOfACpuinfoThatCannotBeOpenedNeverReturn) {
     kill(child, SIGKILL);
     waitpid(child, nullptr, 0);
   }
+}
+
+// A budget reads what topology() reads, from copies on several threads at
+// once alike.
+TEST(RealMachine, ABudgetReadsWhatTheTopologyReads) {
+  using namespace xrprocdetector;
+  std::string error;
+  const std::optional<ProcessorBudget> budget = ProcessorBudget::open(&error);
+  ASSERT_TRUE(budget) << error;
+  const Topology t = topology();
+  const Budget b = ProcessorBudget(*budget).read();
+  EXPECT_TRUE(b.usable == t.usable && b.cpuQuota == t.cpuQuota && b.error.empty());
+  EXPECT_EQ(b.effectiveProcessors, t.effectiveProcessors);
+  std::atomic<int> differ{0};
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 4; ++i)
+    threads.emplace_back([&] {
+      ProcessorBudget copy = *budget;
+      for (int n = 0; n < 1000; ++n)
+        differ += changed(b, copy.read()) ? 1 : 0;
+    });
+  for (std::thread& thread : threads)
+    thread.join();
+  EXPECT_EQ(differ, 0);
+}
+
+// A group removed under a budget (the process moved out, the group
+// removed, before the budget looks where the process is) is an error that
+// names the file, never the old limits presented as fresh.
+TEST(RealMachine, ABudgetWhoseGroupIsRemovedNamesTheFile) {
+  const std::string group = "/sys/fs/cgroup/cpu/xrprocdetect-vanish-" + std::to_string(getpid());
+  if (::mkdir(group.c_str(), 0755) != 0) GTEST_SKIP() << "no writable cgroup v1 cpu hierarchy";
+  const auto write = [](const std::string& file, const std::string& text) {
+    std::ofstream(file) << text << std::flush;
+  };
+  write(group + "/cpu.cfs_quota_us", "50000");
+  write(group + "/cgroup.procs", std::to_string(getpid()));
+  auto budget = xrprocdetector::ProcessorBudget::open();
+  const xrprocdetector::Budget before = budget ? budget->read() : xrprocdetector::Budget();
+  write("/sys/fs/cgroup/cpu/cgroup.procs", std::to_string(getpid()));
+  ::rmdir(group.c_str());
+  const xrprocdetector::Budget after = budget ? budget->read() : xrprocdetector::Budget();
+  EXPECT_EQ(before.cpuQuota, 0.5);
+  EXPECT_EQ(after.error.find(group + "/cpu.cfs_quota_us: cannot read"), 0u) << after.error;
 }

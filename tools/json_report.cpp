@@ -52,7 +52,6 @@ class JsonObject {
   std::string text_;
 };
 
-// The kernel row and the row's agreement with it, as two keys of `o`.
 // The topology's sets and names, as keys of the kernel object.
 void addSets(JsonObject& kernel, const Topology& t) {
   const auto text = [](const std::string& v) { return quoted(v); };
@@ -65,14 +64,10 @@ void addSets(JsonObject& kernel, const Topology& t) {
   std::string cpus;
   for (const Processor& p : t.processors) {
     JsonObject one(-1);
-    const auto index = [&one](const char* key, std::int32_t v) {
-      v < 0 ? one.null(key) : one.number(key, v);
-    };
     one.number("cpu", p.cpu);
-    index("package", p.package);
-    index("die", p.die);
-    index("core", p.core);
-    index("thread", p.thread);
+    for (const auto& [key, v] :
+         {std::pair{"package", p.package}, {"die", p.die}, {"core", p.core}, {"thread", p.thread}})
+      v < 0 ? one.null(key) : one.number(key, v);
     one.stringOrNull("kind", p.kind >= 0,
                      p.kind >= 0 ? t.coreKinds[static_cast<std::size_t>(p.kind)].kind : "");
     one.add("online", p.online ? "true" : "false");
@@ -82,6 +77,7 @@ void addSets(JsonObject& kernel, const Topology& t) {
   kernel.add("cpus", cpus.empty() ? "[]" : cpus + "]");
 }
 
+// The kernel row and the row's agreement with it, as two keys of `o`.
 void addKernel(JsonObject& o, const Detection& row, const KernelTopology& k, const Topology& t,
                int indent) {
   const int inner = indent < 0 ? -1 : indent + 2;
@@ -154,6 +150,22 @@ std::string jsonRow(const Detection& row, const Input& source, int indent, bool 
 }
 
 }  // namespace
+
+std::string budgetLine(const Budget& b, bool json) {
+  const std::string quota = b.cpuQuota ? quotaText(*b.cpuQuota) : "";
+  if (!json)
+    return "usable " + b.usable.toList() + " (" + std::to_string(b.usable.count()) +
+           " processors), CPU quota " + (quota.empty() ? "none" : quota + " processors") +
+           ", effective " + std::to_string(b.effectiveProcessors) +
+           (b.error.empty() ? "" : "; " + b.error) + "\n";
+  JsonObject o(-1);
+  o.string("usableCpus", b.usable.toList());
+  o.number("usableProcessors", static_cast<long long>(b.usable.count()));
+  o.add("cpuQuota", quota.empty() ? "null" : quota);
+  o.number("effectiveProcessors", b.effectiveProcessors);
+  o.stringOrNull("error", !b.error.empty(), b.error);
+  return o.done() + "\n";
+}
 
 std::string json(const std::vector<Detection>& rows, const Input& source, bool asArray,
                  bool withSummary, bool lines) {

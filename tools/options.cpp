@@ -25,6 +25,7 @@ enum : int {
   kCheck,
   kTally,
   kCpus,
+  kWatch,
   kJsonLines,
 };
 
@@ -42,6 +43,7 @@ const option kLongOptions[] = {
     {"check", no_argument, nullptr, kCheck},
     {"tally", no_argument, nullptr, kTally},
     {"cpus", no_argument, nullptr, kCpus},
+    {"watch", optional_argument, nullptr, kWatch},
     {"json-lines", no_argument, nullptr, kJsonLines},
     {"help", no_argument, nullptr, 'h'},
     {"version", no_argument, nullptr, 'V'},
@@ -112,6 +114,12 @@ std::string takeValue(int c, const char* written, Options& o) {
       if (c == kSave) o.save = value;
       if (c == kSnapshot) o.snapshot.push_back(value);
       return "";
+    case kWatch: {
+      char* end = nullptr;
+      o.watch = optarg == nullptr ? 1.0 : std::strtod(optarg, &end);
+      if (optarg == nullptr || (*end == '\0' && *o.watch >= 0.001 && *o.watch <= 86400)) return "";
+      return "--watch takes seconds from 0.001 to 86400, not '" + value + "'";
+    }
     default:  // kVersionIndex
       o.versionIndex = wholeNumber(optarg);
       if (!o.versionIndex) return "--version-index takes a whole number, not '" + value + "'";
@@ -136,6 +144,9 @@ std::string combinationError(const Options& o, bool algorithmGiven) {
     return std::string(o.check ? "--check" : "--tally") +
            " compares with the kernel's topology, which a saved /proc/cpuinfo does not hold; "
            "use --snapshot";
+  if (o.watch && (o.all || algorithmGiven || o.summary || o.check || o.tally || o.cpus ||
+                  !o.cpuinfo.empty() || !o.snapshot.empty() || o.save || o.debugLevel || o.echo))
+    return "--watch watches this machine's budget; give it alone, or with -J or --json-lines";
   if (o.cpus &&
       (o.all || algorithmGiven || o.json || o.summary || o.check || o.tally || !o.cpuinfo.empty()))
     return "--cpus prints the processors of this machine or of snapshots; give it alone or "
@@ -200,8 +211,7 @@ Parsed parseOptions(int argc, char** argv) {
   return parsed;
 }
 
-std::string usageText() {
-  return R"(Usage: xrprocdetect [OPTION]... [--cpuinfo FILE... | --snapshot DIR...]
+const char kUsage[] = R"(Usage: xrprocdetect [OPTION]... [--cpuinfo FILE... | --snapshot DIR...]
 Count the processor packages, cores and logical processors of this machine
 (or of a saved /proc/cpuinfo or snapshot) with one or every detector
 generation, or save a snapshot of this machine.
@@ -231,6 +241,11 @@ generation, or save a snapshot of this machine.
                           output does:
                           number, package, die, core, thread, kind of core,
                           online and usable (Y or N); empty where not known
+      --watch[=SECONDS]   print what this process may use (the usable
+                          processors, the CPU quota, the effective
+                          processors) once, then again each time it
+                          changes, looking every SECONDS (1 by default),
+                          until interrupted; JSON Lines with -J
       --json-lines        JSON Lines: one object a line for each input and
                           generation (what -J writes for several inputs)
       --save DIR          save a snapshot of this machine into DIR (new or
@@ -258,6 +273,9 @@ Exit status: 0 on success, 1 when a detector's getProcData is negative,
 run), or a failed save, 3 with --check when a count differs from the
 kernel's, 4 with --check when the counts could not be compared.
 )";
+
+std::string usageText() {
+  return kUsage;
 }
 
 }  // namespace xrprocdetect

@@ -29,6 +29,7 @@ struct Options {
   bool check = false;               // --check: exit status 3 when a count differs from the kernel's
   bool tally = false;               // --tally: agreement with the kernel over all inputs
   bool cpus = false;                // --cpus: one line a processor, as lscpu -p writes them
+  std::optional<double> watch;      // --watch[=SECONDS]: the budget, again each time it changes
   bool jsonLines = false;           // --json-lines, or -J with several inputs
   bool help = false;
   bool version = false;

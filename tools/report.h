@@ -25,6 +25,10 @@ struct Input {
   std::optional<Topology> topology;  // where there is a kernel row
 };
 
+// One line for a budget: "usable 0-1 (2 processors), CPU quota 1.5
+// processors, effective 2", or a JSON object on a line of its own.
+std::string budgetLine(const Budget& b, bool json);
+
 // One line a processor, as lscpu -p writes them, under a "#" header:
 // number, package, die, core, thread, kind, online, usable.
 std::string cpuLines(const Topology& t);

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <condition_variable>
 #include <cstdio>
 #include <cstring>
@@ -190,6 +191,25 @@ void runAll(const Run& run, Source::Kind kind, const std::vector<std::string>& n
     t.join();
 }
 
+// The budget once, then again each time it changes, until interrupted.
+int watch(double seconds, bool json) {
+  std::string error;
+  std::optional<ProcessorBudget> budget = ProcessorBudget::open(&error);
+  if (!budget) {
+    std::fprintf(stderr, "xrprocdetect: cannot watch the budget: %s\n", error.c_str());
+    return 2;
+  }
+  Budget last = budget->read();
+  std::fputs(budgetLine(last, json).c_str(), stdout);
+  while (std::fflush(stdout) == 0) {
+    std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
+    Budget now = budget->read();
+    if (changed(last, now)) std::fputs(budgetLine(now, json).c_str(), stdout);
+    last = std::move(now);
+  }
+  return 2;
+}
+
 int save(const std::string& dir) {
   std::string error;
   if (!saveSnapshot(dir, &error)) {
@@ -230,6 +250,7 @@ int main(int argc, char** argv) {
   if (options.help) return std::fputs(usageText().c_str(), stdout), 0;
   if (options.version) return std::printf("xrprocdetect %s\n", version()), 0;
   if (options.save) return save(*options.save);
+  if (options.watch) return watch(*options.watch, options.json || options.jsonLines);
 
   Run run = settingsOf(options);
   const std::vector<std::string>& names =

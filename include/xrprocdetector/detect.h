@@ -337,6 +337,58 @@ XRPROCDETECTOR_API KernelTopology kernelTopology(const Source& source = Source::
 /// The counts of a topology already read.
 XRPROCDETECTOR_API KernelTopology kernelTopology(const Topology& topology) noexcept;
 
+/// What this process may use now, as ProcessorBudget::read() finds it: by
+/// the same rule as topology().
+struct Budget {
+  /// The calling thread's affinity, the online processors and the
+  /// effective cpuset of the process's control groups, intersected.
+  CpuSet usable;
+  /// The tightest CPU bandwidth limit of the process's control group and of
+  /// every ancestor visible, in processors; nothing when there is none.
+  std::optional<double> cpuQuota;
+  /// The usable processors, capped by the quota rounded up, at least 1.
+  std::int32_t effectiveProcessors = 1;
+  /// The first file that could not be read, named ("/sys/fs/cgroup/a/
+  /// cpu.max: cannot read: No such device" once the cgroup is removed);
+  /// empty when every file could be read. The other fields hold what could.
+  std::string error;
+};
+
+/// Whether two budgets differ in any field.
+XRPROCDETECTOR_API bool changed(const Budget& before, const Budget& after) noexcept;
+
+/// The processors this process may use, kept current at the cost of a few
+/// system calls: for long-running hosts that size their thread pools as
+/// the machine changes under them (a container's CPU limit resized in
+/// place, a cpuset narrowed, processors taken offline, the affinity
+/// narrowed). Live only.
+///
+/// open() finds the process's control groups and the files that bound it
+/// (the quota and period of every ancestor visible, the effective cpuset,
+/// the online list) once, as topology() finds them, and keeps them open.
+/// read() reads again only what can change, with pread on those
+/// descriptors, and the calling thread's affinity; it allocates nothing
+/// (but the message of a file that cannot be read). A change of a quota,
+/// a cpuset, the online processors or the thread's affinity shows in the
+/// next read(). A process moved to another control group is noticed by the
+/// first read() at least 50 ms after the previous look at
+/// /proc/self/cgroup (which costs about as much as the rest of a read), and
+/// that read() finds the files anew. Copies share the descriptors; read()
+/// may be called from several threads at once.
+class XRPROCDETECTOR_API ProcessorBudget {
+ public:
+  /// Nothing, with *error saying why, when the files cannot be found or
+  /// opened.
+  static std::optional<ProcessorBudget> open(std::string* error = nullptr);
+  Budget read() noexcept;
+
+  class State;
+
+ private:
+  explicit ProcessorBudget(std::shared_ptr<State> state);
+  std::shared_ptr<State> state_;
+};
+
 /// A detection's states in the kernel's terms; nothing where the detection
 /// did not count or did not determine them.
 XRPROCDETECTOR_API std::optional<Smt> smtOf(const Detection& detection) noexcept;

@@ -1,6 +1,7 @@
 #include "linux/linux.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstdlib>
 #include <iterator>
 #include <sstream>
@@ -116,52 +117,88 @@ constexpr long kMinPeriod = 1000;
 constexpr long kMaxPeriod = 1000000;
 constexpr long kMaxQuota = (1L << 44) - 1;
 
-// The quota and period of one folder, in microseconds: cpu.max ("max
-// PERIOD" or "QUOTA PERIOD"), or cpu.cfs_quota_us (-1: none) over
-// cpu.cfs_period_us. False where there is no limit. Anything the kernel
-// could not hold is a failure naming the file, never a limit.
-bool readQuota(SystemRoot& root, const std::string& dir, bool v2, long* quota, long* period) {
-  const std::string file = dir + (v2 ? "/cpu.max" : "/cpu.cfs_quota_us");
-  const std::string most = std::to_string(kMaxQuota);
+// The limit of `file` from its text and, for cgroup v1's quota, its
+// period's, into *limits (see addLimit); kAbsent where the file is not
+// there. Failures name the file.
+Read read(SystemRoot& root, const LimitFile& file, CgroupLimits* limits,
+          std::vector<LimitFile>* files) {
   std::string text;
-  if (v2) {
-    if (root.text(file, &text) != Read::kOk) return false;
-    const std::size_t blank = text.find(' ');
-    const std::string max = text.substr(0, blank);
-    if (blank != std::string::npos &&
-        wholeNumber(text.substr(blank + 1), kMinPeriod, kMaxPeriod, period) &&
-        (max == "max" || wholeNumber(max, kMinPeriod, kMaxQuota, quota)))
-      return max != "max";
-    root.fail(file,
-              "line 1: not \"max PERIOD\" or \"QUOTA PERIOD\" with a period from 1000 to "
-              "1000000 and a quota from 1000 to " +
-                  most);
-    return false;
-  }
-  if (root.number(file, quota, -1, kMaxQuota) != Read::kOk || *quota == -1) return false;
-  if (*quota < kMinPeriod) {
-    root.fail(file, "line 1: not -1 or a whole number from 1000 to " + most);
-    return false;
-  }
-  return root.number(dir + "/cpu.cfs_period_us", period, kMinPeriod, kMaxPeriod) == Read::kOk;
+  std::string period;
+  std::string why;
+  bool periodWrong = false;
+  const Read r = root.text(file.path, &text);
+  // A period is read only where there is a quota to go with it.
+  if (r != Read::kOk || (file.kind == LimitFile::kCfsQuota && text != "-1" &&
+                         root.text(file.period, &period) == Read::kAbsent))
+    return r;
+  if (files != nullptr) files->push_back(file);
+  if (!addLimit(file, text, period, limits, &why, &periodWrong))
+    root.fail(periodWrong ? file.period : file.path, why);
+  return r;
 }
 
-// The cpuset of the nearest folder that has one of `files`.
+// The cpuset of the nearest folder that has one of `names`.
 void readCpuset(SystemRoot& root, const std::vector<std::string>& dirs,
-                std::initializer_list<const char*> files, CgroupLimits& limits) {
+                std::initializer_list<const char*> names, CgroupLimits* limits,
+                std::vector<LimitFile>* files) {
   for (const std::string& dir : dirs) {
-    for (const char* file : files) {
-      CpuSet set;
-      if (root.list(dir + "/" + file, &set) != Read::kOk) continue;
-      limits.cpuset = limits.cpuset ? *limits.cpuset & set : set;
-      return;
+    for (const char* name : names) {
+      if (read(root, {LimitFile::kCpuset, dir + "/" + name, ""}, limits, files) != Read::kAbsent)
+        return;
     }
   }
 }
 
 }  // namespace
 
-CgroupLimits readCgroupLimits(SystemRoot& root) {
+bool addLimit(const LimitFile& file, std::string_view text, std::string_view period,
+              CgroupLimits* limits, std::string* why, bool* periodWrong) {
+  const std::string most = std::to_string(kMaxQuota);
+  long quota = -1;
+  long microseconds = 0;
+  text = trimmed(text);
+  *periodWrong = false;
+  if (file.kind == LimitFile::kCpuset) {
+    CpuSet set;
+    if (!parseProcessorList(text, &set, why)) return false;
+    limits->cpuset = limits->cpuset ? *limits->cpuset & set : set;
+    return true;
+  }
+  if (file.kind == LimitFile::kCpuMax) {
+    const std::size_t blank = text.find(' ');
+    const std::string_view max = text.substr(0, blank);
+    if (blank == std::string_view::npos ||
+        !wholeNumber(text.substr(blank + 1), kMinPeriod, kMaxPeriod, &microseconds) ||
+        (max != "max" && !wholeNumber(max, kMinPeriod, kMaxQuota, &quota))) {
+      *why =
+          "line 1: not \"max PERIOD\" or \"QUOTA PERIOD\" with a period from 1000 to "
+          "1000000 and a quota from 1000 to " +
+          most;
+      return false;
+    }
+  } else if (!wholeNumber(text, -1, kMaxQuota, &quota)) {
+    *why = "line 1: not a whole number from -1 to " + most;
+    return false;
+  } else if (quota != -1 && quota < kMinPeriod) {
+    *why = "line 1: not -1 or a whole number from 1000 to " + most;
+    return false;
+  } else if (quota != -1 && !wholeNumber(trimmed(period), kMinPeriod, kMaxPeriod, &microseconds)) {
+    *periodWrong = true;
+    *why = "line 1: not a whole number from 1000 to 1000000";
+    return false;
+  }
+  if (quota != -1) tighten(limits->quota, static_cast<double>(quota) / microseconds);
+  return true;
+}
+
+std::int32_t effectiveOf(const CpuSet& usable, const std::optional<double>& quota) {
+  // A quota of more processors than may be used leaves them as they are.
+  auto effective = static_cast<std::int32_t>(usable.count());
+  if (quota && *quota < effective) effective = static_cast<std::int32_t>(std::ceil(*quota));
+  return std::max(effective, 1);
+}
+
+CgroupLimits readCgroupLimits(SystemRoot& root, std::vector<LimitFile>* files) {
   CgroupLimits limits;
   const std::vector<Mount> mounts = cgroupMounts(root);
   if (mounts.empty()) return limits;  // no control group file system to look in
@@ -175,21 +212,21 @@ CgroupLimits readCgroupLimits(SystemRoot& root) {
       if (!v2 && !old && !v1) continue;
       const std::vector<std::string> dirs = chain(m, path);
       if (!named && (v2 || controller == "cpu")) {
-        long quota = 0;
-        long period = 0;
-        for (const std::string& dir : dirs) {
-          if (readQuota(root, dir, v2, &quota, &period))
-            tighten(limits.quota, static_cast<double>(quota) / static_cast<double>(period));
-        }
+        for (const std::string& dir : dirs)
+          read(root,
+               v2 ? LimitFile{LimitFile::kCpuMax, dir + "/cpu.max", ""}
+                  : LimitFile{LimitFile::kCfsQuota, dir + "/cpu.cfs_quota_us",
+                              dir + "/cpu.cfs_period_us"},
+               &limits, files);
       }
       const bool bare = old || m.options.find(",noprefix,") != std::string::npos;
       const bool cpusets = named || controller == "cpuset";
       if (v2)
-        readCpuset(root, dirs, {"cpuset.cpus.effective"}, limits);
+        readCpuset(root, dirs, {"cpuset.cpus.effective"}, &limits, files);
       else if (cpusets && bare)
-        readCpuset(root, dirs, {"effective_cpus", "cpus", "cpuset.cpus"}, limits);
+        readCpuset(root, dirs, {"effective_cpus", "cpus", "cpuset.cpus"}, &limits, files);
       else if (cpusets)
-        readCpuset(root, dirs, {"cpuset.effective_cpus", "cpuset.cpus"}, limits);
+        readCpuset(root, dirs, {"cpuset.effective_cpus", "cpuset.cpus"}, &limits, files);
     }
   }
   return limits;

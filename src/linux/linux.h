@@ -18,6 +18,13 @@ namespace detail {
 // The whole topology of the calling thread's machine.
 Topology readTopology();
 
+// A file of the process's control groups that bounds what it may use.
+struct LimitFile {
+  enum Kind { kCpuMax, kCfsQuota, kCpuset } kind;
+  std::string path;    // under the root
+  std::string period;  // for kCfsQuota: the cpu.cfs_period_us beside it
+};
+
 struct CgroupLimits {
   // The processors of the effective cpuset: every cpuset hierarchy's,
   // intersected. Nothing when no cpuset is visible.
@@ -37,7 +44,20 @@ struct CgroupLimits {
 //                  and cpus with the noprefix option); cpu.cfs_quota_us
 //                  (-1: none) over cpu.cfs_period_us;
 //   old cpuset fs  cpus, else cpuset.cpus.
-CgroupLimits readCgroupLimits(SystemRoot& root);
+// *files, where given, gets each limit file that was read, in the order read.
+CgroupLimits readCgroupLimits(SystemRoot& root, std::vector<LimitFile>* files = nullptr);
+
+// What one limit file says, added to *limits: its text, and for cgroup
+// v1's quota its period's. A quota or period the kernel could not hold is
+// no limit but a failure: false, with *why ("line 1: ...") and
+// *periodWrong when the period's file is to blame. Allocates nothing but
+// the message.
+bool addLimit(const LimitFile& file, std::string_view text, std::string_view period,
+              CgroupLimits* limits, std::string* why, bool* periodWrong);
+
+// What a host should size a pool of busy threads by: the usable
+// processors, capped by the quota rounded up, and at least 1.
+std::int32_t effectiveOf(const CpuSet& usable, const std::optional<double>& quota);
 
 // The cores by kind, fastest first; empty when all are of one kind or
 // nothing tells.

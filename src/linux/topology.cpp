@@ -149,11 +149,7 @@ void usable(SystemRoot& root, Topology& t) {
   t.usable = haveAffinity ? affinity & t.online : t.online;
   if (limits.cpuset) t.usable = t.usable & *limits.cpuset;
   t.cpuQuota = limits.quota;
-  // A quota of more processors than may be used leaves them as they are.
-  auto effective = static_cast<std::int32_t>(t.usable.count());
-  if (limits.quota && *limits.quota < effective)
-    effective = static_cast<std::int32_t>(std::ceil(*limits.quota));
-  t.effectiveProcessors = std::max(effective, 1);
+  t.effectiveProcessors = effectiveOf(t.usable, limits.quota);
 }
 
 // Every present (or, without that list, possible) processor, online or

@@ -150,14 +150,17 @@ bool parseProcessorList(std::string_view text, CpuSet* set, std::string* error) 
   const auto number = [&p, end](unsigned long* n) {
     const auto r = std::from_chars(p, end, *n);
     if (r.ec == std::errc::result_out_of_range) *n = CpuSet::kLimit;
-    return r.ptr != p ? (p = r.ptr, true) : false;
+    const bool read = r.ptr != p;
+    p = r.ptr;
+    return read;
   };
   const char* why = nullptr;
   long previous = -1;
   while (p != end && why == nullptr) {
     unsigned long first = 0;
-    unsigned long last = 0;
-    const bool ok = number(&first) && (last = first, *p != '-' || (++p, number(&last)));
+    bool ok = number(&first);
+    unsigned long last = first;
+    if (ok && p != end && *p == '-') ok = ++p != end && number(&last);
     if (!ok || last < first || (p != end && (*p != ',' || p + 1 == end)))
       why = "not a processor list such as 0-3,8-11";
     else if (last >= CpuSet::kLimit)
@@ -308,16 +311,20 @@ Read SystemRoot::text(const std::string& path, std::string* out) {
   std::string why;
   const Read r = machine_.file(base_ + path, capOf(base_ + path), out, &why);
   if (r == Read::kFailed) return fail(path, why);
-  while (!out->empty() && std::strchr(" \t\n\r", out->back()) != nullptr)
-    out->pop_back();
+  out->resize(trimmed(*out).size());
   return r;
 }
 
-bool wholeNumber(const std::string& text, long min, long max, long* value) {
-  char* end = nullptr;
-  errno = 0;
-  *value = std::strtol(text.c_str(), &end, 10);
-  return !text.empty() && *end == '\0' && errno == 0 && *value >= min && *value <= max;
+bool wholeNumber(std::string_view text, long min, long max, long* value) {
+  const auto r = std::from_chars(text.data(), text.data() + text.size(), *value);
+  return r.ec == std::errc() && r.ptr == text.data() + text.size() && *value >= min &&
+         *value <= max;
+}
+
+std::string_view trimmed(std::string_view text) {
+  while (!text.empty() && std::strchr(" \t\n\r", text.back()) != nullptr)
+    text.remove_suffix(1);
+  return text;
 }
 
 Read SystemRoot::number(const std::string& path, long* value, long min, long max) {

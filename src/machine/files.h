@@ -84,7 +84,10 @@ bool numberedName(const std::string& name, const char* prefix, unsigned limit, u
                   std::string* problem);
 
 // `text` as a whole number from `min` to `max`: base 10, nothing around it.
-bool wholeNumber(const std::string& text, long min, long max, long* value);
+// Allocates nothing.
+bool wholeNumber(std::string_view text, long min, long max, long* value);
+// `text` without the blanks and line ends at its end.
+std::string_view trimmed(std::string_view text);
 
 // What went wrong, the one shape of every failure: the step that failed
 // where the reason alone does not say it ("cannot create"), the file to

@@ -146,25 +146,24 @@ long LiveMachine::processorCount(int name) {
   return sysconf(name);
 }
 
-// The affinity at its full size: a set as large as the kernel's limit.
+// The affinity at its full size, as large as the kernel's limit; the
+// kernel's mask is words of 64 bits, processor N bit N % 64 of word N / 64.
 bool LiveMachine::affinity(CpuSet* set) {
-  constexpr std::size_t kBytes = CPU_ALLOC_SIZE(kKernelMaxProcessors);
-  unsigned long words[kBytes / sizeof(unsigned long)] = {};
-  if (sched_getaffinity(0, kBytes, reinterpret_cast<cpu_set_t*>(words)) != 0) return false;
-  std::vector<unsigned> cpus;
-  for (unsigned c = 0; c < kKernelMaxProcessors; ++c) {
-    if (CPU_ISSET_S(c, kBytes, reinterpret_cast<cpu_set_t*>(words))) cpus.push_back(c);
+  std::uint64_t words[CpuSet::kLimit / 64] = {};
+  if (sched_getaffinity(0, sizeof words, reinterpret_cast<cpu_set_t*>(words)) != 0) return false;
+  *set = CpuSet();
+  for (unsigned w = 0; w < CpuSet::kLimit / 64; ++w) {
+    for (std::uint64_t bits = words[w]; bits != 0; bits &= bits - 1)
+      set->add(w * 64 + static_cast<unsigned>(__builtin_ctzll(bits)));
   }
-  *set = CpuSet(std::move(cpus));
   return true;
 }
 
 bool LiveMachine::pin(const CpuSet& set) {
-  constexpr std::size_t kBytes = CPU_ALLOC_SIZE(kKernelMaxProcessors);
-  unsigned long words[kBytes / sizeof(unsigned long)] = {};
+  std::uint64_t words[CpuSet::kLimit / 64] = {};
   for (const unsigned c : set)
-    CPU_SET_S(c, kBytes, reinterpret_cast<cpu_set_t*>(words));
-  return sched_setaffinity(0, kBytes, reinterpret_cast<cpu_set_t*>(words)) == 0;
+    words[c / 64] |= std::uint64_t{1} << (c % 64);
+  return sched_setaffinity(0, sizeof words, reinterpret_cast<cpu_set_t*>(words)) == 0;
 }
 
 // Not inlined and not instrumented by AddressSanitizer: leaving a fault

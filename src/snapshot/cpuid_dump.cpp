@@ -1,6 +1,7 @@
 // The reader of a snapshot's CPUID dumps. Work in proportion to the input;
 // never throws past std::bad_alloc, which the loader catches.
 #include <algorithm>
+#include <charconv>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -21,14 +22,9 @@ std::string atLine(int line, const std::string& message) {
 
 // A hexadecimal number of 1 to 8 digits, without 0x.
 bool hexWord(std::string_view word, std::uint32_t* value) {
-  if (word.empty() || word.size() > 8) return false;
-  std::uint32_t v = 0;
-  for (const char c : word) {
-    if (hexDigit(c) < 0) return false;
-    v = v << 4 | static_cast<std::uint32_t>(hexDigit(c));
-  }
-  *value = v;
-  return true;
+  const char* const end = word.data() + word.size();
+  const auto r = std::from_chars(word.data(), end, *value, 16);
+  return !word.empty() && word.size() <= 8 && r.ec == std::errc() && r.ptr == end;
 }
 
 namespace {

@@ -75,13 +75,13 @@ for i, (name, kernel, marks) in enumerate(expected):
             failures.append("%s: agreesWithKernel %s, expected %s"
                             % (where, row["agreesWithKernel"], agrees))
 LAYOUT = ["packages", "cores", "logicalProcessors", "onlineCpus", "usableCpus", "cpuQuota",
-          "kinds", "hypervisorVendor", "virtualizationType", "container"]
+          "kinds", "hypervisorVendor", "virtualizationType", "container", "effectiveProcessors"]
 layouts = [line.split() for line in open(os.path.join(os.path.dirname(rows_file), "layouts.txt"),
                                          encoding="utf-8") if line.strip() and line[0] != "#"]
 lines = run([tool, "-a", "5.3", "--json-lines"], [r[0] for r in layouts])
 for words, row in zip(layouts, lines + [None] * (len(layouts) - len(lines))):
     kernel = dict(row["kernel"], kinds=len(row["kernel"]["coreKinds"] or [0])) if row else {}
-    want = {f: None if w == "-" else int(w) if f in LAYOUT[:3] + ["kinds"] else
+    want = {f: None if w == "-" else int(w) if f in LAYOUT[:3] + ["kinds", "effectiveProcessors"] else
             float(w) if f == "cpuQuota" else w for f, w in zip(LAYOUT, words[1:])}
     if {f: kernel.get(f) for f in LAYOUT} != want:
         failures.append("%s: %s, expected %s" % (words[0], kernel, want))

@@ -1,0 +1,67 @@
+// What it costs a long-running host to keep its processor budget current:
+// ProcessorBudget::read() beside topology() and kernelTopology(), live, in
+// this process's control groups. Each benchmark also counts the heap
+// allocations of one call.
+#include <benchmark/benchmark.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <new>
+
+#include <xrprocdetector/detect.h>
+
+namespace {
+
+std::atomic<long> allocations{0};
+
+template <class Call>
+void measure(benchmark::State& state, Call call) {
+  long before = 0;
+  for (auto _ : state) {
+    before = allocations;
+    benchmark::DoNotOptimize(call());
+  }
+  state.counters["allocations"] = static_cast<double>(allocations - before);
+}
+
+void budgetRead(benchmark::State& state) {
+  std::optional<xrprocdetector::ProcessorBudget> budget = xrprocdetector::ProcessorBudget::open();
+  if (!budget) return state.SkipWithError("cannot open the budget");
+  measure(state, [&budget] { return budget->read().effectiveProcessors; });
+}
+
+void topology(benchmark::State& state) {
+  measure(state, [] { return xrprocdetector::topology().effectiveProcessors; });
+}
+
+void kernelTopology(benchmark::State& state) {
+  measure(state, [] { return xrprocdetector::kernelTopology().effectiveProcessors; });
+}
+
+BENCHMARK(budgetRead);
+BENCHMARK(topology);
+BENCHMARK(kernelTopology);
+
+}  // namespace
+
+// Counting replacements of the global allocation functions; GCC takes the
+// frees below for frees of what new returned, which is what they are.
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
+#endif
+
+void* operator new(std::size_t size) {
+  ++allocations;
+  if (void* p = std::malloc(size == 0 ? 1 : size)) return p;
+  throw std::bad_alloc();
+}
+
+void operator delete(void* p) noexcept {
+  std::free(p);
+}
+
+void operator delete(void* p, std::size_t) noexcept {
+  std::free(p);
+}
+
+BENCHMARK_MAIN();

@@ -1,0 +1,266 @@
+# SPDX-License-Identifier: Apache-2.0
+"""How many processors this machine has, and how many this process may use.
+
+A module on xrprocdetector's C interface (libxrprocdetector.so.1), through
+ctypes and nothing else::
+
+    >>> import xrprocdetector
+    >>> xrprocdetector.effective_processors()   # threads to start: cgroups counted
+    2
+
+The library is found by its SONAME, as the installed package places it, or
+at the path the environment variable XRPROCDETECTOR_LIBRARY names (a build
+tree's). Every failure raises XrProcDetectorError with the library's
+message.
+"""
+import ctypes
+import ctypes.util
+import dataclasses
+import os
+from typing import List, Optional, Set
+
+__all__ = ["Budget", "BudgetReading", "Detection", "Processor", "Topology",
+           "XrProcDetectorError", "detect", "effective_processors", "save_snapshot",
+           "topology"]
+
+
+class XrProcDetectorError(Exception):
+    """What the library said went wrong."""
+
+
+_lib = ctypes.CDLL(os.environ.get("XRPROCDETECTOR_LIBRARY") or "libxrprocdetector.so.1")
+_char_p = ctypes.POINTER(ctypes.c_char)
+
+
+class _CpuSet(ctypes.Structure):
+    _fields_ = [("bits", ctypes.c_uint64 * 128)]
+
+    def to_set(self) -> Set[int]:
+        return {64 * w + b for w, word in enumerate(self.bits) if word
+                for b in range(64) if word >> b & 1}
+
+
+def _struct(name, fields):
+    return type(name, (ctypes.Structure,), {"_fields_": [("size", ctypes.c_size_t)] + fields})
+
+
+_i32 = ctypes.c_int32
+_DetectionC = _struct("_DetectionC", [
+    ("counted", ctypes.c_int), ("result", ctypes.c_int), ("packages", _i32), ("cores", _i32),
+    ("logical_processors", _i32), ("hyper_threading", _i32), ("vm", _i32),
+    ("reported_verdict", _i32), ("ended_by", _i32), ("note", _char_p), ("error", _char_p)])
+_InfoC = _struct("_InfoC", [
+    ("online", _CpuSet), ("offline", _CpuSet), ("usable", _CpuSet), ("packages", _i32),
+    ("cores", _i32), ("core_kinds", _i32), ("processors", _i32), ("cpu_quota", ctypes.c_double),
+    ("effective_processors", _i32), ("smt", _i32), ("hypervisor", _i32),
+    ("hypervisor_vendor", ctypes.c_char_p), ("virtualization_type", ctypes.c_char_p),
+    ("container", ctypes.c_char_p), ("error", ctypes.c_char_p)])
+_ProcessorC = _struct("_ProcessorC", [
+    ("cpu", ctypes.c_uint32), ("package", _i32), ("die", _i32), ("core", _i32),
+    ("thread", _i32), ("kind", _i32), ("online", ctypes.c_int), ("usable", ctypes.c_int)])
+_ReadingC = _struct("_ReadingC", [
+    ("usable_processors", ctypes.c_int), ("cpu_quota", ctypes.c_double),
+    ("effective_processors", ctypes.c_int), ("usable", _CpuSet), ("error", _char_p)])
+
+_P = ctypes.c_void_p
+_ERR = ctypes.POINTER(_char_p)
+for _name, _result, _args in [
+        ("xrpd_version", ctypes.c_char_p, []), ("xrpd_free", None, [_P]),
+        ("xrpd_effective_processors", ctypes.c_int, []),
+        ("xrpd_source_live", _P, []), ("xrpd_source_snapshot", _P, [ctypes.c_char_p, _ERR]),
+        ("xrpd_source_close", None, [_P]),
+        ("xrpd_detect", ctypes.c_int, [ctypes.c_int, _P, ctypes.POINTER(_DetectionC)]),
+        ("xrpd_topology_read", _P, [_P, _ERR]), ("xrpd_topology_close", None, [_P]),
+        ("xrpd_topology_get", ctypes.c_int, [_P, ctypes.POINTER(_InfoC)]),
+        ("xrpd_topology_processor", ctypes.c_int,
+         [_P, ctypes.c_size_t, ctypes.POINTER(_ProcessorC)]),
+        ("xrpd_topology_set", ctypes.c_int,
+         [_P, ctypes.c_int, ctypes.c_size_t, ctypes.POINTER(_CpuSet),
+          ctypes.POINTER(ctypes.c_char_p)]),
+        ("xrpd_budget_open", _P, [_ERR]), ("xrpd_budget_close", None, [_P]),
+        ("xrpd_budget_read", ctypes.c_int, [_P, ctypes.POINTER(_ReadingC)]),
+        ("xrpd_save_snapshot", ctypes.c_int, [ctypes.c_char_p, _ERR])]:
+    getattr(_lib, _name).restype = _result
+    getattr(_lib, _name).argtypes = _args
+
+__version__: str = _lib.xrpd_version().decode()
+
+
+def _take(pointer) -> Optional[str]:
+    """The text of a string the library made, freed."""
+    if not pointer:
+        return None
+    text = ctypes.cast(pointer, ctypes.c_char_p).value.decode(errors="replace")
+    _lib.xrpd_free(pointer)
+    return text
+
+
+def _call(function, *args):
+    """function(*args, &error): its handle, or for a status 0; else raises with its message."""
+    error = _char_p()
+    result = function(*args, ctypes.byref(error))
+    message = _take(error)
+    if (result is None if function.restype is _P else result != 0) or message is not None:
+        raise XrProcDetectorError(message or "%s failed" % function.__name__)
+    return result
+
+
+def _source(snapshot: Optional[str]) -> int:
+    if snapshot is None:
+        return _lib.xrpd_source_live()
+    return _call(_lib.xrpd_source_snapshot, os.fsencode(snapshot))
+
+
+def effective_processors() -> int:
+    """What to size a pool of busy threads by: usable processors capped by the CPU quota."""
+    return _lib.xrpd_effective_processors()
+
+
+_GENERATIONS = {"5.3": 0, "6.0": 1, "6.1": 2, "7.0": 3, "default": 4}
+
+
+@dataclasses.dataclass
+class Detection:
+    """What one generation found; the counts mean nothing unless `counted`."""
+    generation: str
+    counted: bool
+    result: int
+    packages: int
+    cores: int
+    logical_processors: int
+    hyper_threading: int
+    vm: int
+    note: Optional[str]
+
+
+def detect(generation: str = "default", snapshot: Optional[str] = None) -> Detection:
+    """Runs one generation ("5.3", "6.0", "6.1", "7.0", "default") live or on a snapshot."""
+    if generation not in _GENERATIONS:
+        raise XrProcDetectorError("unknown generation %r; choose %s"
+                                  % (generation, ", ".join(_GENERATIONS)))
+    source = _source(snapshot)
+    try:
+        d = _DetectionC(size=ctypes.sizeof(_DetectionC))
+        if _lib.xrpd_detect(_GENERATIONS[generation], source, ctypes.byref(d)) != 0:
+            raise XrProcDetectorError("detection failed")
+        note, error = _take(d.note), _take(d.error)
+        if error is not None:
+            raise XrProcDetectorError(error)
+        return Detection(generation, bool(d.counted), d.result, d.packages, d.cores,
+                         d.logical_processors, d.hyper_threading, d.vm, note)
+    finally:
+        _lib.xrpd_source_close(source)
+
+
+@dataclasses.dataclass
+class Processor:
+    """Where one processor stands; indices from 0, -1 where the files do not tell."""
+    cpu: int
+    package: int
+    die: int
+    core: int
+    thread: int
+    kind: int
+    online: bool
+    usable: bool
+
+
+def _text(value: Optional[bytes]) -> Optional[str]:
+    return None if value is None else value.decode(errors="replace")
+
+
+@dataclasses.dataclass
+class Topology:
+    """The machine as processor sets (see Topology in detect.h)."""
+    online: Set[int]
+    offline: Set[int]
+    usable: Set[int]
+    packages: List[Set[int]]
+    cores: List[Set[int]]
+    core_kinds: List[Set[int]]
+    processors: List[Processor]
+    cpu_quota: Optional[float]
+    effective_processors: Optional[int]
+    hypervisor_vendor: Optional[str]
+    virtualization_type: Optional[str]
+    container: Optional[str]
+    error: Optional[str]
+
+
+def _sets(handle: int, which: int) -> List[Set[int]]:
+    sets, cpus = [], _CpuSet()
+    while _lib.xrpd_topology_set(handle, which, len(sets), ctypes.byref(cpus), None) == 0:
+        sets.append(cpus.to_set())
+    return sets
+
+
+def topology(snapshot: Optional[str] = None) -> Topology:
+    """This machine's topology, or the snapshot's (a directory) as its files show it."""
+    source = _source(snapshot)
+    try:
+        handle = _call(_lib.xrpd_topology_read, source)
+    finally:
+        _lib.xrpd_source_close(source)
+    try:
+        info = _InfoC(size=ctypes.sizeof(_InfoC))
+        _lib.xrpd_topology_get(handle, ctypes.byref(info))
+        processors = []
+        for index in range(info.processors):
+            p = _ProcessorC(size=ctypes.sizeof(_ProcessorC))
+            _lib.xrpd_topology_processor(handle, index, ctypes.byref(p))
+            processors.append(Processor(p.cpu, p.package, p.die, p.core, p.thread, p.kind,
+                                        bool(p.online), bool(p.usable)))
+        return Topology(info.online.to_set(), info.offline.to_set(), info.usable.to_set(),
+                        _sets(handle, 0), _sets(handle, 1), _sets(handle, 2), processors,
+                        info.cpu_quota or None,
+                        None if info.effective_processors < 0 else info.effective_processors,
+                        _text(info.hypervisor_vendor), _text(info.virtualization_type),
+                        _text(info.container), _text(info.error))
+    finally:
+        _lib.xrpd_topology_close(handle)
+
+
+def save_snapshot(path: str) -> None:
+    """Saves this machine into `path`, a new or empty directory."""
+    _call(_lib.xrpd_save_snapshot, os.fsencode(path))
+
+
+@dataclasses.dataclass
+class BudgetReading:
+    """What this process may use now."""
+    usable: Set[int]
+    cpu_quota: Optional[float]
+    effective_processors: int
+    error: Optional[str]
+
+
+class Budget:
+    """The processor budget, kept current for a few system calls a read()."""
+
+    def __init__(self) -> None:
+        self._handle = _call(_lib.xrpd_budget_open)
+
+    def read(self) -> BudgetReading:
+        """Reads the budget again: what changed since shows."""
+        if not self._handle:
+            raise XrProcDetectorError("the budget is closed")
+        r = _ReadingC(size=ctypes.sizeof(_ReadingC))
+        if _lib.xrpd_budget_read(self._handle, ctypes.byref(r)) != 0:
+            raise XrProcDetectorError("the budget could not be read")
+        return BudgetReading(r.usable.to_set(), r.cpu_quota or None, r.effective_processors,
+                             _take(r.error))
+
+    def close(self) -> None:
+        """Closes the budget's files; reading it afterwards raises."""
+        if self._handle:
+            _lib.xrpd_budget_close(self._handle)
+            self._handle = None
+
+    def __enter__(self) -> "Budget":
+        return self
+
+    def __exit__(self, *exc) -> None:
+        self.close()
+
+    def __del__(self) -> None:
+        self.close()

@@ -1,0 +1,85 @@
+/* A C99 host of the C interface, built with -std=c99 -pedantic -Werror
+   against the shared library: every answer of a snapshot with known
+   counts (two packages of two cores of two threads), the processor
+   budget live, and the errors of a source that cannot be read.
+
+     host SNAPSHOT_DIR */
+#include <stddef.h>
+#include <stdio.h>
+#include <string.h>
+
+#include <xrprocdetector/c_api.h>
+
+static int failures = 0;
+
+static void check(int ok, const char* what) {
+  if (!ok) {
+    printf("FAILED: %s\n", what);
+    ++failures;
+  }
+}
+
+static void snapshot(const char* dir) {
+  char* error = NULL;
+  xrpd_source* source = xrpd_source_snapshot(dir, &error);
+  xrpd_detection d;
+  xrpd_topology_info info;
+  xrpd_topology* t;
+  xrpd_cpuset set;
+  xrpd_processor p;
+  char* list;
+  check(source != NULL && error == NULL, "the snapshot is read");
+  memset(&d, 0, sizeof d);
+  d.size = sizeof d;
+  check(xrpd_detect(XRPD_GENERATION_70, source, &d) == 0, "7.0 runs");
+  check(d.counted && d.packages == 2 && d.cores == 4 && d.logical_processors == 8, "7.0's counts");
+  check(d.hyper_threading == 2 && d.note == NULL && d.error == NULL, "7.0's verdict");
+  t = xrpd_topology_read(source, &error);
+  info.size = sizeof info;
+  check(t != NULL && xrpd_topology_get(t, &info) == 0, "the topology is read");
+  check(info.packages == 2 && info.cores == 4 && info.processors == 8, "the topology's counts");
+  list = xrpd_cpuset_to_list(&info.usable);
+  check(strcmp(list, "0-7") == 0 && xrpd_cpuset_count(&info.online) == 8, "its sets");
+  xrpd_free(list);
+  check(xrpd_topology_set(t, XRPD_CORES, 0, &set, NULL) == 0 && xrpd_cpuset_count(&set) == 2,
+        "a core of two threads");
+  check(xrpd_topology_set(t, XRPD_CORES, 4, &set, NULL) == -1, "no fifth core");
+  p.size = sizeof p;
+  check(xrpd_topology_processor(t, 7, &p) == 0 && p.cpu == 7 && p.thread == 1 && p.usable,
+        "processor 7");
+  xrpd_topology_close(t);
+  xrpd_source_close(source);
+}
+
+static void budget(void) {
+  char* error = NULL;
+  xrpd_budget* b = xrpd_budget_open(&error);
+  xrpd_budget_reading r;
+  check(b != NULL && error == NULL, "a budget opens");
+  r.size = sizeof r;
+  check(xrpd_budget_read(b, &r) == 0 && r.effective_processors >= 1, "a budget reads");
+  check(r.usable_processors == xrpd_cpuset_count(&r.usable) && r.error == NULL, "its fields");
+  check(r.effective_processors == xrpd_effective_processors(), "the effective processors");
+  xrpd_budget_close(b);
+}
+
+int main(int argc, char** argv) {
+  char* error = NULL;
+  xrpd_detection old;
+  check(argc == 2, "usage: host SNAPSHOT_DIR");
+  check(strlen(xrpd_version()) > 0, "a version");
+  if (argc == 2) snapshot(argv[1]);
+  budget();
+  check(xrpd_source_snapshot("/no/such/snapshot", &error) == NULL && error != NULL,
+        "a missing snapshot is an error");
+  xrpd_free(error);
+  /* A caller that knows only the first fields gets only those. */
+  memset(&old, 0x5a, sizeof old);
+  old.size = offsetof(xrpd_detection, cores);
+  check(xrpd_detect(XRPD_GENERATION_53, NULL, &old) == 0 && old.packages > 0 &&
+            ((unsigned char*)&old)[offsetof(xrpd_detection, cores)] == 0x5a &&
+            ((unsigned char*)&old)[sizeof old - 1] == 0x5a,
+        "a smaller struct is filled no further than its size");
+  printf("%d failed\n", failures);
+  return failures == 0 ? 0 : 1;
+}

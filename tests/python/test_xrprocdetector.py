@@ -1,0 +1,90 @@
+"""The Python module on the C interface: live, on the project's snapshot
+trees against the C++ API's answers there (xrprocdetect's JSON), and on
+input it cannot read, which raises and leaks nothing."""
+import json
+import os
+import subprocess
+
+import pytest
+
+import xrprocdetector as xr
+
+SYSROOTS = os.environ["XRPROCDETECTOR_SYSROOTS"]
+TOOL = os.environ["XRPROCDETECT"]
+TREES = sorted(os.listdir(SYSROOTS))
+
+
+def cpus(text):
+    """The set of a kernel list such as 0-3,8."""
+    out = set()
+    for part in filter(None, text.split(",")):
+        first, _, last = part.partition("-")
+        out.update(range(int(first), int(last or first) + 1))
+    return out
+
+
+def test_live_answers_agree():
+    t = xr.topology()
+    with xr.Budget() as budget:
+        reading = budget.read()
+    assert t.online and t.usable <= t.online
+    assert xr.effective_processors() == reading.effective_processors == t.effective_processors
+    assert reading.usable == t.usable and reading.error is None
+    assert xr.detect("7.0").counted and xr.__version__.count(".") == 2
+
+
+@pytest.mark.parametrize("tree", TREES)
+def test_trees_as_the_cpp_api_reads_them(tree):
+    path = os.path.join(SYSROOTS, tree)
+    rows = [json.loads(line) for line in subprocess.run(
+        [TOOL, "--all", "--json-lines", "--snapshot", path], capture_output=True, text=True,
+        check=False).stdout.splitlines()]
+    k = rows[0]["kernel"]
+    t = xr.topology(snapshot=path)
+    assert (t.online, t.offline, t.usable) == \
+        (cpus(k["onlineCpus"]), cpus(k["offlineCpus"]), cpus(k["usableCpus"]))
+    assert (len(t.packages) or None, len(t.cores) or None) == (k["packages"], k["cores"])
+    assert (t.cpu_quota, t.effective_processors) == (k["cpuQuota"], k["effectiveProcessors"])
+    assert (t.hypervisor_vendor, t.virtualization_type, t.container) == \
+        (k["hypervisorVendor"], k["virtualizationType"], k["container"])
+    assert [(p.cpu, p.package, p.core, p.thread, p.online, p.usable) for p in t.processors] == \
+        [(c["cpu"], -1 if c["package"] is None else c["package"],
+          -1 if c["core"] is None else c["core"], -1 if c["thread"] is None else c["thread"],
+          c["online"], c["usable"]) for c in k["cpus"]]
+    for row in rows:
+        d = xr.detect(row["generation"], snapshot=path)
+        assert (d.counted, d.note) == (row["counted"], row["note"])
+        if d.counted:
+            assert (d.packages, d.cores, d.logical_processors) == \
+                (row["physicalCount"], row["coreCount"], row["logicalCount"])
+
+
+def open_descriptors():
+    return len(os.listdir("/proc/self/fd"))
+
+
+def test_bad_input_raises_and_leaks_nothing(tmp_path):
+    (tmp_path / "xrprocdetect.json").write_text("{\"format\": \"other\"}")
+    calls = [lambda: xr.topology(snapshot="/no/such/snapshot"),
+             lambda: xr.detect("default", snapshot=str(tmp_path)),
+             lambda: xr.detect("9.9"),
+             lambda: xr.save_snapshot(str(tmp_path))]
+    messages = []
+    for call in calls:
+        with pytest.raises(xr.XrProcDetectorError) as raised:
+            call()
+        messages.append(str(raised.value))
+    assert "/no/such/snapshot" in messages[0]
+    assert '"format" is not "xrprocdetect-snapshot"' in messages[1]
+    assert "not empty" in messages[3]
+    descriptors = open_descriptors()
+    with open("/proc/self/statm") as statm:
+        resident = int(statm.read().split()[1])
+    for _ in range(2000):
+        for call in calls[:2]:
+            with pytest.raises(xr.XrProcDetectorError):
+                call()
+    with open("/proc/self/statm") as statm:
+        grown = (int(statm.read().split()[1]) - resident) * os.sysconf("SC_PAGE_SIZE")
+    assert open_descriptors() == descriptors
+    assert grown < 4 << 20  # 4000 failed calls: no leak of a few hundred bytes each

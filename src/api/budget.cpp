@@ -92,18 +92,17 @@ class ProcessorBudget::State {
     bool periodWrong = false;
     if (!readKept(k.fd, &text)) return fail(b, "/" + k.file.path, why);
     // A period counts only beside a quota: "-1" is none.
-    if (k.period >= 0 && detail::trimmed(text) != "-1" &&
-        !readKept(k.period, &period, period_, sizeof period_))
+    if (k.period >= 0 && detail::trimmed(text) != "-1" && !readKept(k.period, &period, true))
       return fail(b, "/" + k.file.period, why);
     if (!detail::addLimit(k.file, text, period, limits, &why, &periodWrong))
       fail(b, "/" + (periodWrong ? k.file.period : k.file.path), why);
   }
 
-  // The whole of a kept file, into a buffer; false with errno set.
-  bool readKept(int fd, std::string_view* text) {
-    return readKept(fd, text, buffer_, sizeof buffer_);
-  }
-  bool readKept(int fd, std::string_view* text, char* into, std::size_t size) {
+  // The whole of a kept file, into the buffer (a period into its own);
+  // false with errno set.
+  bool readKept(int fd, std::string_view* text, bool period = false) {
+    char* const into = period ? period_ : buffer_;
+    const std::size_t size = period ? sizeof period_ : sizeof buffer_;
     const ssize_t n = fd < 0 ? -1 : ::pread(fd, into, size, 0);
     if (n < 0 || static_cast<std::size_t>(n) == size) return false;
     *text = std::string_view(into, static_cast<std::size_t>(n));

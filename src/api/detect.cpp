@@ -149,15 +149,13 @@ Detection fresh(const Detection& d) {
 void lacks(Generation g, const SourceData& source, const detail::Missing& missing, Detection& d) {
   const Strategy reached = d.endedBy;
   d = fresh(d);
-  if (source.kind == Source::Kind::kLive) {
+  const bool estimate = g == Generation::kDefault && reached == Strategy::kCpuid;
+  if (source.kind == Source::Kind::kLive)
     d.error =
         missing.what + "; generation " + infoOf(g).name + " would never return, so it is not run";
-  } else if (g == Generation::kDefault && reached == Strategy::kCpuid) {
-    d.note = "no physical id; the CPUID estimate needs " + missing.what + ", which " +
-             source.saved.holder + " does not hold";
-  } else {
-    d.note = "needs " + missing.what + ", which " + source.saved.holder + " does not hold";
-  }
+  else
+    d.note = (estimate ? "no physical id; the CPUID estimate needs " : "needs ") + missing.what +
+             ", which " + source.saved.holder + " does not hold";
 }
 
 // The calling thread's affinity on its machine, and for a detector that

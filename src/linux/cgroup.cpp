@@ -34,9 +34,7 @@ std::string unescape(const std::string& field) {
 
 std::string relative(const std::string& point) {
   std::string p = unescape(point);
-  while (!p.empty() && p.front() == '/')
-    p.erase(0, 1);
-  return p;
+  return p.erase(0, p.find_first_not_of('/'));
 }
 
 // The cgroup mounts of proc/self/mountinfo, or of proc/mounts (which does
@@ -104,10 +102,6 @@ std::vector<std::pair<std::string, std::string>> cgroupPaths(SystemRoot& root) {
   }
   if (root.text("proc/self/cpuset", &text) == Read::kOk) paths.emplace_back("cpuset fs", text);
   return paths;
-}
-
-void tighten(std::optional<double>& quota, double value) {
-  if (!quota || value < *quota) quota = value;
 }
 
 // What the kernel accepts for a CPU bandwidth limit, in microseconds: a
@@ -187,7 +181,9 @@ bool addLimit(const LimitFile& file, std::string_view text, std::string_view per
     *why = "line 1: not a whole number from 1000 to 1000000";
     return false;
   }
-  if (quota != -1) tighten(limits->quota, static_cast<double>(quota) / microseconds);
+  if (quota == -1) return true;  // no limit here
+  const double processors = static_cast<double>(quota) / static_cast<double>(microseconds);
+  if (!limits->quota || processors < *limits->quota) limits->quota = processors;
   return true;
 }
 

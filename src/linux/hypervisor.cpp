@@ -47,7 +47,7 @@ const char* pciHint(SystemRoot& root) {
     if (hint != nullptr && std::strcmp(hint, "VMware") == 0) found = hint;
   };
   std::vector<std::string> devices;
-  if (root.entries("sys/bus/pci/devices", &devices) == Read::kOk) {
+  if (machine().entries("sys/bus/pci/devices", &devices) == Read::kOk) {
     for (const std::string& device : devices) {
       std::string vendor;
       if (root.text("sys/bus/pci/devices/" + device + "/vendor", &vendor) == Read::kOk)
@@ -58,13 +58,9 @@ const char* pciHint(SystemRoot& root) {
   std::string table;
   root.text("proc/bus/pci/devices", &table);
   std::istringstream lines(table);
-  for (std::string line; std::getline(lines, line);) {
-    std::istringstream words(line);
-    std::string slot;
-    std::string ids;
-    words >> slot >> ids;
+  // Two columns of each line: the slot, then vendor and device.
+  for (std::string slot, ids; lines >> slot >> ids; lines.ignore(kTableCap, '\n'))
     take(std::strtoul(ids.substr(0, 4).c_str(), nullptr, 16));
-  }
   return found;
 }
 
@@ -80,9 +76,9 @@ const char* cpuidVendor() {
     Machine& m = machine();
     if ((m.cpuid(1, 0).ecx >> 31) == 0) return nullptr;
     const CpuidRegisters r = m.cpuid(0x40000000, 0);
+    const std::uint32_t words[3] = {r.ebx, r.ecx, r.edx};
     char name[13] = {};
-    std::memcpy(name, &r.ebx, 4), std::memcpy(name + 4, &r.ecx, 4),
-        std::memcpy(name + 8, &r.edx, 4);
+    std::memcpy(name, words, sizeof words);
     for (const auto& [signature, vendor] : kSignatures) {
       if (std::strcmp(name, signature) == 0) return vendor;
     }
@@ -119,7 +115,7 @@ void hypervisor(SystemRoot& root, Topology& t) {
   root.text("sys/class/dmi/id/product_name", &product);
   root.text("sys/hypervisor/type", &type);
   root.text("proc/cpuinfo", &cpuinfo);
-  const bool xenfs = root.entries("proc/xen", &xen) == Read::kOk;
+  const bool xenfs = machine().entries("proc/xen", &xen) == Read::kOk;
   const char* dmi = dmiVendor(vendor + "\n" + product);
   const char* pci = pciHint(root);
   const std::string flags = flagsLine(cpuinfo);

@@ -267,10 +267,6 @@ Read SystemRoot::fail(const std::string& path, const std::string& why) {
   return Read::kFailed;
 }
 
-Read SystemRoot::entries(const std::string& path, std::vector<std::string>* names) const {
-  return machine_.entries(base_ + path, names);
-}
-
 Read listFolder(int dirFd, const std::string& path, std::vector<std::string>* names) {
   names->clear();
   if (dirFd == -1) return Read::kAbsent;
@@ -294,7 +290,7 @@ Read listFolder(int dirFd, const std::string& path, std::vector<std::string>* na
 std::vector<unsigned> SystemRoot::processorFolders(const std::string& path) {
   std::vector<std::string> names;
   std::vector<unsigned> numbers;
-  entries(path, &names);
+  machine_.entries(base_ + path, &names);
   for (const std::string& name : names) {
     unsigned n = 0;
     std::string problem;

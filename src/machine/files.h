@@ -131,10 +131,6 @@ class SystemRoot {
   Read list(const std::string& path, CpuSet* out, bool mask = false);
   // The first failure met, naming its file; empty when there was none.
   const Error& error() const { return error_; }
-  // The names in the folder `path` ("" for the root itself), without "."
-  // and ".."; kAbsent when there is no such folder, kFailed with errno set
-  // when it cannot be listed.
-  Read entries(const std::string& path, std::vector<std::string>* names) const;
   // The numbers N of the processor folders cpuN in the folder `path`, in
   // increasing order; none when it cannot be listed. A folder cpuN whose N
   // is not canonical or not below the kernel's limit is a failure.

@@ -102,18 +102,17 @@ TEST(RealMachine, ABudgetReadsWhatTheTopologyReads) {
   ASSERT_TRUE(budget) << error;
   const Topology t = topology();
   const Budget b = ProcessorBudget(*budget).read();
-  EXPECT_TRUE(b.usable == t.usable && b.cpuQuota == t.cpuQuota && b.error.empty());
-  EXPECT_EQ(b.effectiveProcessors, t.effectiveProcessors);
+  EXPECT_TRUE(b.usable == t.usable && b.cpuQuota == t.cpuQuota && b.error.empty() &&
+              b.effectiveProcessors == t.effectiveProcessors);
   std::atomic<int> differ{0};
-  std::vector<std::thread> threads;
-  for (int i = 0; i < 4; ++i)
-    threads.emplace_back([&] {
-      ProcessorBudget copy = *budget;
-      for (int n = 0; n < 1000; ++n)
-        differ += changed(b, copy.read()) ? 1 : 0;
-    });
-  for (std::thread& thread : threads)
-    thread.join();
+  const auto readMany = [&] {
+    for (int n = 0; n < 1000; ++n)
+      differ += changed(b, ProcessorBudget(*budget).read()) ? 1 : 0;
+  };
+  std::thread one(readMany), two(readMany), three(readMany);
+  readMany();
+  for (std::thread* thread : {&one, &two, &three})
+    thread->join();
   EXPECT_EQ(differ, 0);
 }
 
@@ -123,9 +122,7 @@ TEST(RealMachine, ABudgetReadsWhatTheTopologyReads) {
 TEST(RealMachine, ABudgetWhoseGroupIsRemovedNamesTheFile) {
   const std::string group = "/sys/fs/cgroup/cpu/xrprocdetect-vanish-" + std::to_string(getpid());
   if (::mkdir(group.c_str(), 0755) != 0) GTEST_SKIP() << "no writable cgroup v1 cpu hierarchy";
-  const auto write = [](const std::string& file, const std::string& text) {
-    std::ofstream(file) << text << std::flush;
-  };
+  const auto write = [](const std::string& file, auto text) { std::ofstream(file) << text; };
   write(group + "/cpu.cfs_quota_us", "50000");
   write(group + "/cgroup.procs", std::to_string(getpid()));
   auto budget = xrprocdetector::ProcessorBudget::open();

@@ -29,7 +29,6 @@ static void snapshot(const char* dir) {
   xrpd_processor p;
   char* list;
   check(source != NULL && error == NULL, "the snapshot is read");
-  memset(&d, 0, sizeof d);
   d.size = sizeof d;
   check(xrpd_detect(XRPD_GENERATION_70, source, &d) == 0, "7.0 runs");
   check(d.counted && d.packages == 2 && d.cores == 4 && d.logical_processors == 8, "7.0's counts");
@@ -41,9 +40,9 @@ static void snapshot(const char* dir) {
   list = xrpd_cpuset_to_list(&info.usable);
   check(strcmp(list, "0-7") == 0 && xrpd_cpuset_count(&info.online) == 8, "its sets");
   xrpd_free(list);
-  check(xrpd_topology_set(t, XRPD_CORES, 0, &set, NULL) == 0 && xrpd_cpuset_count(&set) == 2,
-        "a core of two threads");
-  check(xrpd_topology_set(t, XRPD_CORES, 4, &set, NULL) == -1, "no fifth core");
+  check(xrpd_topology_set(t, XRPD_CORES, 0, &set, NULL) == 0 && xrpd_cpuset_count(&set) == 2 &&
+            xrpd_topology_set(t, XRPD_CORES, 4, &set, NULL) == -1,
+        "four cores of two threads");
   p.size = sizeof p;
   check(xrpd_topology_processor(t, 7, &p) == 0 && p.cpu == 7 && p.thread == 1 && p.usable,
         "processor 7");

@@ -14,9 +14,9 @@ tool=$1 v1=/sys/fs/cgroup
 [ "$(id -u)" = 0 ] && [ -w $v1/cpu/cgroup.procs ] && [ -w $v1/cpuset/cgroup.procs ] ||
   { echo "skipped: needs root and writable cgroup v1 cpu and cpuset hierarchies"; exit 77; }
 online=$(cat /sys/devices/system/cpu/online)
-case $online in *[-,]*) ;; *) echo "skipped: one processor"; exit 77 ;; esac
-first=${online%%[-,]*}
-second=$(python3 -c 'import os; print(sorted(os.sched_getaffinity(0))[1])')
+set -- $(python3 -c 'import os; print(*sorted(os.sched_getaffinity(0))[:2])')
+first=$1 second=${2:-}
+[ -n "$second" ] || { echo "skipped: one processor"; exit 77; }
 top=xrprocdetect-budget-$$ out=$(mktemp) pid=
 cleanup() {
   [ -z "$pid" ] || kill "$pid" 2>/dev/null

@@ -16,17 +16,13 @@ TREES = sorted(os.listdir(SYSROOTS))
 
 def cpus(text):
     """The set of a kernel list such as 0-3,8."""
-    out = set()
-    for part in filter(None, text.split(",")):
-        first, _, last = part.partition("-")
-        out.update(range(int(first), int(last or first) + 1))
-    return out
+    ranges = [part.split("-") for part in text.split(",") if part]
+    return {cpu for r in ranges for cpu in range(int(r[0]), int(r[-1]) + 1)}
 
 
 def test_live_answers_agree():
     t = xr.topology()
-    with xr.Budget() as budget:
-        reading = budget.read()
+    reading = xr.Budget().read()
     assert t.online and t.usable <= t.online
     assert xr.effective_processors() == reading.effective_processors == t.effective_processors
     assert reading.usable == t.usable and reading.error is None
@@ -47,20 +43,16 @@ def test_trees_as_the_cpp_api_reads_them(tree):
     assert (t.cpu_quota, t.effective_processors) == (k["cpuQuota"], k["effectiveProcessors"])
     assert (t.hypervisor_vendor, t.virtualization_type, t.container) == \
         (k["hypervisorVendor"], k["virtualizationType"], k["container"])
+    index = {None: -1}
     assert [(p.cpu, p.package, p.core, p.thread, p.online, p.usable) for p in t.processors] == \
-        [(c["cpu"], -1 if c["package"] is None else c["package"],
-          -1 if c["core"] is None else c["core"], -1 if c["thread"] is None else c["thread"],
-          c["online"], c["usable"]) for c in k["cpus"]]
+        [(c["cpu"], index.get(c["package"], c["package"]), index.get(c["core"], c["core"]),
+          index.get(c["thread"], c["thread"]), c["online"], c["usable"]) for c in k["cpus"]]
     for row in rows:
         d = xr.detect(row["generation"], snapshot=path)
         assert (d.counted, d.note) == (row["counted"], row["note"])
         if d.counted:
             assert (d.packages, d.cores, d.logical_processors) == \
                 (row["physicalCount"], row["coreCount"], row["logicalCount"])
-
-
-def open_descriptors():
-    return len(os.listdir("/proc/self/fd"))
 
 
 def test_bad_input_raises_and_leaks_nothing(tmp_path):
@@ -77,7 +69,7 @@ def test_bad_input_raises_and_leaks_nothing(tmp_path):
     assert "/no/such/snapshot" in messages[0]
     assert '"format" is not "xrprocdetect-snapshot"' in messages[1]
     assert "not empty" in messages[3]
-    descriptors = open_descriptors()
+    descriptors = len(os.listdir("/proc/self/fd"))
     with open("/proc/self/statm") as statm:
         resident = int(statm.read().split()[1])
     for _ in range(2000):
@@ -86,5 +78,5 @@ def test_bad_input_raises_and_leaks_nothing(tmp_path):
                 call()
     with open("/proc/self/statm") as statm:
         grown = (int(statm.read().split()[1]) - resident) * os.sysconf("SC_PAGE_SIZE")
-    assert open_descriptors() == descriptors
+    assert len(os.listdir("/proc/self/fd")) == descriptors
     assert grown < 4 << 20  # 4000 failed calls: no leak of a few hundred bytes each

@@ -40,9 +40,9 @@ static void snapshot(const char* dir) {
   list = xrpd_cpuset_to_list(&info.usable);
   check(strcmp(list, "0-7") == 0 && xrpd_cpuset_count(&info.online) == 8, "its sets");
   xrpd_free(list);
-  check(xrpd_topology_set(t, XRPD_CORES, 0, &set, NULL) == 0 && xrpd_cpuset_count(&set) == 2 &&
+  check(xrpd_topology_set(t, XRPD_PACKAGES, 0, &set, NULL) == 0 && xrpd_cpuset_count(&set) == 4 &&
             xrpd_topology_set(t, XRPD_CORES, 4, &set, NULL) == -1,
-        "four cores of two threads");
+        "two packages of four processors, four cores");
   p.size = sizeof p;
   check(xrpd_topology_processor(t, 7, &p) == 0 && p.cpu == 7 && p.thread == 1 && p.usable,
         "processor 7");

@@ -157,11 +157,11 @@ void usable(SystemRoot& root, Topology& t) {
 void processors(SystemRoot& cpus, Topology& t) {
   CpuSet present;
   CpuSet possible;
-  Read r = cpus.list("present", &present);
+  const Read r = cpus.list("present", &present);
   // The possible list too, which glibc counts as the configured processors.
   const Read alone = cpus.list("possible", &possible);
-  if (r == Read::kAbsent) r = alone, present = possible;
   if (r == Read::kOk) t.present = present;
+  if (r == Read::kAbsent && alone == Read::kOk) t.present = possible;
   for (const unsigned c : t.present) {
     if (!t.online.contains(c)) t.offline.add(c);
   }

@@ -1,13 +1,13 @@
 #!/bin/sh
 # Each folder of src/ includes only its own headers, the public headers, and
 # the public internal header (FOLDER/FOLDER.h) of the folders below it:
-#   api -> legacy, linux, snapshot -> machine.          layering.sh SRC_DIR
+#   api -> legacy, kernel, snapshot -> machine.          layering.sh SRC_DIR
 wrong=0
 for dir in "$1"/*/; do
   part=$(basename "$dir")
   case $part in
-    api) allowed="legacy linux snapshot machine" ;;
-    legacy | linux | snapshot) allowed=machine ;;
+    api) allowed="legacy kernel snapshot machine" ;;
+    legacy | kernel | snapshot) allowed=machine ;;
     *) allowed= ;;
   esac
   for header in $(sed -n 's/^#include "\([^/"]*\/[^"]*\)".*/\1/p' "$dir"*); do

@@ -8,7 +8,7 @@
 #include <cstring>
 #include <mutex>
 
-#include "linux/linux.h"
+#include "kernel/kernel.h"
 
 namespace xrprocdetector {
 

@@ -16,8 +16,8 @@
 #include <xrprocdetector/xrprocdetector_linux32_70.h>
 
 #include "api/source.h"
+#include "kernel/kernel.h"
 #include "legacy/legacy.h"
-#include "linux/linux.h"
 #include "snapshot/snapshot.h"
 
 namespace xrprocdetector {
@@ -255,8 +255,7 @@ Topology topology(const Source& source) noexcept {
     const SourceData& data = source.data();
     if (data.kind == Source::Kind::kCpuinfo) return t;
     const std::unique_ptr<detail::Machine> m = data.machine();
-    const detail::MachineScope scope(*m);
-    t = detail::readTopology();
+    t = detail::readTopology(*m);
   } catch (const std::bad_alloc&) {
     t.error = "out of memory";
   }
@@ -331,7 +330,7 @@ void readEverything() {
     } catch (const detail::Missing&) {
     }
   }
-  detail::readTopology();
+  detail::readTopology(detail::machine());
   const detail::SignalState signals;
   detail::guardedVmwareProbe();
 }

@@ -1,4 +1,4 @@
-// The calling thread's machine, this machine's files and instructions, and
+// The calling thread's machine, this machine's instructions and counts, and
 // the VMware probe's fault guard.
 #include <fcntl.h>
 #include <sched.h>
@@ -75,51 +75,6 @@ MachineScope::MachineScope(Machine& m) : previous_(current) {
 
 MachineScope::~MachineScope() {
   current = previous_;
-}
-
-std::optional<CpuidRegisters> cpuidOn(unsigned cpu, std::uint32_t leaf, std::uint32_t subleaf) {
-  Machine& m = machine();
-  CpuSet before;
-  if (!m.affinity(&before) || !m.pin(CpuSet({cpu}))) return std::nullopt;
-  const CpuidRegisters r = m.cpuid(leaf, subleaf);
-  m.pin(before);
-  return r;
-}
-
-TreeMachine::TreeMachine(const std::string& dir) : dir_(dir) {
-  if (dir == "/") fd_ = AT_FDCWD;
-  if (dir.empty() || dir == "/") return;
-  fd_ = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (fd_ < 0) fail(&openError_, dir, std::strerror(errno));
-}
-
-TreeMachine::~TreeMachine() {
-  if (fd_ >= 0) ::close(fd_);
-}
-
-// Live, the path itself from "/"; in a tree, relative to its directory.
-std::string TreeMachine::at(const std::string& path) const {
-  return fd_ == AT_FDCWD ? "/" + path : path.empty() ? "." : path;
-}
-
-Read TreeMachine::file(const std::string& path, std::size_t cap, std::string* text,
-                       std::string* why) {
-  text->clear();
-  return fd_ == -1 ? Read::kAbsent : readWholeFile(fd_, at(path), cap, text, why);
-}
-
-Read TreeMachine::entries(const std::string& path, std::vector<std::string>* names) {
-  return listFolder(fd_, at(path), names);
-}
-
-bool TreeMachine::exists(const std::string& path) const {
-  const int fd = fd_ == -1 ? -1 : openInRoot(fd_, at(path), O_PATH);
-  return fd >= 0 && ::close(fd) == 0;
-}
-
-std::string TreeMachine::shown(const std::string& path) const {
-  if (dir_ == "/") return "/" + path;
-  return dir_ + (!dir_.empty() && dir_.back() == '/' ? "" : "/") + path;
 }
 
 CpuinfoStream LiveMachine::cpuinfo() {

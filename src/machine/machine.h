@@ -23,17 +23,10 @@
 #include <string>
 #include <vector>
 
-#include "machine/files.h"
+#include "machine/reader.h"
 
 namespace xrprocdetector {
 namespace detail {
-
-struct CpuidRegisters {
-  std::uint32_t eax;
-  std::uint32_t ebx;
-  std::uint32_t ecx;
-  std::uint32_t edx;
-};
 
 // The two instructions (hardware_x86.cpp): CPUID with EAX = leaf and
 // ECX = subleaf on the current processor, no highest-leaf check made; and
@@ -77,7 +70,7 @@ class Machine {
   // readWholeFile reads it.
   virtual Read file(const std::string& path, std::size_t cap, std::string* text,
                     std::string* why) = 0;
-  // The names in the folder `path` ("" the root), as SystemRoot::entries.
+  // The names in the folder `path` ("" the root), as listFolder gives them.
   virtual Read entries(const std::string& path, std::vector<std::string>* names) = 0;
   // `path` as a message names it.
   virtual std::string shown(const std::string& path) const = 0;
@@ -110,10 +103,6 @@ class MachineScope {
  private:
   Machine* previous_;
 };
-
-// CPUID on processor `cpu`: the thread pinned there, and given back its
-// affinity. Nothing when it cannot be pinned there.
-std::optional<CpuidRegisters> cpuidOn(unsigned cpu, std::uint32_t leaf, std::uint32_t subleaf);
 
 // Files under a directory, every path resolved inside it (openInRoot); "/"
 // is this machine's own files, by their paths.

@@ -1,5 +1,6 @@
-// The reader of a snapshot's CPUID dumps. Work in proportion to the input;
-// never throws past std::bad_alloc, which the loader catches.
+// A snapshot's CPUID dumps, read and written. Reading works in proportion
+// to the input and never throws past std::bad_alloc, which the loader
+// catches.
 #include <algorithm>
 #include <charconv>
 #include <cstdio>
@@ -76,6 +77,29 @@ bool parseCpuidDump(std::string_view text, CpuidDump* lines, std::string* error)
     lines->push_back(l);
   }
   return true;
+}
+
+namespace {
+
+std::string hex(std::uint32_t v) {
+  char text[16];
+  std::snprintf(text, sizeof text, "%x", v);
+  return text;
+}
+
+}  // namespace
+
+std::string formatDump(const CpuidDump& dump) {
+  std::string out = "# mask e[abcd]x => e[abcd]x\n";
+  for (const CpuidLine& l : dump) {
+    for (const std::uint32_t v : {l.mask, l.in[0], l.in[1], l.in[2], l.in[3]})
+      out += hex(v) + " ";
+    out += "=>";
+    for (const std::uint32_t v : l.out)
+      out += " " + hex(v);
+    out += "\n";
+  }
+  return out;
 }
 
 }  // namespace detail

@@ -1,10 +1,13 @@
-// The metadata file of a snapshot, xrprocdetect.json: a small JSON reader
-// that keeps what it needs. It reads the text as tokens (punctuation,
-// strings, and the bare words of numbers and literals), each with its line.
+// The metadata file of a snapshot, xrprocdetect.json, written and read: a
+// small JSON reader that keeps what it needs. It reads the text as tokens
+// (punctuation, strings, and the bare words of numbers and literals),
+// each with its line.
 // Bounded work on any input; never throws past std::bad_alloc, which the
 // loader catches.
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <string>
 
 #include "snapshot/snapshot_io.h"
@@ -180,6 +183,21 @@ bool parseMetadata(std::string_view text, SavedMachine* metadata, std::string* e
     }
   }
   return true;
+}
+
+std::string formatMetadata(const SavedMachine& m, const std::string& savedBy) {
+  char when[32];
+  const std::time_t now = std::time(nullptr);
+  std::tm utc;
+  gmtime_r(&now, &utc);
+  std::strftime(when, sizeof when, "%Y-%m-%dT%H:%M:%SZ", &utc);
+  return "{\n  \"format\": \"xrprocdetect-snapshot\",\n  \"version\": 1,\n"
+         "  \"configuredProcessors\": " +
+         std::to_string(m.configured.value_or(-1)) +
+         ",\n  \"onlineProcessors\": " + std::to_string(m.online.value_or(-1)) +
+         ",\n  \"affinity\": \"" + m.affinity.value_or(CpuSet()).toList() +
+         "\",\n  \"vmwareBackdoor\": " + (m.vmwareBackdoor ? "true" : "false") +
+         ",\n  \"savedBy\": " + jsonQuoted(savedBy) + ",\n  \"savedAt\": \"" + when + "\"\n}\n";
 }
 
 }  // namespace detail

@@ -35,8 +35,9 @@ class Fd {
   int fd_;
 };
 
-// Copies live files into the working folder, naming each by where it will
-// stand in the snapshot.
+// Writes what a recording kept into the working folder, each file where it
+// will stand in the snapshot, and names what failed against the snapshot's
+// path.
 class Saver {
  public:
   Saver(const std::string& dir, int work, Error* error)

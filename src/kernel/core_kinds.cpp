@@ -10,7 +10,7 @@
 // cores) give every core of one kind a different value.
 #include <map>
 
-#include "linux/linux.h"
+#include "kernel/kernel.h"
 
 namespace xrprocdetector {
 namespace detail {
@@ -49,21 +49,18 @@ bool byBaseFrequency(SystemRoot& root, const Topology& t, Ranks* ranks) {
   return differ;
 }
 
-bool byCpuid(const Topology& t, Ranks* ranks) {
-  try {
-    Machine& m = machine();
-    if (m.cpuid(0, 0).eax < 0x1a || (m.cpuid(7, 0).edx >> 15 & 1) == 0) return false;
-    for (const CpuSet& core : t.cores) {
-      const unsigned c = *core.begin();
-      const auto leaf = cpuidOn(c, 0x1a, 0);
-      const std::uint32_t type = leaf ? leaf->eax >> 24 : 0;
-      if (type == 0) return false;
-      (*ranks)[c] = type == 0x40 ? 0 : type == 0x20 ? 1 : 2;
-    }
-    return !t.cores.empty();
-  } catch (const Missing&) {
-    return false;  // a saved machine without the dumps to tell
+bool byCpuid(SystemRoot& root, const Topology& t, Ranks* ranks) {
+  const std::optional<CpuidRegisters> leaf0 = root.cpuid(0, 0);
+  const std::optional<CpuidRegisters> leaf7 = root.cpuid(7, 0);
+  if (!leaf0 || !leaf7 || leaf0->eax < 0x1a || (leaf7->edx >> 15 & 1) == 0) return false;
+  for (const CpuSet& core : t.cores) {
+    const unsigned c = *core.begin();
+    const auto leaf = root.cpuidOn(c, 0x1a, 0);
+    const std::uint32_t type = leaf ? leaf->eax >> 24 : 0;
+    if (type == 0) return false;
+    (*ranks)[c] = type == 0x40 ? 0 : type == 0x20 ? 1 : 2;
   }
+  return !t.cores.empty();
 }
 
 }  // namespace
@@ -72,8 +69,8 @@ std::vector<CoreKindSet> coreKinds(SystemRoot& root, const Topology& t) {
   Ranks ranks;
   if (t.cores.empty()) return {};
   if (!byKernelLists(root, &ranks)) {
-    const bool found =
-        (ranks.clear(), byBaseFrequency(root, t, &ranks)) || (ranks.clear(), byCpuid(t, &ranks));
+    const bool found = (ranks.clear(), byBaseFrequency(root, t, &ranks)) ||
+                       (ranks.clear(), byCpuid(root, t, &ranks));
     if (!found) return {};
   }
   std::map<long, CoreKindSet> kinds;

@@ -1,8 +1,8 @@
 // The machine as the Linux kernel shows it: its topology of processor sets,
 // what the process may use, kinds of core, the hypervisor and the
-// container, read from the calling thread's machine.
-#ifndef XRPROCDETECTOR_SRC_LINUX_LINUX_H
-#define XRPROCDETECTOR_SRC_LINUX_LINUX_H
+// container, read from the machine each reader is given.
+#ifndef XRPROCDETECTOR_SRC_KERNEL_KERNEL_H
+#define XRPROCDETECTOR_SRC_KERNEL_KERNEL_H
 
 #include <xrprocdetector/detect.h>
 
@@ -15,8 +15,8 @@
 namespace xrprocdetector {
 namespace detail {
 
-// The whole topology of the calling thread's machine.
-Topology readTopology();
+// The whole topology of `machine`.
+Topology readTopology(Machine& machine);
 
 // A file of the process's control groups that bounds what it may use.
 struct LimitFile {
@@ -69,4 +69,4 @@ void readVirtualization(SystemRoot& root, Topology& t);
 }  // namespace detail
 }  // namespace xrprocdetector
 
-#endif  // XRPROCDETECTOR_SRC_LINUX_LINUX_H
+#endif  // XRPROCDETECTOR_SRC_KERNEL_KERNEL_H

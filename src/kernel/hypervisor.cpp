@@ -5,7 +5,7 @@
 #include <cstring>
 #include <sstream>
 
-#include "linux/linux.h"
+#include "kernel/kernel.h"
 
 namespace xrprocdetector {
 namespace detail {
@@ -47,7 +47,7 @@ const char* pciHint(SystemRoot& root) {
     if (hint != nullptr && std::strcmp(hint, "VMware") == 0) found = hint;
   };
   std::vector<std::string> devices;
-  if (machine().entries("sys/bus/pci/devices", &devices) == Read::kOk) {
+  if (root.entries("sys/bus/pci/devices", &devices) == Read::kOk) {
     for (const std::string& device : devices) {
       std::string vendor;
       if (root.text("sys/bus/pci/devices/" + device + "/vendor", &vendor) == Read::kOk)
@@ -67,22 +67,19 @@ const char* pciHint(SystemRoot& root) {
 // The hypervisor's own name for itself, CPUID leaf 0x40000000's EBX, ECX,
 // EDX, where leaf 1 says there is a hypervisor: live, or in a snapshot's
 // dumps. Null when nothing tells.
-const char* cpuidVendor() {
+const char* cpuidVendor(SystemRoot& root) {
   static const char* const kSignatures[][2] = {
       {"KVMKVMKVM", "KVM"},          {"Microsoft Hv", "Microsoft"}, {"VMwareVMware", "VMware"},
       {"XenVMMXenVMM", "Xen"},       {"VBoxVBoxVBox", "Oracle"},    {"TCGTCGTCGTCG", "QEMU"},
       {" lrpepyh  vr", "Parallels"}, {"bhyve bhyve ", "bhyve"},     {"ACRNACRNACRN", "ACRN"}};
-  try {
-    Machine& m = machine();
-    if ((m.cpuid(1, 0).ecx >> 31) == 0) return nullptr;
-    const CpuidRegisters r = m.cpuid(0x40000000, 0);
-    const std::uint32_t words[3] = {r.ebx, r.ecx, r.edx};
-    char name[13] = {};
-    std::memcpy(name, words, sizeof words);
-    for (const auto& [signature, vendor] : kSignatures) {
-      if (std::strcmp(name, signature) == 0) return vendor;
-    }
-  } catch (const Missing&) {
+  const std::optional<CpuidRegisters> leaf1 = root.cpuid(1, 0);
+  const std::optional<CpuidRegisters> r = root.cpuid(0x40000000, 0);
+  if (!leaf1 || (leaf1->ecx >> 31) == 0 || !r) return nullptr;
+  const std::uint32_t words[3] = {r->ebx, r->ecx, r->edx};
+  char name[13] = {};
+  std::memcpy(name, words, sizeof words);
+  for (const auto& [signature, vendor] : kSignatures) {
+    if (std::strcmp(name, signature) == 0) return vendor;
   }
   return nullptr;
 }
@@ -115,13 +112,13 @@ void hypervisor(SystemRoot& root, Topology& t) {
   root.text("sys/class/dmi/id/product_name", &product);
   root.text("sys/hypervisor/type", &type);
   root.text("proc/cpuinfo", &cpuinfo);
-  const bool xenfs = machine().entries("proc/xen", &xen) == Read::kOk;
+  const bool xenfs = root.entries("proc/xen", &xen) == Read::kOk;
   const char* dmi = dmiVendor(vendor + "\n" + product);
   const char* pci = pciHint(root);
   const std::string flags = flagsLine(cpuinfo);
   const bool flag = contains(flags, " hypervisor ");
   const bool isXen = xenfs || type == "xen";
-  const char* named = cpuidVendor();
+  const char* named = cpuidVendor(root);
   if (named == nullptr) named = isXen ? "Xen" : dmi != nullptr ? dmi : pci;
   if (named != nullptr && *named == '\0') named = nullptr;
   const bool vmware = named != nullptr && std::strcmp(named, "VMware") == 0;
@@ -140,8 +137,8 @@ void hypervisor(SystemRoot& root, Topology& t) {
 // process 1's container= environment, the files container managers leave,
 // then the control group's path. "none" where process 1's environment was
 // read and nothing else tells.
-std::optional<std::string> container() {
-  Machine& m = machine();
+std::optional<std::string> container(SystemRoot& root) {
+  Machine& m = root.machine();
   std::string text, why;
   // Read without a failure being recorded: process 1's environment is
   // root's alone.
@@ -174,7 +171,7 @@ std::optional<std::string> container() {
 
 void readVirtualization(SystemRoot& root, Topology& t) {
   hypervisor(root, t);
-  t.container = container();
+  t.container = container(root);
 }
 
 }  // namespace detail

@@ -1,4 +1,4 @@
-#include "linux/linux.h"
+#include "kernel/kernel.h"
 
 #include <algorithm>
 #include <cmath>

@@ -6,7 +6,7 @@
 #include <map>
 #include <tuple>
 
-#include "linux/linux.h"
+#include "kernel/kernel.h"
 
 namespace xrprocdetector {
 namespace detail {
@@ -141,11 +141,7 @@ std::optional<Smt> smtState(SystemRoot& cpus, int maxThreads) {
 void usable(SystemRoot& root, Topology& t) {
   const CgroupLimits limits = readCgroupLimits(root);
   CpuSet affinity;
-  bool haveAffinity = false;
-  try {
-    haveAffinity = machine().affinity(&affinity);
-  } catch (const Missing&) {
-  }
+  const bool haveAffinity = root.affinity(&affinity);
   t.usable = haveAffinity ? affinity & t.online : t.online;
   if (limits.cpuset) t.usable = t.usable & *limits.cpuset;
   t.cpuQuota = limits.quota;
@@ -178,9 +174,9 @@ void processors(SystemRoot& cpus, Topology& t) {
 
 }  // namespace
 
-Topology readTopology() {
+Topology readTopology(Machine& machine) {
   Topology t;
-  SystemRoot root(machine());
+  SystemRoot root(machine);
   // The processors' own files, relative to their folder.
   SystemRoot cpus(root, "sys/devices/system/cpu");
   CpuSet online;

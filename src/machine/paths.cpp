@@ -1,4 +1,6 @@
-#include "machine/machine.h"
+// Paths under a root: opening a file or a folder resolved inside a
+// directory, and reading a whole file within its cap.
+#include "machine/paths.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -7,11 +9,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
-#include <charconv>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 
 namespace xrprocdetector {
@@ -141,132 +139,6 @@ std::size_t capOf(const std::string& path) {
   return path.compare(0, 5, "proc/") == 0 ? kTableCap : kSmallFileCap;
 }
 
-bool parseProcessorList(std::string_view text, CpuSet* set, std::string* error) {
-  *set = CpuSet();
-  // One line; its end is optional.
-  if (!text.empty() && text.back() == '\n') text.remove_suffix(1);
-  const char* p = text.data();
-  const char* const end = p + text.size();
-  const auto number = [&p, end](unsigned long* n) {
-    const auto r = std::from_chars(p, end, *n);
-    if (r.ec == std::errc::result_out_of_range) *n = CpuSet::kLimit;
-    const bool read = r.ptr != p;
-    p = r.ptr;
-    return read;
-  };
-  const char* why = nullptr;
-  long previous = -1;
-  while (p != end && why == nullptr) {
-    unsigned long first = 0;
-    bool ok = number(&first);
-    unsigned long last = first;
-    if (ok && p != end && *p == '-') ok = ++p != end && number(&last);
-    if (!ok || last < first || (p != end && (*p != ',' || p + 1 == end)))
-      why = "not a processor list such as 0-3,8-11";
-    else if (last >= CpuSet::kLimit)
-      why = "a processor number above 8191";
-    else if (static_cast<long>(first) <= previous)
-      why = "processor numbers are not in increasing order";
-    for (unsigned long c = first; why == nullptr && c <= last; ++c)
-      set->add(static_cast<unsigned>(c));
-    previous = static_cast<long>(last);
-    p += p != end ? 1 : 0;
-  }
-  if (why == nullptr) return true;
-  *error = std::string("line 1: ") + why;
-  return false;
-}
-
-bool parseCpuMask(std::string_view text, CpuSet* set, std::string* error) {
-  *set = CpuSet();
-  if (!text.empty() && text.back() == '\n') text.remove_suffix(1);
-  unsigned bit = 0;
-  // From the least significant digit, the last one.
-  for (std::size_t i = text.size(); i-- > 0;) {
-    if (text[i] == ',') continue;
-    const int digit = hexDigit(text[i]);
-    if (digit < 0) {
-      *error = "line 1: not a CPU mask such as 00000000,000000ff";
-      return false;
-    }
-    if (digit != 0 && bit + 4 > CpuSet::kLimit) {
-      *error = "line 1: a processor number above 8191";
-      return false;
-    }
-    for (unsigned b = 0; b < 4; ++b) {
-      if ((digit >> b & 1) != 0) set->add(bit + b);
-    }
-    bit += 4;
-  }
-  return true;
-}
-
-bool numberedName(const std::string& name, const char* prefix, unsigned limit, unsigned* n,
-                  std::string* problem) {
-  const std::size_t from = std::strlen(prefix);
-  if (name.compare(0, from, prefix) != 0 || name.size() == from ||
-      name.find_first_not_of("0123456789", from) != std::string::npos)
-    return false;
-  unsigned long value = 0;
-  for (std::size_t i = from; i < name.size() && value < limit; ++i)
-    value = value * 10 + static_cast<unsigned long>(name[i] - '0');
-  if (name.size() - from > 1 && name[from] == '0') {
-    *problem = "not a processor number in canonical form (no leading zero)";
-  } else if (value >= limit) {
-    *problem = "processor number above " + std::to_string(limit - 1);
-  } else {
-    *n = static_cast<unsigned>(value);
-  }
-  return true;
-}
-
-int hexDigit(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  return c >= 'A' && c <= 'F' ? c - 'A' + 10 : -1;
-}
-
-std::string Error::text() const {
-  if (file.empty()) return why;
-  const std::string step = what.empty() ? "" : what + " ";
-  return step + file + (why.compare(0, 5, "line ") == 0 ? " " : ": ") + why;
-}
-
-bool fail(Error* error, std::string file, std::string why, std::string what) {
-  *error = Error{std::move(what), std::move(file), std::move(why)};
-  return false;
-}
-
-std::string jsonQuoted(std::string_view text) {
-  std::string out = "\"";
-  for (const unsigned char c : text) {
-    if (c == '"' || c == '\\') {
-      out += '\\';
-      out += static_cast<char>(c);
-    } else if (c == '\n') {
-      out += "\\n";
-    } else if (c == '\t') {
-      out += "\\t";
-    } else if (c < 0x20) {
-      char escaped[8];
-      std::snprintf(escaped, sizeof escaped, "\\u%04x", c);
-      out += escaped;
-    } else {
-      out += static_cast<char>(c);
-    }
-  }
-  return out + "\"";
-}
-
-std::string SystemRoot::shown(const std::string& path) const {
-  return machine_.shown(base_ + path);
-}
-
-Read SystemRoot::fail(const std::string& path, const std::string& why) {
-  if (error_.empty()) error_ = Error{"", shown(path), why};
-  return Read::kFailed;
-}
-
 Read listFolder(int dirFd, const std::string& path, std::vector<std::string>* names) {
   names->clear();
   if (dirFd == -1) return Read::kAbsent;
@@ -285,62 +157,6 @@ Read listFolder(int dirFd, const std::string& path, std::vector<std::string>* na
   }
   ::closedir(listing);
   return Read::kOk;
-}
-
-std::vector<unsigned> SystemRoot::processorFolders(const std::string& path) {
-  std::vector<std::string> names;
-  std::vector<unsigned> numbers;
-  machine_.entries(base_ + path, &names);
-  for (const std::string& name : names) {
-    unsigned n = 0;
-    std::string problem;
-    if (!numberedName(name, "cpu", kKernelMaxProcessors, &n, &problem)) continue;
-    if (!problem.empty())
-      fail((path.empty() ? "" : path + "/") + name, problem + ", the kernel's limit");
-    if (problem.empty()) numbers.push_back(n);
-  }
-  std::sort(numbers.begin(), numbers.end());
-  return numbers;
-}
-
-Read SystemRoot::text(const std::string& path, std::string* out) {
-  std::string why;
-  const Read r = machine_.file(base_ + path, capOf(base_ + path), out, &why);
-  if (r == Read::kFailed) return fail(path, why);
-  out->resize(trimmed(*out).size());
-  return r;
-}
-
-bool wholeNumber(std::string_view text, long min, long max, long* value) {
-  const auto r = std::from_chars(text.data(), text.data() + text.size(), *value);
-  return r.ec == std::errc() && r.ptr == text.data() + text.size() && *value >= min &&
-         *value <= max;
-}
-
-std::string_view trimmed(std::string_view text) {
-  while (!text.empty() && std::strchr(" \t\n\r", text.back()) != nullptr)
-    text.remove_suffix(1);
-  return text;
-}
-
-Read SystemRoot::number(const std::string& path, long* value, long min, long max) {
-  std::string t;
-  const Read r = text(path, &t);
-  if (r != Read::kOk || wholeNumber(t, min, max, value)) return r;
-  const std::string range = min == LONG_MIN
-                                ? ""
-                                : " from " + std::to_string(min) +
-                                      (max == LONG_MAX ? " up" : " to " + std::to_string(max));
-  return fail(path, "line 1: not a whole number" + range);
-}
-
-Read SystemRoot::list(const std::string& path, CpuSet* out, bool mask) {
-  std::string t;
-  std::string why;
-  const Read r = text(path, &t);
-  if (r == Read::kOk && !(mask ? parseCpuMask(t, out, &why) : parseProcessorList(t, out, &why)))
-    return fail(path, why);
-  return r;
 }
 
 }  // namespace detail

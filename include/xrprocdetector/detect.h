@@ -246,6 +246,30 @@ struct Processor {
   std::int32_t kind = -1;     ///< index into Topology::coreKinds
   bool online = false;
   bool usable = false;
+  std::int32_t numaNode = -1;        ///< index into Topology::numaNodes
+  std::int32_t lastLevelCache = -1;  ///< index into Topology::caches
+};
+
+/// One NUMA node: the processors closest to one bank of memory.
+struct NumaNode {
+  std::int32_t node = -1;  ///< the kernel's number
+  CpuSet processors;       ///< online processors only; empty for memory-only nodes
+  std::optional<std::uint64_t> memoryBytes;
+  /// The node's row of the distance table, in the order of
+  /// Topology::numaNodes (10 is local); empty where the kernel does not tell.
+  std::vector<std::int32_t> distances;
+};
+
+enum class CacheType { kData, kInstruction, kUnified };
+
+/// One cache instance and the online processors that share it.
+struct Cache {
+  std::int32_t level = 0;
+  CacheType type = CacheType::kUnified;
+  std::uint64_t sizeBytes = 0;
+  std::int32_t lineBytes = 0;  ///< 0 unknown
+  std::int32_t ways = 0;       ///< 0 unknown, -1 fully associative
+  CpuSet processors;
 };
 
 /// One kind of core, with its processors.
@@ -276,6 +300,11 @@ struct Topology {
   /// within a package), never from boost rankings. Empty on one kind.
   std::vector<CoreKindSet> coreKinds;
   std::optional<Smt> smt;
+  /// The NUMA nodes by number; one node holding every processor where the
+  /// kernel lists none.
+  std::vector<NumaNode> numaNodes;
+  /// Every cache instance, by level, then type, then lowest processor.
+  std::vector<Cache> caches;
   /// The tightest CPU bandwidth limit of the process's control group and of
   /// every ancestor visible, in processors; nothing when there is none.
   std::optional<double> cpuQuota;

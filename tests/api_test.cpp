@@ -128,7 +128,7 @@ TEST(Parsers, DescriptorZeroIsOpenLikeAnyOther) {
   EXPECT_EQ(text, "0-1\n");
   EXPECT_EQ(listed, dt::Read::kOk);
   EXPECT_EQ(names, std::vector<std::string>{"online"});
-  EXPECT_EQ(k.logicalProcessors, 2) << k.missing << k.error;
+  EXPECT_EQ(k.logicalProcessors, 2) << k.missing << k.error.message();
   EXPECT_TRUE(zeroClosedAgain);
 }
 
@@ -193,7 +193,6 @@ TEST(Parsers, MasksAndJsonStrings) {
   // Bit 8192, past the kernel's limit; leading zeros past it are no bits.
   EXPECT_FALSE(dt::parseCpuMask("1" + std::string(2048, '0'), &cpus, &error));
   EXPECT_TRUE(dt::parseCpuMask("0" + std::string(2047, '0') + "1", &cpus, &error));
-  EXPECT_EQ(jsonString("a\"b\\c\nd\te\x01"), "\"a\\\"b\\\\c\\nd\\te\\u0001\"");
 }
 
 }  // namespace

@@ -53,7 +53,7 @@ void roundTrip(const Answers& answers) {
   ASSERT_TRUE(xrprocdetector::saveSnapshot(dir.string(), &error)) << error;
   dt::SavedMachine snapshot;
   dt::Error why;
-  ASSERT_TRUE(dt::loadSnapshot(dir.string(), &snapshot, &why)) << why.text();
+  ASSERT_TRUE(dt::loadSnapshot(dir.string(), &snapshot, &why)) << why.message();
   std::filesystem::remove_all(dir);
   EXPECT_EQ(snapshot.cpuid.size(), 2u);
   EXPECT_EQ(snapshot.affinity, xrprocdetector::CpuSet({0, 1}));

@@ -131,5 +131,6 @@ TEST(RealMachine, ABudgetWhoseGroupIsRemovedNamesTheFile) {
   ::rmdir(group.c_str());
   const xrprocdetector::Budget after = budget ? budget->read() : xrprocdetector::Budget();
   EXPECT_EQ(before.cpuQuota, 0.5);
-  EXPECT_EQ(after.error.find(group + "/cpu.cfs_quota_us: cannot read"), 0u) << after.error;
+  EXPECT_EQ(after.error.message().find(group + "/cpu.cfs_quota_us: cannot read"), 0u)
+      << after.error.message();
 }

@@ -61,13 +61,13 @@ std::optional<Source> open(Source::Kind kind, const std::string& name, Input* in
     if (!source) error = "cannot read the snapshot: " + error;
   } else {
     source = kind == Source::Kind::kLive ? Source::live() : Source::cpuinfoFile(name);
-    error = source->error();
+    error = source->error().message();
     if (!error.empty()) source.reset();
   }
   if (source && kind != Source::Kind::kCpuinfo) {
     input->topology = topology(*source);
     input->kernel = kernelTopology(*input->topology);
-    error = input->kernel->error;
+    error = input->kernel->error.message();
     if (!error.empty()) source.reset();
   }
   if (!source) *why = "xrprocdetect: " + error + "\n";
@@ -111,7 +111,7 @@ Report report(const Run& run, Source::Kind kind, const std::string& name) {
     const Detection& row = r.rows.back();
     // A live /proc/cpuinfo that cannot be read: there are other ways in.
     const char* hint = r.input.live ? " (use --cpuinfo FILE, or --algorithm 5.3)" : "";
-    if (!row.error.empty()) r.err += "xrprocdetect: " + row.error + hint + "\n";
+    if (!row.error.empty()) r.err += "xrprocdetect: " + row.error.message() + hint + "\n";
     if (!row.error.empty()) return r.failed = true, r;
     if (run.passDebugOn) r.err += row.debug + row.summary;
   }

@@ -1,27 +1,36 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /**
  * \file
- * xrprocdetector from C (C99) and any language with a C foreign function
- * interface: the topology as processor sets, the processor budget, every
- * generation's detection, snapshots. A thin layer over detect.h: the same
- * answers, computed by the same code.
+ * xrprocdetector's one interface, in C (C99), for C hosts and for every
+ * language with a C foreign function interface: the topology as processor
+ * sets, the processor budget, every generation's detection, snapshots. The
+ * C++ headers (detect.h and the headers it includes) are an inline layer
+ * over it: the same answers, computed by the same code.
  *
  * \code
  * #include <xrprocdetector/c_api.h>
  * printf("threads to start: %d\n", xrpd_effective_processors());
  * \endcode
  *
- * Conventions:
+ * \defgroup xrpd_conventions Conventions of the C interface
+ * Stated once, for every function here:
  * - Everything with a lifetime is an opaque handle, made by a function
- *   whose name ends in _open or _read and ended by the matching _close.
+ *   whose name ends in _open or _read and ended by the matching _close
+ *   (which takes NULL). A source of NULL is this machine.
  * - Answers are plain structs whose first member, `size`, the caller sets
- *   to sizeof the struct it knows; the library fills that much and no
- *   more, so fields added later never reach an older caller's memory.
- * - Functions that can fail return 0 on success (or a handle, or NULL),
- *   and, where they take `char** error`, set *error to a message that the
- *   caller frees with xrpd_free (or leave it NULL). Strings in answers
- *   (`note`, `error`) are freed with xrpd_free too.
- * - Nothing is thrown across this interface.
+ *   to sizeof the struct it knows. The library fills the fields that both
+ *   it and the caller know, never more, and writes back into `size` the
+ *   size it filled (as sched_getattr does): a host built against a later
+ *   header can tell which fields an older library left untouched.
+ * - Functions that can fail return 0 on success and -1 on failure, or a
+ *   handle and NULL. Where they take `char** error`, a failure sets *error
+ *   (when `error` is not NULL) to a message the caller frees with
+ *   xrpd_free. A message, there or in an answer's `error`, reads "WHAT
+ *   FILE: WHY" (what failed, the file to blame, why); xrpd_error_part gives
+ *   each part alone.
+ * - Nothing is thrown across this interface, and no function keeps state
+ *   beyond the handles the caller holds.
+ * @{
  */
 #ifndef XRPROCDETECTOR_C_API_H
 #define XRPROCDETECTOR_C_API_H
@@ -35,16 +44,31 @@
 extern "C" {
 #endif
 
-/** The library's version, such as "1.1.0". */
+/** The library's version, such as "2.0.0". */
 XRPROCDETECTOR_API const char* xrpd_version(void);
 
 /** Frees a string the library gave the caller; NULL is accepted. */
 XRPROCDETECTOR_API void xrpd_free(void* pointer);
 
+/** The parts of a message the library made. */
+typedef enum xrpd_error_part_kind {
+  XRPD_ERROR_WHAT, /**< the step that failed where the reason alone does not say it, or "" */
+  XRPD_ERROR_FILE, /**< the file to blame, or "" where no one file is */
+  XRPD_ERROR_WHY   /**< why */
+} xrpd_error_part_kind;
+
+/**
+ * One part of `message`, a message the library made (through `char**
+ * error` or an answer's `error`) and not yet freed: a string that lives as
+ * long as the message. NULL for a NULL message.
+ */
+XRPROCDETECTOR_API const char* xrpd_error_part(const char* message, xrpd_error_part_kind part);
+
 /**
  * What a host should size a pool of busy threads by, on this machine: the
  * usable processors capped by the CPU quota, at least 1. Never fails: where
- * nothing can be read, the online count, or 1.
+ * the control groups cannot be read, the calling thread's affinity, and
+ * failing that the online count, or 1.
  */
 XRPROCDETECTOR_API int xrpd_effective_processors(void);
 
@@ -59,10 +83,33 @@ XRPROCDETECTOR_API int xrpd_cpuset_count(const xrpd_cpuset* set);
 XRPROCDETECTOR_API int xrpd_cpuset_contains(const xrpd_cpuset* set, unsigned cpu);
 /** `set` in the kernel's list format ("0-3,8"); free it with xrpd_free. */
 XRPROCDETECTOR_API char* xrpd_cpuset_to_list(const xrpd_cpuset* set);
+/**
+ * The set of a list in the kernel's format ("0-3,8"; "" the empty set; one
+ * line end may follow) into *out: 0, or -1 when `list` is not such a list or
+ * names a processor at or above 8192.
+ */
+XRPROCDETECTOR_API int xrpd_cpuset_from_list(const char* list, xrpd_cpuset* out);
 
 /** What detection reads: this machine, a saved /proc/cpuinfo, a snapshot. */
 typedef struct xrpd_source xrpd_source;
 
+/** The kinds of source. */
+typedef enum xrpd_source_kind {
+  XRPD_SOURCE_LIVE,     /**< this machine */
+  XRPD_SOURCE_CPUINFO,  /**< a /proc/cpuinfo text, or the file that holds one */
+  XRPD_SOURCE_SNAPSHOT, /**< a snapshot or a system root */
+} xrpd_source_kind;
+
+/**
+ * A source of `kind`. XRPD_SOURCE_CPUINFO: the file at `path` ("-" standard
+ * input), read now, or with `path` NULL the `length` bytes of `text`,
+ * copied; a file that cannot be read still makes a source, whose detections
+ * report why (*error says it too). XRPD_SOURCE_SNAPSHOT: the snapshot or
+ * system root in the directory `path`, read now; NULL and *error when it
+ * cannot be read or is malformed.
+ */
+XRPROCDETECTOR_API xrpd_source* xrpd_source_open(xrpd_source_kind kind, const char* path,
+                                                 const char* text, size_t length, char** error);
 /** This machine. */
 XRPROCDETECTOR_API xrpd_source* xrpd_source_live(void);
 /** A /proc/cpuinfo text of `length` bytes, copied. */
@@ -82,7 +129,7 @@ typedef enum xrpd_generation {
   XRPD_GENERATION_DEFAULT
 } xrpd_generation;
 
-/** What one generation found (see Detection in detect.h). */
+/** What one generation found (see Detection in generations.h). */
 typedef struct xrpd_detection {
   size_t size; /**< set by the caller: sizeof(xrpd_detection) */
   int counted; /**< 0: the source lacks what the generation reads (`note`) */
@@ -96,7 +143,22 @@ typedef struct xrpd_detection {
   int32_t ended_by;         /**< the default detector: 1 /proc/cpuinfo, 2 CPUID, 3 logical only */
   char* note;               /**< why it did not count; free with xrpd_free */
   char* error;              /**< why the source could not be read; free with xrpd_free */
+  /* Since 2.0.0: */
+  int32_t version_index;  /**< the index the detector was built with */
+  const char* class_name; /**< the detector class, such as "XrProcDetectorLinux32" */
+  char* debug;            /**< the debug lines, at a debug level of 1 or more; xrpd_free */
+  char* summary;          /**< what printSummary wrote, when asked for; xrpd_free */
 } xrpd_detection;
+
+/** How a detection runs (see DetectOptions in generations.h). */
+typedef struct xrpd_detect_options {
+  size_t size; /**< set by the caller: sizeof(xrpd_detect_options) */
+  int32_t debug_level;
+  int32_t version_index; /**< with has_version_index */
+  int has_version_index; /**< 0: the constructor without an index */
+  int echo;              /**< the detector's lines to standard output too */
+  int summary;           /**< call printSummary after detection, kept in `summary` */
+} xrpd_detect_options;
 
 /**
  * Runs `generation` on `source` (NULL: this machine), as detect() does: 0,
@@ -105,8 +167,11 @@ typedef struct xrpd_detection {
  */
 XRPROCDETECTOR_API int xrpd_detect(xrpd_generation generation, const xrpd_source* source,
                                    xrpd_detection* out);
+/** xrpd_detect with `options` (NULL: the defaults). */
+XRPROCDETECTOR_API int xrpd_detect_with(xrpd_generation generation, const xrpd_source* source,
+                                        const xrpd_detect_options* options, xrpd_detection* out);
 
-/** The machine as processor sets (see Topology in detect.h). */
+/** The machine as processor sets (see Topology in topology.h). */
 typedef struct xrpd_topology xrpd_topology;
 
 /** Reads the topology of `source` (NULL: this machine); NULL and *error when memory runs out. */
@@ -130,7 +195,10 @@ typedef struct xrpd_topology_info {
   const char* hypervisor_vendor;   /**< lscpu's word, "none", or NULL; the topology's own */
   const char* virtualization_type; /**< "full", "para" or NULL */
   const char* container;           /**< "docker", ..., "none" or NULL */
-  const char* error;               /**< the first broken file, named, or NULL */
+  const char* error;               /**< the first broken file, named, or NULL; the topology's */
+  /* Since 2.0.0: */
+  xrpd_cpuset present; /**< present (or possible) processors; empty where not listed */
+  const char* missing; /**< what the kernel's files lack, or NULL; the topology's own */
 } xrpd_topology_info;
 
 XRPROCDETECTOR_API int xrpd_topology_get(const xrpd_topology* topology, xrpd_topology_info* out);
@@ -146,6 +214,9 @@ typedef struct xrpd_processor {
   int32_t kind;
   int online;
   int usable;
+  /* Since 2.0.0: */
+  int32_t numa_node;        /**< index of its NUMA node */
+  int32_t last_level_cache; /**< index of its last-level cache */
 } xrpd_processor;
 
 /** The `index`th processor, in increasing order of number; -1 past the last. */
@@ -163,7 +234,7 @@ typedef enum xrpd_set_list { XRPD_PACKAGES, XRPD_CORES, XRPD_CORE_KINDS } xrpd_s
 XRPROCDETECTOR_API int xrpd_topology_set(const xrpd_topology* topology, xrpd_set_list list,
                                          size_t index, xrpd_cpuset* out, const char** name);
 
-/** The processor budget, kept current (see ProcessorBudget in detect.h). */
+/** The processor budget, kept current (see ProcessorBudget in budget.h). */
 typedef struct xrpd_budget xrpd_budget;
 
 /** A budget reading. */
@@ -178,16 +249,26 @@ typedef struct xrpd_budget_reading {
 
 /** Finds and opens the files that bound this process; NULL and *error when it cannot. */
 XRPROCDETECTOR_API xrpd_budget* xrpd_budget_open(char** error);
-/** Reads the budget again: 0, or -1 when `out` or its size is wrong. Safe from several threads. */
+/**
+ * The budget of `source` (NULL: this process on this machine; a snapshot
+ * or system root: the process it recorded), as xrpd_budget_open.
+ */
+XRPROCDETECTOR_API xrpd_budget* xrpd_budget_open_source(const xrpd_source* source, char** error);
+/**
+ * Reads the budget again: 0, or -1 when `out` or its size is wrong. Safe
+ * from several threads at once; closing the budget while another thread
+ * reads it is the caller's to prevent.
+ */
 XRPROCDETECTOR_API int xrpd_budget_read(xrpd_budget* budget, xrpd_budget_reading* out);
 XRPROCDETECTOR_API void xrpd_budget_close(xrpd_budget* budget);
 
-/** Saves this machine as a snapshot in `dir` (see saveSnapshot in detect.h): 0, or -1 and *error.
- */
+/** Saves this machine as a snapshot in `dir` (see saveSnapshot in snapshot.h): 0, or -1. */
 XRPROCDETECTOR_API int xrpd_save_snapshot(const char* dir, char** error);
 
 #ifdef __cplusplus
 }
 #endif
+
+/** @} */
 
 #endif /* XRPROCDETECTOR_C_API_H */

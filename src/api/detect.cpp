@@ -15,27 +15,21 @@
 #include <xrprocdetector/xrprocdetector_legacy_6x.h>
 #include <xrprocdetector/xrprocdetector_linux32_70.h>
 
-#include "api/source.h"
+#include "api/api.h"
 #include "kernel/kernel.h"
 #include "legacy/legacy.h"
 #include "snapshot/snapshot.h"
 
 namespace xrprocdetector {
+namespace detail {
 
 namespace {
 
-struct GenerationInfo {
-  const char* name;
-  const char* className;
-};
-
-const GenerationInfo& infoOf(Generation g) {
-  static const GenerationInfo kInfo[] = {
-      {"5.3", "XrProcDetectorLegacy_53"},   {"6.0", "XrProcDetectorLegacy_6x"},
-      {"6.1", "XrProcDetectorLegacy_6x"},   {"7.0", "XrProcDetectorLinux32_70"},
-      {"default", "XrProcDetectorLinux32"},
-  };
-  return kInfo[static_cast<int>(g)];
+const char* classOf(Generation g) {
+  static const char* const kClasses[] = {"XrProcDetectorLegacy_53", "XrProcDetectorLegacy_6x",
+                                         "XrProcDetectorLegacy_6x", "XrProcDetectorLinux32_70",
+                                         "XrProcDetectorLinux32"};
+  return kClasses[static_cast<int>(g)];
 }
 
 // A FILE that collects what is written to it in memory.
@@ -114,8 +108,7 @@ void run(Generation g, const SourceData& source, const DetectOptions& options, D
     d.endedBy = d.counted ? Strategy::kCpuinfo : Strategy::kNone;
     if (!d.counted) d.note = "no physical id; a live run goes on to the CPUID estimate";
   } else if (g == Generation::kDefault) {
-    d.result =
-        detail::runDefaultDetection(static_cast<XrProcDetectorLinux32&>(*detector), &d.endedBy);
+    d.result = runDefaultDetection(static_cast<XrProcDetectorLinux32&>(*detector), &d.endedBy);
     d.counted = true;
   } else {
     d.result = detector->getProcData();
@@ -128,7 +121,7 @@ void run(Generation g, const SourceData& source, const DetectOptions& options, D
     d.reportedVerdict = d.hyperThreading;
   } else if (g != Generation::k53 && g != Generation::kDefault) {
     d.reportedVerdict = static_cast<HyperThreading>(
-        detail::hyperThreadingVerdict(d.logicalProcessors, d.packages, d.cores).state);
+        hyperThreadingVerdict(d.logicalProcessors, d.packages, d.cores).state);
   }
   if (options.summary) {
     detector->printSummary();
@@ -146,13 +139,13 @@ Detection fresh(const Detection& d) {
 }
 
 // What a source lacks, in the words of a detection that cannot count.
-void lacks(Generation g, const SourceData& source, const detail::Missing& missing, Detection& d) {
+void lacks(Generation g, const SourceData& source, const Missing& missing, Detection& d) {
   const Strategy reached = d.endedBy;
   d = fresh(d);
   const bool estimate = g == Generation::kDefault && reached == Strategy::kCpuid;
   if (source.kind == Source::Kind::kLive)
-    d.error =
-        missing.what + "; generation " + infoOf(g).name + " would never return, so it is not run";
+    d.error.why = missing.what + "; generation " + generationName(g) +
+                  " would never return, so it is not run";
   else
     d.note = (estimate ? "no physical id; the CPUID estimate needs " : "needs ") + missing.what +
              ", which " + source.saved.holder + " does not hold";
@@ -166,19 +159,19 @@ class ThreadState {
   explicit ThreadState(bool probes) {
     if (probes) signals_.emplace();
     try {
-      haveAffinity_ = detail::machine().affinity(&affinity_);
-    } catch (const detail::Missing&) {
+      haveAffinity_ = machine().affinity(&affinity_);
+    } catch (const Missing&) {
       // a saved machine without an affinity: nothing to give back
     }
   }
   ~ThreadState() {
-    if (haveAffinity_) detail::machine().pin(affinity_);
+    if (haveAffinity_) machine().pin(affinity_);
   }
   ThreadState(const ThreadState&) = delete;
   ThreadState& operator=(const ThreadState&) = delete;
 
  private:
-  std::optional<detail::SignalState> signals_;
+  std::optional<SignalState> signals_;
   CpuSet affinity_;
   bool haveAffinity_ = false;
 };
@@ -188,8 +181,8 @@ class ThreadState {
 // output cannot be taken back, so with the echo on a saved source is first
 // run silently to find whether it lacks anything.
 void runOn(Generation g, const SourceData& source, const DetectOptions& options, Detection& d) {
-  const std::unique_ptr<detail::Machine> m = source.machine();
-  const detail::MachineScope scope(*m);
+  const std::unique_ptr<Machine> m = source.machine();
+  const MachineScope scope(*m);
   const auto once = [&](const DetectOptions& o) {
     const ThreadState thread(g == Generation::kDefault);
     run(g, source, o, d);
@@ -203,168 +196,85 @@ void runOn(Generation g, const SourceData& source, const DetectOptions& options,
       d = fresh(d);
     }
     once(options);
-  } catch (const detail::Missing& missing) {
+  } catch (const Missing& missing) {
     lacks(g, source, missing, d);
   }
 }
 
 }  // namespace
 
-const char* version() noexcept {
-  return XRPROCDETECTOR_VERSION;
-}
-
-const char* generationName(Generation generation) noexcept {
-  return infoOf(generation).name;
-}
-
-std::optional<Generation> findGeneration(const std::string& name) noexcept {
-  for (const Generation g :
-       {Generation::k53, Generation::k60, Generation::k61, Generation::k70, Generation::kDefault}) {
-    if (name == infoOf(g).name) return g;
-  }
-  return std::nullopt;
-}
-
-Detection detect(Generation generation, const Source& source,
-                 const DetectOptions& options) noexcept {
+Detection detect(Generation generation, const SourceData& source, const DetectOptions& options) {
   Detection d;
   d.generation = generation;
-  d.className = infoOf(generation).className;
+  d.className = classOf(generation);
   // The index the detector is built with, as its constructor sets it.
   d.versionIndex = generation == Generation::k60 ? tzProcInfo60
                    : generation == Generation::k61 && options.versionIndex == tzProcInfo60
                        ? tzProcInfo71
                        : options.versionIndex.value_or(tzProcInfo71);
-  try {
-    if (!source.data().error.empty()) {
-      d.error = source.data().error;
-      return d;
-    }
-    runOn(generation, source.data(), options, d);
-  } catch (const std::bad_alloc&) {
-    d.counted = false;
-    d.error = "out of memory";
+  if (!source.error.empty()) {
+    d.error = source.error;
+    return d;
   }
+  runOn(generation, source, options, d);
   return d;
 }
 
-Topology topology(const Source& source) noexcept {
-  Topology t;
-  try {
-    const SourceData& data = source.data();
-    if (data.kind == Source::Kind::kCpuinfo) return t;
-    const std::unique_ptr<detail::Machine> m = data.machine();
-    t = detail::readTopology(*m);
-  } catch (const std::bad_alloc&) {
-    t.error = "out of memory";
-  }
-  return t;
-}
-
-KernelTopology kernelTopology(const Source& source) noexcept {
-  return kernelTopology(topology(source));
-}
-
-KernelTopology kernelTopology(const Topology& t) noexcept {
-  KernelTopology k;
-  const auto count = [](std::size_t n) { return static_cast<std::int32_t>(n); };
-  if (!t.online.empty()) k.logicalProcessors = count(t.online.count());
-  if (!t.packages.empty()) k.packages = count(t.packages.size());
-  if (!t.cores.empty()) k.cores = count(t.cores.size());
-  if (!t.present.empty()) k.offlineProcessors = count(t.offline.count());
-  k.smt = t.smt;
-  k.hypervisor = t.hypervisor;
-  if (!t.online.empty()) k.usableProcessors = count(t.usable.count());
-  k.cpuQuota = t.cpuQuota;
-  k.effectiveProcessors = t.effectiveProcessors;
-  for (const CoreKindSet& kind : t.coreKinds)
-    k.coreKinds.push_back({kind.kind, kind.cores, count(kind.processors.count())});
-  k.missing = t.missing;
-  k.error = t.error;
-  return k;
-}
-
-std::optional<Smt> smtOf(const Detection& d) noexcept {
-  if (!d.counted || d.hyperThreading == HyperThreading::kNotDetermined) return std::nullopt;
-  if (d.hyperThreading == HyperThreading::kNotCapable) return Smt::kNotSupported;
-  return d.hyperThreading == HyperThreading::kDisabled ? Smt::kOff : Smt::kOn;  // 2 and 3: on
-}
-
-std::optional<Hypervisor> hypervisorOf(const Detection& d) noexcept {
-  if (!d.counted) return std::nullopt;
-  if (d.vm == VmState::kNone) return Hypervisor::kNone;
-  if (d.vm == VmState::kVmware) return Hypervisor::kVmware;
-  // 15 names an unknown virtual machine only after the CPUID estimate;
-  // elsewhere it is the detectors' "not determined".
-  if (d.vm == VmState::kNotDetermined && d.endedBy == Strategy::kCpuid) return Hypervisor::kOther;
-  return std::nullopt;
-}
-
-Agreement compare(const Detection& d, const KernelTopology& k) noexcept {
-  Agreement a;
-  if (!d.counted) return a;
-  auto same = [](auto mine, auto theirs) {
-    if (!mine || !theirs) return Same::kUnknown;
-    return *mine == *theirs ? Same::kYes : Same::kNo;
-  };
-  a.packages = same(std::optional<std::int32_t>(d.packages), k.packages);
-  a.cores = same(std::optional<std::int32_t>(d.cores), k.cores);
-  a.logicalProcessors = same(std::optional<std::int32_t>(d.logicalProcessors), k.logicalProcessors);
-  a.smt = same(smtOf(d), k.smt);
-  a.hypervisor = same(hypervisorOf(d), k.hypervisor);
-  return a;
+Topology topologyOf(const SourceData& source) {
+  if (source.kind == Source::Kind::kCpuinfo) return {};
+  const std::unique_ptr<Machine> m = source.machine();
+  return readTopology(*m);
 }
 
 namespace {
 
 // Runs every reader the library has on a recording of this machine, so
-// that the snapshot holds exactly what they read.
-void readEverything() {
+// that the snapshot holds exactly what they read. The detector classes
+// read the calling thread's machine: the recording, in scope.
+void readEverything(RecordingMachine& recording) {
+  const MachineScope scope(recording);
   for (const Generation g :
        {Generation::k53, Generation::k60, Generation::k61, Generation::k70, Generation::kDefault}) {
     try {
       const ThreadState thread(g == Generation::kDefault);
       Detection d;
       run(g, SourceData(), DetectOptions{}, d);
-    } catch (const detail::Missing&) {
+    } catch (const Missing&) {
     }
   }
-  detail::readTopology(detail::machine());
-  const detail::SignalState signals;
-  detail::guardedVmwareProbe();
+  readTopology(recording);
+  const SignalState signals;
+  guardedVmwareProbe();
 }
 
 }  // namespace
 
-bool saveSnapshot(const std::string& dir, std::string* error) noexcept {
-  detail::Error why;
+bool save(const std::string& dir, Error* error) {
+  Error why;
   bool saved = false;
   try {
-    detail::RecordingMachine recording(detail::machine());
-    {
-      const detail::MachineScope scope(recording);
-      readEverything();
-    }
+    RecordingMachine recording(machine());
+    readEverything(recording);
     // What makes a snapshot a machine: a broken one of these fails the
     // save; any other file that cannot be read is left out.
     for (const char* file : {"proc/cpuinfo", "sys/devices/system/cpu/possible",
                              "sys/devices/system/cpu/present", "sys/devices/system/cpu/online"}) {
       const auto failed = recording.failures().find(file);
       if (why.empty() && failed != recording.failures().end())
-        detail::fail(&why, "/" + failed->first, failed->second);
+        fail(&why, "/" + failed->first, failed->second);
     }
     if (why.empty() && recording.files().count("proc/cpuinfo") == 0)
-      detail::fail(&why, "/proc/cpuinfo", "cannot open: No such file or directory");
+      fail(&why, "/proc/cpuinfo", "cannot open: No such file or directory");
     if (why.empty() && recording.dumpEveryProcessor(&why))
-      saved = detail::writeSnapshot(
+      saved = writeSnapshot(
           dir, recording, std::string(program_invocation_short_name) + " " + XRPROCDETECTOR_VERSION,
           &why);
   } catch (const std::bad_alloc&) {
-    detail::fail(&why, dir, "out of memory");
+    fail(&why, dir, "out of memory");
   }
-  if (!saved && error != nullptr) *error = why.text();
+  if (!saved) *error = why;
   return saved;
 }
 
+}  // namespace detail
 }  // namespace xrprocdetector

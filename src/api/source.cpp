@@ -1,14 +1,11 @@
 // Sources: the live machine, a saved /proc/cpuinfo, a saved machine.
-#include "api/source.h"
-
 #include <fcntl.h>
-#include <unistd.h>
 
-#include <new>
-
+#include "api/api.h"
 #include "snapshot/snapshot.h"
 
 namespace xrprocdetector {
+namespace detail {
 
 namespace {
 
@@ -17,10 +14,10 @@ std::string readCpuinfo(const std::string& path, std::string* text) {
   const bool standardInput = path == "-";
   const std::string shown = standardInput ? "standard input" : "'" + path + "'";
   std::string why;
-  const detail::Read r = detail::readWholeFile(AT_FDCWD, standardInput ? "/dev/stdin" : path,
-                                               detail::kCpuinfoCap, text, &why, true);
-  if (r == detail::Read::kAbsent) return "cannot open " + shown + ": No such file or directory";
-  if (r == detail::Read::kOk) return "";
+  const Read r =
+      readWholeFile(AT_FDCWD, standardInput ? "/dev/stdin" : path, kCpuinfoCap, text, &why, true);
+  if (r == Read::kAbsent) return "cannot open " + shown + ": No such file or directory";
+  if (r == Read::kOk) return "";
   if (why.compare(0, 11, "larger than") == 0)
     return shown + " is " + why + ", more than any /proc/cpuinfo";
   // "cannot open: reason" becomes "cannot open 'name': reason".
@@ -28,65 +25,37 @@ std::string readCpuinfo(const std::string& path, std::string* text) {
   return why.substr(0, colon) + " " + shown + why.substr(colon);
 }
 
-// A saved /proc/cpuinfo: a machine of one file, which holds nothing else.
-std::shared_ptr<SourceData> textData(std::string text) {
+}  // namespace
+
+std::unique_ptr<Machine> SourceData::machine() const {
+  if (kind == Source::Kind::kLive) return std::make_unique<LiveMachine>(true);
+  return std::make_unique<ReplayMachine>(saved);
+}
+
+const SourceData& liveSource() {
+  static const SourceData live;
+  return live;
+}
+
+std::shared_ptr<SourceData> cpuinfoSource(std::string text, const char* file) {
   auto data = std::make_shared<SourceData>();
   data->kind = Source::Kind::kCpuinfo;
   data->saved.cpuinfo = std::move(text);
   data->saved.holder = "the file";
+  if (file != nullptr) {
+    data->name = file;
+    data->error.why = readCpuinfo(file, &*data->saved.cpuinfo);
+  }
   return data;
 }
 
-}  // namespace
-
-Source::Source(std::shared_ptr<const SourceData> data) : data_(std::move(data)) {}
-
-Source Source::live() {
-  return Source(std::make_shared<SourceData>());
-}
-
-std::unique_ptr<detail::Machine> SourceData::machine() const {
-  if (kind == Source::Kind::kLive) return std::make_unique<detail::LiveMachine>(true);
-  return std::make_unique<detail::ReplayMachine>(saved);
-}
-
-Source Source::cpuinfoText(std::string text) {
-  return Source(textData(std::move(text)));
-}
-
-Source Source::cpuinfoFile(std::string path) {
-  auto data = textData("");
-  data->error = readCpuinfo(path, &*data->saved.cpuinfo);
-  data->name = std::move(path);
-  return Source(std::move(data));
-}
-
-std::optional<Source> Source::snapshot(const std::string& dir, std::string* error) {
+std::shared_ptr<SourceData> snapshotSource(const std::string& dir, Error* error) {
   auto data = std::make_shared<SourceData>();
-  data->kind = Kind::kSnapshot;
+  data->kind = Source::Kind::kSnapshot;
   data->name = dir;
-  detail::Error why;
-  if (!detail::loadSnapshot(dir, &data->saved, &why)) {
-    if (error != nullptr) *error = why.text();
-    return std::nullopt;
-  }
-  return Source(std::move(data));
+  if (!loadSnapshot(dir, &data->saved, error)) return nullptr;
+  return data;
 }
 
-Source::Kind Source::kind() const noexcept {
-  return data_->kind;
-}
-
-const std::string& Source::name() const noexcept {
-  return data_->name;
-}
-
-const std::string& Source::error() const noexcept {
-  return data_->error;
-}
-
-std::string jsonString(const std::string& text) {
-  return detail::jsonQuoted(text);
-}
-
+}  // namespace detail
 }  // namespace xrprocdetector

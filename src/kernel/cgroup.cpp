@@ -187,6 +187,11 @@ bool addLimit(const LimitFile& file, std::string_view text, std::string_view per
   return true;
 }
 
+CpuSet usableOf(const CpuSet& online, const CpuSet* affinity, const CgroupLimits& limits) {
+  const CpuSet usable = affinity != nullptr ? *affinity & online : online;
+  return limits.cpuset ? usable & *limits.cpuset : usable;
+}
+
 std::int32_t effectiveOf(const CpuSet& usable, const std::optional<double>& quota) {
   // A quota of more processors than may be used leaves them as they are.
   auto effective = static_cast<std::int32_t>(usable.count());

@@ -55,6 +55,15 @@ CgroupLimits readCgroupLimits(SystemRoot& root, std::vector<LimitFile>* files = 
 bool addLimit(const LimitFile& file, std::string_view text, std::string_view period,
               CgroupLimits* limits, std::string* why, bool* periodWrong);
 
+// What the process may use: its affinity (none: a tree saved without one),
+// the online processors and the effective cpuset, intersected.
+CpuSet usableOf(const CpuSet& online, const CpuSet* affinity, const CgroupLimits& limits);
+
+// The online processors: the kernel's list, or on kernels without one, the
+// cpuN folders, each online unless its own online file says 0. `cpus` is
+// sys/devices/system/cpu.
+Read onlineProcessors(SystemRoot& cpus, CpuSet* online);
+
 // What a host should size a pool of busy threads by: the usable
 // processors, capped by the quota rounded up, and at least 1.
 std::int32_t effectiveOf(const CpuSet& usable, const std::optional<double>& quota);

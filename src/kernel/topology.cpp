@@ -19,19 +19,6 @@ std::string cpuFile(unsigned cpu, const char* file) {
   return "cpu" + std::to_string(cpu) + "/" + file;
 }
 
-// The online processors: the kernel's list, or on kernels without one, the
-// cpuN folders, each online unless its own online file says 0.
-Read onlineProcessors(SystemRoot& cpus, CpuSet* online) {
-  const Read r = cpus.list("online", online);
-  if (r != Read::kAbsent) return r;
-  for (const unsigned n : cpus.processorFolders("")) {
-    long state = 1;
-    if (cpus.number(cpuFile(n, "online"), &state) == Read::kFailed) break;
-    if (state != 0) online->add(n);
-  }
-  return online->empty() ? Read::kAbsent : Read::kOk;
-}
-
 // The kernel's files that list a processor's siblings: the masks that every
 // kernel since 2.6 has and lscpu reads, the newer names, then the lists.
 const char* const kCoreFiles[] = {"topology/thread_siblings", "topology/core_cpus",
@@ -141,9 +128,7 @@ std::optional<Smt> smtState(SystemRoot& cpus, int maxThreads) {
 void usable(SystemRoot& root, Topology& t) {
   const CgroupLimits limits = readCgroupLimits(root);
   CpuSet affinity;
-  const bool haveAffinity = root.affinity(&affinity);
-  t.usable = haveAffinity ? affinity & t.online : t.online;
-  if (limits.cpuset) t.usable = t.usable & *limits.cpuset;
+  t.usable = usableOf(t.online, root.affinity(&affinity) ? &affinity : nullptr, limits);
   t.cpuQuota = limits.quota;
   t.effectiveProcessors = effectiveOf(t.usable, limits.quota);
 }
@@ -174,6 +159,17 @@ void processors(SystemRoot& cpus, Topology& t) {
 
 }  // namespace
 
+Read onlineProcessors(SystemRoot& cpus, CpuSet* online) {
+  const Read r = cpus.list("online", online);
+  if (r != Read::kAbsent) return r;
+  for (const unsigned n : cpus.processorFolders("")) {
+    long state = 1;
+    if (cpus.number(cpuFile(n, "online"), &state) == Read::kFailed) break;
+    if (state != 0) online->add(n);
+  }
+  return online->empty() ? Read::kAbsent : Read::kOk;
+}
+
 Topology readTopology(Machine& machine) {
   Topology t;
   SystemRoot root(machine);
@@ -199,7 +195,7 @@ Topology readTopology(Machine& machine) {
   }
   t.smt = smtState(cpus, maxThreads);
   readVirtualization(root, t);
-  t.error = (!cpus.error().empty() ? cpus.error() : root.error()).text();
+  t.error = !cpus.error().empty() ? cpus.error() : root.error();
   return t;
 }
 

@@ -114,6 +114,10 @@ bool LiveMachine::affinity(CpuSet* set) {
   return true;
 }
 
+int LiveMachine::keep(const std::string& path) {
+  return openInRoot(AT_FDCWD, "/" + path, O_RDONLY);
+}
+
 bool LiveMachine::pin(const CpuSet& set) {
   std::uint64_t words[CpuSet::kLimit / 64] = {};
   for (const unsigned c : set)

@@ -86,6 +86,10 @@ class Machine {
   virtual bool affinity(CpuSet* set) = 0;
   // Pins the calling thread to `set`; false (nothing changed) when refused.
   virtual bool pin(const CpuSet& set) = 0;
+  // A descriptor of the file at `path`, to be read again with pread by a
+  // reader that keeps it (and closes it); -1 where the machine keeps no
+  // descriptors (a saved machine: read it with file()).
+  virtual int keep(const std::string& /*path*/) { return -1; }
 };
 
 // The calling thread's machine.
@@ -140,6 +144,7 @@ class LiveMachine : public TreeMachine {
   long processorCount(int name) override;
   bool affinity(CpuSet* set) override;
   bool pin(const CpuSet& set) override;
+  int keep(const std::string& path) override;
 
  private:
   bool strict_;

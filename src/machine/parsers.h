@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-#include <xrprocdetector/detect.h>
+#include <xrprocdetector/cpuset.h>
 
 namespace xrprocdetector {
 namespace detail {

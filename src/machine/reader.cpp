@@ -6,12 +6,6 @@
 namespace xrprocdetector {
 namespace detail {
 
-std::string Error::text() const {
-  if (file.empty()) return why;
-  const std::string step = what.empty() ? "" : what + " ";
-  return step + file + (why.compare(0, 5, "line ") == 0 ? " " : ": ") + why;
-}
-
 bool fail(Error* error, std::string file, std::string why, std::string what) {
   *error = Error{std::move(what), std::move(file), std::move(why)};
   return false;

@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include <xrprocdetector/error.h>
+
 #include "machine/parsers.h"
 #include "machine/paths.h"
 
@@ -17,15 +19,7 @@ namespace detail {
 // What went wrong, the one shape of every failure: the step that failed
 // where the reason alone does not say it ("cannot create"), the file to
 // blame as a message names it (empty where no one file is), and why.
-struct Error {
-  std::string what;
-  std::string file;
-  std::string why;
-  // "WHAT FILE: WHY", or "FILE line N: ..." where a line is to blame, or
-  // WHY alone without a file.
-  std::string text() const;
-  bool empty() const { return why.empty(); }
-};
+using Error = xrprocdetector::Error;
 // Sets *error and returns false: the end of a step that failed.
 bool fail(Error* error, std::string file, std::string why, std::string what = "");
 

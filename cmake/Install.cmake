@@ -3,7 +3,7 @@
 # the tool with its manual page and bash completion.
 #
 # Every rule names the component, and so the Debian package, it belongs to:
-#   runtime  the shared object (libxrprocdetector.so.1 and .so.1.1.0)
+#   runtime  the shared object (libxrprocdetector.so.2 and .so.2.0.0)
 #   dev      headers, the static library, the libxrprocdetector.so link,
 #            the CMake package and xrprocdetector.pc
 #   tool     xrprocdetect, xrprocdetect(1) and its bash completion

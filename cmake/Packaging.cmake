@@ -3,7 +3,7 @@
 # Debian packages: `cpack -G DEB` (or `cpack`) in a build directory packs what
 # `cmake --install` installs, one package per install component:
 #
-#   libxrprocdetector1     (runtime) the shared object, in a shared build
+#   libxrprocdetector2     (runtime) the shared object, in a shared build
 #   libxrprocdetector-dev  (dev)     headers, static library, the .so link,
 #                                    CMake package and xrprocdetector.pc
 #   xrprocdetect           (tool)    the tool, its manual page and completion

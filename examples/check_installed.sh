@@ -16,7 +16,7 @@
 # programs and the installed tool (each must exit 0).
 #
 # Then it builds the Debian packages with `cpack -G DEB`: libxrprocdetector-dev
-# and xrprocdetect, and from the shared build libxrprocdetector1 and
+# and xrprocdetect, and from the shared build libxrprocdetector2 and
 # python3-xrprocdetector as well. It
 # checks their control fields, that each holds its share of the installed
 # files and nothing else but its copyright and changelog.Debian.gz, and runs

@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
 """How many processors this machine has, and how many this process may use.
 
-A module on xrprocdetector's C interface (libxrprocdetector.so.1), through
+A module on xrprocdetector's C interface (libxrprocdetector.so.2), through
 ctypes and nothing else::
 
     >>> import xrprocdetector
@@ -28,7 +28,7 @@ class XrProcDetectorError(Exception):
     """What the library said went wrong."""
 
 
-_lib = ctypes.CDLL(os.environ.get("XRPROCDETECTOR_LIBRARY") or "libxrprocdetector.so.1")
+_lib = ctypes.CDLL(os.environ.get("XRPROCDETECTOR_LIBRARY") or "libxrprocdetector.so.2")
 _char_p = ctypes.POINTER(ctypes.c_char)
 
 

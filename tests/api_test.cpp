@@ -174,6 +174,35 @@ TEST(CpuSets, ListsReadBackAsWrittenAndSetsIntersect) {
   EXPECT_EQ(std::vector<unsigned>(a.begin(), a.end()), (std::vector<unsigned>{1, 3, 5, 8000}));
   EXPECT_EQ((a & *CpuSet::fromList("0-4")).toList(), "1,3");
   EXPECT_TRUE((a & CpuSet()).empty() && a != CpuSet({1, 3, 5}));
+  CpuSet b = a | *CpuSet::fromList("0-2");
+  b.remove(8000);
+  EXPECT_EQ(b.toList(), "0-3,5");
+  EXPECT_EQ((b - a).toList(), "0,2");
+}
+
+// A budget opened on a saved machine answers as topology() does on it, on
+// every system root kept for the tests: the same rule, read the same way.
+TEST(Budget, OnEverySystemRootAsTheTopology) {
+  int compared = 0;
+  for (const auto& root : fs::directory_iterator(XRPROCDETECTOR_TEST_DATA "/sysroots")) {
+    const std::optional<Source> source = Source::snapshot(root.path().string());
+    ASSERT_TRUE(source) << root.path();
+    const Topology t = topology(*source);
+    Error why;
+    std::optional<ProcessorBudget> budget = ProcessorBudget::open(*source, &why);
+    if (!t.error.empty()) {
+      EXPECT_TRUE(!budget || !budget->read().error.empty()) << root.path();
+    }
+    if (t.online.empty() || !t.error.empty()) continue;  // nothing known to compare
+    ASSERT_TRUE(budget) << root.path() << ": " << why.message();
+    const Budget b = budget->read();
+    EXPECT_TRUE(b.error.empty()) << root.path() << ": " << b.error.message();
+    EXPECT_EQ(b.usable, t.usable) << root.path();
+    EXPECT_EQ(b.cpuQuota, t.cpuQuota) << root.path();
+    EXPECT_EQ(b.effectiveProcessors, t.effectiveProcessors) << root.path();
+    ++compared;
+  }
+  EXPECT_GE(compared, 40);
 }
 
 TEST(Parsers, MasksAndJsonStrings) {

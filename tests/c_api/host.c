@@ -79,6 +79,26 @@ int main(int argc, char** argv) {
             ((unsigned char*)&old)[offsetof(xrpd_detection, cores)] == 0x5a &&
             ((unsigned char*)&old)[sizeof old - 1] == 0x5a,
         "a smaller struct is filled no further than its size");
+  check(old.size == offsetof(xrpd_detection, cores), "and its size comes back as it was");
+  /* A caller that knows more fields than this library learns how many it filled. */
+  {
+    unsigned char later[sizeof(xrpd_processor) + 16];
+    xrpd_processor* p = (xrpd_processor*)(void*)later;
+    xrpd_topology* t = xrpd_topology_read(NULL, NULL);
+    memset(later, 0x5a, sizeof later);
+    p->size = sizeof later;
+    check(xrpd_topology_processor(t, 0, p) == 0 && p->size == sizeof(xrpd_processor) &&
+              later[sizeof later - 1] == 0x5a,
+          "a larger struct gets back the size filled");
+    xrpd_topology_close(t);
+  }
+  /* A message's parts: the file to blame alone, and why. */
+  check(xrpd_source_snapshot("/no/such/snapshot", &error) == NULL &&
+            strcmp(xrpd_error_part(error, XRPD_ERROR_FILE), "/no/such/snapshot") == 0 &&
+            strstr(error, xrpd_error_part(error, XRPD_ERROR_WHY)) != NULL &&
+            strcmp(xrpd_error_part(error, XRPD_ERROR_WHAT), "") == 0,
+        "a message and its parts");
+  xrpd_free(error);
   printf("%d failed\n", failures);
   return failures == 0 ? 0 : 1;
 }

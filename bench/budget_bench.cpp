@@ -4,9 +4,15 @@
 // allocations of one call.
 #include <benchmark/benchmark.h>
 
+#include <dirent.h>
+#include <sched.h>
+#include <unistd.h>
+
 #include <atomic>
 #include <cstdlib>
 #include <new>
+#include <set>
+#include <string>
 
 #include <xrprocdetector/detect.h>
 
@@ -30,6 +36,38 @@ void budgetRead(benchmark::State& state) {
   measure(state, [&budget] { return budget->read().effectiveProcessors; });
 }
 
+// The descriptors this process has open.
+std::set<int> openDescriptors() {
+  std::set<int> fds;
+  if (DIR* dir = opendir("/proc/self/fd")) {
+    while (const dirent* entry = readdir(dir))
+      if (entry->d_name[0] != '.') fds.insert(std::atoi(entry->d_name));
+    closedir(dir);
+  }
+  return fds;
+}
+
+// The system calls a read cannot do without, measured in the same run: one
+// pread of each descriptor the budget keeps (those open() added) and one
+// sched_getaffinity. budgetRead over this is what the budget adds.
+void systemCalls(benchmark::State& state) {
+  const std::set<int> before = openDescriptors();
+  std::optional<xrprocdetector::ProcessorBudget> budget = xrprocdetector::ProcessorBudget::open();
+  if (!budget) return state.SkipWithError("cannot open the budget");
+  std::set<int> kept = openDescriptors();
+  for (const int fd : before)
+    kept.erase(fd);
+  kept.erase(*kept.rbegin());  // the listing's own descriptor, closed by now
+  static char buffer[65536];
+  cpu_set_t affinity;
+  for (auto _ : state) {
+    for (const int fd : kept)
+      benchmark::DoNotOptimize(pread(fd, buffer, sizeof buffer, 0));
+    benchmark::DoNotOptimize(sched_getaffinity(0, sizeof affinity, &affinity));
+  }
+  state.counters["descriptors"] = static_cast<double>(kept.size());
+}
+
 void topology(benchmark::State& state) {
   measure(state, [] { return xrprocdetector::topology().effectiveProcessors; });
 }
@@ -39,6 +77,7 @@ void kernelTopology(benchmark::State& state) {
 }
 
 BENCHMARK(budgetRead);
+BENCHMARK(systemCalls);
 BENCHMARK(topology);
 BENCHMARK(kernelTopology);
 

@@ -17,6 +17,7 @@ import ctypes
 import ctypes.util
 import dataclasses
 import os
+import threading
 from typing import List, Optional, Set
 
 __all__ = ["Budget", "BudgetReading", "Detection", "Processor", "Topology",
@@ -78,6 +79,7 @@ for _name, _result, _args in [
          [_P, ctypes.c_int, ctypes.c_size_t, ctypes.POINTER(_CpuSet),
           ctypes.POINTER(ctypes.c_char_p)]),
         ("xrpd_budget_open", _P, [_ERR]), ("xrpd_budget_close", None, [_P]),
+        ("xrpd_budget_open_source", _P, [_P, _ERR]),
         ("xrpd_budget_read", ctypes.c_int, [_P, ctypes.POINTER(_ReadingC)]),
         ("xrpd_save_snapshot", ctypes.c_int, [ctypes.c_char_p, _ERR])]:
     getattr(_lib, _name).restype = _result
@@ -105,10 +107,22 @@ def _call(function, *args):
     return result
 
 
+def _path(path) -> bytes:
+    """A path as the library takes it; a path it cannot take raises."""
+    try:
+        encoded = os.fsencode(path)
+    except TypeError:
+        raise XrProcDetectorError("a path is a str, bytes or os.PathLike, not %s"
+                                  % type(path).__name__) from None
+    if b"\0" in encoded:
+        raise XrProcDetectorError("a path cannot hold a NUL character: %r" % (path,))
+    return encoded
+
+
 def _source(snapshot: Optional[str]) -> int:
     if snapshot is None:
         return _lib.xrpd_source_live()
-    return _call(_lib.xrpd_source_snapshot, os.fsencode(snapshot))
+    return _call(_lib.xrpd_source_snapshot, _path(snapshot))
 
 
 def effective_processors() -> int:
@@ -222,7 +236,7 @@ def topology(snapshot: Optional[str] = None) -> Topology:
 
 def save_snapshot(path: str) -> None:
     """Saves this machine into `path`, a new or empty directory."""
-    _call(_lib.xrpd_save_snapshot, os.fsencode(path))
+    _call(_lib.xrpd_save_snapshot, _path(path))
 
 
 @dataclasses.dataclass
@@ -235,17 +249,30 @@ class BudgetReading:
 
 
 class Budget:
-    """The processor budget, kept current for a few system calls a read()."""
+    """The processor budget, kept current for a few system calls a read().
 
-    def __init__(self) -> None:
-        self._handle = _call(_lib.xrpd_budget_open)
+    Any thread may read it and close it, also while others read: a close
+    waits for the reads under way, and a read after it raises.
+    """
+
+    _handle = None  # so that a Budget() that failed closes as a closed one
+
+    def __init__(self, snapshot: Optional[str] = None) -> None:
+        self._lock = threading.Lock()
+        source = _source(snapshot)
+        try:
+            self._handle = _call(_lib.xrpd_budget_open_source, source)
+        finally:
+            _lib.xrpd_source_close(source)
 
     def read(self) -> BudgetReading:
         """Reads the budget again: what changed since shows."""
-        if not self._handle:
-            raise XrProcDetectorError("the budget is closed")
         r = _ReadingC(size=ctypes.sizeof(_ReadingC))
-        if _lib.xrpd_budget_read(self._handle, ctypes.byref(r)) != 0:
+        with self._lock:
+            if not self._handle:
+                raise XrProcDetectorError("the budget is closed")
+            status = _lib.xrpd_budget_read(self._handle, ctypes.byref(r))
+        if status != 0:
             raise XrProcDetectorError("the budget could not be read")
         return BudgetReading(r.usable.to_set(), r.cpu_quota or None, r.effective_processors,
                              _take(r.error))
@@ -253,8 +280,9 @@ class Budget:
     def close(self) -> None:
         """Closes the budget's files; reading it afterwards raises."""
         if self._handle:
-            _lib.xrpd_budget_close(self._handle)
-            self._handle = None
+            with self._lock:
+                handle, self._handle = self._handle, None
+            _lib.xrpd_budget_close(handle)
 
     def __enter__(self) -> "Budget":
         return self

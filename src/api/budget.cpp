@@ -92,7 +92,7 @@ class BudgetState {
   }
 
  private:
-  static constexpr const char* kOnline = "sys/devices/system/cpu/online";
+  const std::string kOnline = "sys/devices/system/cpu/online";
 
   // The online list, or on kernels without one the processors' own files.
   void readOnline(CpuSet* online, Budget* b) {

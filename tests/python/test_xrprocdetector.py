@@ -80,3 +80,52 @@ def test_bad_input_raises_and_leaks_nothing(tmp_path):
         grown = (int(statm.read().split()[1]) - resident) * os.sysconf("SC_PAGE_SIZE")
     assert len(os.listdir("/proc/self/fd")) == descriptors
     assert grown < 4 << 20  # 4000 failed calls: no leak of a few hundred bytes each
+
+
+def test_a_budget_read_and_closed_from_threads_at_once():
+    """Readers racing a close: each read answers or raises, the interpreter lives."""
+    import threading
+    for _ in range(20):
+        budget = xr.Budget()
+        outcomes = []
+
+        def reader():
+            for _ in range(50):
+                try:
+                    outcomes.append(budget.read().effective_processors >= 1)
+                except xr.XrProcDetectorError as e:
+                    outcomes.append(str(e) == "the budget is closed")
+        threads = [threading.Thread(target=reader) for _ in range(4)]
+        for thread in threads:
+            thread.start()
+        budget.close()
+        for thread in threads:
+            thread.join()
+        assert all(outcomes) and len(outcomes) == 200
+
+
+def test_a_budget_on_a_snapshot_answers_as_its_topology():
+    path = os.path.join(SYSROOTS, "budget-all-four-8")
+    t, reading = xr.topology(snapshot=path), xr.Budget(snapshot=path).read()
+    assert (reading.usable, reading.cpu_quota, reading.effective_processors) == \
+        (t.usable, t.cpu_quota, t.effective_processors) == ({2, 3, 4, 5}, 0.5, 1)
+
+
+@pytest.mark.parametrize("bad", ["dir\0/../elsewhere", 42, None.__class__])
+def test_paths_the_library_cannot_take_raise_its_error(tmp_path, bad):
+    with pytest.raises(xr.XrProcDetectorError):
+        xr.save_snapshot(bad if bad != "dir\0/../elsewhere" else str(tmp_path) + "/" + bad)
+    with pytest.raises(xr.XrProcDetectorError):
+        xr.topology(snapshot=bad)
+    assert os.listdir(tmp_path) == []
+
+
+def test_a_budget_that_failed_to_open_is_collected_quietly(monkeypatch):
+    import gc
+    import sys
+    unraisable = []
+    monkeypatch.setattr(sys, "unraisablehook", unraisable.append)
+    with pytest.raises(xr.XrProcDetectorError):
+        xr.Budget(snapshot="/no/such/snapshot")
+    gc.collect()
+    assert unraisable == []

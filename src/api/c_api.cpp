@@ -25,7 +25,8 @@ namespace {
 
 using namespace xrprocdetector;
 
-// A copy the caller frees with xrpd_free; NULL when memory ran out.
+// A copy the caller frees with xrpd_free, NULs inside included; NULL when
+// memory ran out.
 char* copy(const std::string& text) {
   char* out = static_cast<char*>(std::malloc(text.size() + 1));
   if (out != nullptr) std::memcpy(out, text.c_str(), text.size() + 1);
@@ -41,11 +42,7 @@ std::string partsOf(const Error& e) {
 
 // The message of `e` as the caller frees it; NULL for none.
 char* copyError(const Error& e) {
-  if (e.empty()) return nullptr;
-  const std::string parts = partsOf(e);
-  char* out = static_cast<char*>(std::malloc(parts.size() + 1));
-  if (out != nullptr) std::memcpy(out, parts.data(), parts.size() + 1);
-  return out;
+  return e.empty() ? nullptr : copy(partsOf(e));
 }
 
 void say(char** error, const Error& why) {

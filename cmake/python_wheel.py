@@ -12,6 +12,7 @@ xrprocdetector-VERSION-py3-none-linux_x86_64.whl. Needs setuptools >= 61 and
 wheel (Debian: python3-setuptools, python3-wheel).
 """
 import glob
+import importlib.util
 import os
 import shutil
 import subprocess
@@ -19,12 +20,12 @@ import sys
 
 
 def main(library, version, source, out, strip=""):
-    try:
-        import setuptools
-        import wheel  # noqa: F401  setuptools' bdist_wheel comes from it
-    except ImportError as error:
-        sys.exit("python-wheel: %s; install setuptools and wheel (Debian: apt-get install "
-                 "python3-setuptools python3-wheel)" % error)
+    # setuptools builds the wheel with the bdist_wheel command that wheel provides.
+    missing = [name for name in ("setuptools", "wheel") if importlib.util.find_spec(name) is None]
+    if missing:
+        sys.exit("python-wheel: %s has no %s; install setuptools and wheel (Debian: apt-get "
+                 "install python3-setuptools python3-wheel)" % (sys.executable, " or ".join(missing)))
+    import setuptools
     if int(setuptools.__version__.split(".")[0]) < 61:
         sys.exit("python-wheel: setuptools %s is too old for pyproject.toml's [project]; "
                  "61 or later is needed" % setuptools.__version__)

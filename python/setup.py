@@ -1,5 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
-"""What pyproject.toml cannot say: the version, and the wheel's platform.
+"""What pyproject.toml leaves to setuptools' own words: the version, the
+package with the library the wheel target puts in it, and the wheel's
+platform.
 
 The version is CMake's project version: from the file VERSION beside this one
 where the wheel target wrote it, else from the checkout's CMakeLists.txt. A
@@ -33,5 +35,6 @@ def version() -> str:
 
 
 carries_library = glob.glob(os.path.join(HERE, "xrprocdetector", "libxrprocdetector.so.*"))
-setup(version=version(),
+setup(version=version(), packages=["xrprocdetector"],
+      package_data={"xrprocdetector": ["libxrprocdetector.so.*"]},
       options={"bdist_wheel": {"plat_name": "linux_x86_64"}} if carries_library else {})

@@ -10,7 +10,7 @@
 # threads to start must be between 1 and the processors this process may use.
 # Skips (77) without cc or pkg-config.
 #
-#   c_link_lines.sh BUILD_DIR SOURCE_DIR
+#   examples/check_c_link_lines.sh BUILD_DIR SOURCE_DIR     (CTest: install.c_link_lines)
 set -euo pipefail
 build=$1 source=$2
 for tool in cc pkg-config; do

@@ -4,14 +4,18 @@
 # (--system-site-packages), then `pip install --no-build-isolation ./python`,
 # offline. The installed module must be the venv's, of the project's version,
 # a wheel for any platform (it carries no library), and must run on the
-# library XRPROCDETECTOR_LIBRARY names. The checkout is copied first (python/
-# and the CMakeLists.txt that holds the version), so that pip's build leaves
-# nothing in the source tree. Skips (77) where the Python lacks venv,
-# setuptools or wheel.
+# library XRPROCDETECTOR_LIBRARY names. Without it, where the system has no
+# SONAME to load either, the import must raise XrProcDetectorError naming
+# the files it tried, in order (beside the module, then the SONAME), and the
+# ways to get one. The checkout is copied first (python/ and the
+# CMakeLists.txt that holds the version), so that pip's build leaves nothing
+# in the source tree. Skips (77) where the Python lacks venv, setuptools or
+# wheel.
 #
-#   python_checkout.sh SOURCE_DIR PYTHON VERSION LIBRARY
+#   examples/check_pip_checkout.sh SOURCE_DIR PYTHON VERSION LIBRARY SONAME
+#                                                    (CTest: install.python_checkout)
 set -euo pipefail
-source=$1 python=$2 version=$3 library=$4
+source=$1 python=$2 version=$3 library=$4 soname=$5
 fail() {
   echo "FAILED: $*"
   exit 1
@@ -46,3 +50,21 @@ assert x.effective_processors() >= 1
 print("installed from the checkout: %s, version %s, effective_processors() = %d"
       % (x.__file__, version, x.effective_processors()))
 PY
+
+# Nothing to load: no copy beside the module, no library named.
+if ! error=$(cd "$work" && env -u PYTHONPATH XRPROCDETECTOR_LIBRARY= LD_LIBRARY_PATH= \
+  "$work/venv/bin/python" -c 'import xrprocdetector' 2>&1); then
+  error=$(sed -n '/^xrprocdetector.XrProcDetectorError: /,$p' <<<"$error")  # past the traceback
+  echo "$error"
+  [ -n "$error" ] || fail "the import failed without XrProcDetectorError"
+  site=$("$work/venv/bin/python" -c 'import sysconfig; print(sysconfig.get_path("purelib"))')
+  tried=$(sed -n 's/^  \([^:]*\):.*/\1/p' <<<"$error" | tr '\n' ' ')
+  [ "$tried" = "$site/xrprocdetector/$soname $soname " ] || fail "the import tried: $tried"
+  for fix in "pip install xrprocdetector-" "Debian package libxrprocdetector${soname##*.}," \
+    XRPROCDETECTOR_LIBRARY; do
+    grep -qF "$fix" <<<"$error" || fail "the error does not say '$fix'"
+  done
+  echo "an import with nothing to load raises XrProcDetectorError, naming what it tried"
+else
+  echo "this system has $soname: the error of an import with nothing to load is not checked"
+fi

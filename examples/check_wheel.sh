@@ -4,12 +4,14 @@
 # found besides Debian's /usr/bin/python3 (pyenv's versions, python3 on
 # PATH), a fresh venv, `pip install --no-index` of the wheel and nothing
 # else, and the module run there with no XRPROCDETECTOR_LIBRARY: it must load
-# the wheel's own copy of the library and answer. The wheel must hold the
+# the wheel's own copy of the library and answer; and with
+# XRPROCDETECTOR_LIBRARY naming a missing file, it must try that alone and
+# raise XrProcDetectorError, though its own copy is there. The wheel must hold the
 # module, the library under its SONAME, the licence, and the tags that say
 # Linux on x86-64, any Python 3. Skips (77) where no other Python is found or
 # the building Python lacks setuptools or wheel.
 #
-#   python_wheel.sh BUILD_DIR BUILD_PYTHON VERSION SONAME
+#   examples/check_wheel.sh BUILD_DIR BUILD_PYTHON VERSION SONAME   (CTest: install.python_wheel)
 set -euo pipefail
 build=$1 build_python=$2 version=$3 soname=$4
 fail() {
@@ -101,5 +103,12 @@ print("Python %s: effective_processors() = %d; topology(): online %s, usable %s,
       "%d core(s); library %s" % (sys.version.split()[0], n, sorted(t.online), sorted(t.usable),
                                   len(t.packages), len(t.cores), sorted(loaded)[0]))
 PY
+  error=$(cd "$work" && env -u PYTHONPATH XRPROCDETECTOR_LIBRARY="$work/nowhere/$soname" \
+    "$venv/bin/python" -c 'import xrprocdetector' 2>&1) &&
+    fail "python $py_version loaded a library though XRPROCDETECTOR_LIBRARY names a missing file"
+  tried=$(sed -n '/^xrprocdetector.XrProcDetectorError: /,$p' <<<"$error" | sed -n 's/^  \([^:]*\):.*/\1/p')
+  [ "$tried" = "$work/nowhere/$soname" ] ||
+    fail "python $py_version, XRPROCDETECTOR_LIBRARY naming a missing file: $error"
 done
-echo "the wheel installs offline and runs in ${#chosen[@]} fresh venv(s)"
+echo "the wheel installs offline and runs in ${#chosen[@]} fresh venv(s); a library named"
+echo "by XRPROCDETECTOR_LIBRARY is the only one tried"

@@ -19,11 +19,13 @@ fail() {
   exit 1
 }
 
+# pyenv's root: its own answer, else where it installs itself by default.
+pyenv_root=$(pyenv root 2>/dev/null) ||
+  pyenv_root=${PYENV_ROOT:-$(getent passwd "$(id -u)" | cut -d: -f6)/.pyenv}
 # Every CPython >= 3.8 but Debian's, as "VERSION REAL_PATH", oldest first.
 interpreters() {
   local candidate
-  for candidate in "${PYENV_ROOT:-$HOME/.pyenv}"/versions/*/bin/python3 \
-    $(type -ap python3); do
+  for candidate in "$pyenv_root"/versions/*/bin/python3 $(type -ap python3); do
     [ -x "$candidate" ] || continue
     "$candidate" - 2>/dev/null <<'PY' || true
 import os, platform, sys
@@ -37,7 +39,7 @@ PY
 mapfile -t found < <(interpreters)
 if [ ${#found[@]} -eq 0 ]; then
   echo "skipped: no CPython 3.8 or later with venv besides Debian's /usr/bin/python3"
-  echo "(looked in ${PYENV_ROOT:-$HOME/.pyenv}/versions and at python3 on PATH)"
+  echo "(looked in $pyenv_root/versions and at python3 on PATH)"
   exit 77
 fi
 if ! "$build_python" -c 'import setuptools, wheel' 2>/dev/null; then
@@ -46,7 +48,7 @@ if ! "$build_python" -c 'import setuptools, wheel' 2>/dev/null; then
 fi
 chosen=("${found[0]}")
 [ ${#found[@]} -gt 1 ] && chosen+=("${found[-1]}")
-echo "CPython found besides Debian's: $(cut -d' ' -f1 <<<"$(printf '%s\n' "${found[@]}")" | tr '\n' ' ')"
+echo "CPython found besides Debian's: $(printf '%s\n' "${found[@]}" | cut -d' ' -f1 | tr '\n' ' ')"
 
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT

@@ -65,6 +65,18 @@ if(IS_ABSOLUTE "${CMAKE_INSTALL_INCLUDEDIR}")
 else()
   set(XRPROCDETECTOR_PC_INCLUDEDIR "\${prefix}/${CMAKE_INSTALL_INCLUDEDIR}")
 endif()
+# The library is C++: a C host linked against the static library needs the
+# C++ runtime and the maths library as well. The shared library names them
+# itself, so they are Libs.private (`pkg-config --static --libs`); where the
+# static library is all there is (BUILD_SHARED_LIBS=OFF), Libs names them.
+set(XRPROCDETECTOR_PC_CXX_RUNTIME "-lstdc++ -lm")
+if(BUILD_SHARED_LIBS)
+  set(XRPROCDETECTOR_PC_LIBS "")
+  set(XRPROCDETECTOR_PC_LIBS_PRIVATE "${XRPROCDETECTOR_PC_CXX_RUNTIME}")
+else()
+  set(XRPROCDETECTOR_PC_LIBS " ${XRPROCDETECTOR_PC_CXX_RUNTIME}")
+  set(XRPROCDETECTOR_PC_LIBS_PRIVATE "")
+endif()
 # Its prefix is the one the files are installed under, which is known only at
 # install time (`cmake --install --prefix`, CPack's /usr): it is written then.
 set(XRPROCDETECTOR_PC_FILE ${CMAKE_CURRENT_BINARY_DIR}/pkgconfig/xrprocdetector.pc)
@@ -73,6 +85,8 @@ install(CODE "
   set(PROJECT_VERSION [[${PROJECT_VERSION}]])
   set(XRPROCDETECTOR_PC_LIBDIR [[${XRPROCDETECTOR_PC_LIBDIR}]])
   set(XRPROCDETECTOR_PC_INCLUDEDIR [[${XRPROCDETECTOR_PC_INCLUDEDIR}]])
+  set(XRPROCDETECTOR_PC_LIBS [[${XRPROCDETECTOR_PC_LIBS}]])
+  set(XRPROCDETECTOR_PC_LIBS_PRIVATE [[${XRPROCDETECTOR_PC_LIBS_PRIVATE}]])
   configure_file([[${CMAKE_CURRENT_LIST_DIR}/xrprocdetector.pc.in]]
       [[${XRPROCDETECTOR_PC_FILE}]] @ONLY)"
     COMPONENT dev)

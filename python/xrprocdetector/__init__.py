@@ -8,10 +8,10 @@ ctypes and nothing else::
     >>> xrprocdetector.effective_processors()   # threads to start: cgroups counted
     2
 
-The library is found by its SONAME, as the installed package places it, or
-at the path the environment variable XRPROCDETECTOR_LIBRARY names (a build
-tree's). Every failure raises XrProcDetectorError with the library's
-message.
+The library is the file the environment variable XRPROCDETECTOR_LIBRARY
+names (a build tree's), else the wheel's own copy beside this file, else the
+system's, by its SONAME. Every failure raises XrProcDetectorError with the
+library's message.
 """
 import ctypes
 import ctypes.util
@@ -29,7 +29,35 @@ class XrProcDetectorError(Exception):
     """What the library said went wrong."""
 
 
-_lib = ctypes.CDLL(os.environ.get("XRPROCDETECTOR_LIBRARY") or "libxrprocdetector.so.2")
+# The major version of the library's SONAME that this module speaks to.
+_SONAME_MAJOR = 2
+_SONAME = "libxrprocdetector.so.%d" % _SONAME_MAJOR
+
+
+def _load_library() -> ctypes.CDLL:
+    """The file XRPROCDETECTOR_LIBRARY names, which alone is tried when set; else
+    the wheel's copy beside this file, else the system's by its SONAME."""
+    named = os.environ.get("XRPROCDETECTOR_LIBRARY")
+    bundled = os.path.join(os.path.dirname(os.path.abspath(__file__)), _SONAME)
+    tried = []
+    for candidate in [named] if named else [bundled, _SONAME]:
+        try:
+            return ctypes.CDLL(candidate)
+        except OSError as error:
+            tried.append("\n  %s" % error)  # dlerror names the file
+    if named:
+        fix = ("set XRPROCDETECTOR_LIBRARY to the path of %s (a build tree's is "
+               "BUILD/src/%s), or unset it" % (_SONAME, _SONAME))
+    else:
+        fix = ("install the wheel that carries the library (pip install "
+               "xrprocdetector-*.whl, made by cmake --build BUILD --target python-wheel), "
+               "or the Debian package libxrprocdetector%d, or set XRPROCDETECTOR_LIBRARY "
+               "to the path of %s" % (_SONAME_MAJOR, _SONAME))
+    raise XrProcDetectorError("cannot load the xrprocdetector library; tried:%s\nTo fix: %s"
+                              % ("".join(tried), fix))
+
+
+_lib = _load_library()
 _char_p = ctypes.POINTER(ctypes.c_char)
 
 

@@ -234,6 +234,66 @@ typedef enum xrpd_set_list { XRPD_PACKAGES, XRPD_CORES, XRPD_CORE_KINDS } xrpd_s
 XRPROCDETECTOR_API int xrpd_topology_set(const xrpd_topology* topology, xrpd_set_list list,
                                          size_t index, xrpd_cpuset* out, const char** name);
 
+/** One NUMA node (since 2.1.0; see NumaNode in topology.h). */
+typedef struct xrpd_numa_node {
+  size_t size; /**< set by the caller: sizeof(xrpd_numa_node) */
+  int32_t node;           /**< the kernel's number */
+  xrpd_cpuset processors; /**< online processors; empty for a node of memory alone */
+  int64_t memory_bytes;   /**< -1 where not known */
+  size_t distance_count;  /**< entries of `distances`: 0, or one a node */
+  const int32_t* distances; /**< its row of the distance table; the topology's own */
+} xrpd_numa_node;
+
+/** The `index`th NUMA node into *out: 0 while `index` is in range, else -1. */
+XRPROCDETECTOR_API int xrpd_topology_numa_node(const xrpd_topology* topology, size_t index,
+                                               xrpd_numa_node* out);
+
+/** A cache's type. */
+typedef enum xrpd_cache_type {
+  XRPD_CACHE_DATA,
+  XRPD_CACHE_INSTRUCTION,
+  XRPD_CACHE_UNIFIED
+} xrpd_cache_type;
+
+/** One cache instance (since 2.1.0; see Cache in topology.h). */
+typedef struct xrpd_cache {
+  size_t size; /**< set by the caller: sizeof(xrpd_cache) */
+  int32_t level;
+  int32_t type; /**< an xrpd_cache_type */
+  uint64_t size_bytes;
+  int32_t line_bytes;     /**< 0 unknown */
+  int32_t ways;           /**< 0 unknown, -1 fully associative */
+  xrpd_cpuset processors; /**< the online processors that share it */
+} xrpd_cache;
+
+/** The `index`th cache into *out: 0 while `index` is in range, else -1. */
+XRPROCDETECTOR_API int xrpd_topology_cache(const xrpd_topology* topology, size_t index,
+                                           xrpd_cache* out);
+
+/** The places of OpenMP 5.1 (see PlaceKind in topology.h). */
+typedef enum xrpd_place_kind {
+  XRPD_PLACE_THREADS,
+  XRPD_PLACE_CORES,
+  XRPD_PLACE_LL_CACHES,
+  XRPD_PLACE_NUMA_DOMAINS,
+  XRPD_PLACE_SOCKETS
+} xrpd_place_kind;
+
+/**
+ * The places of `kind` (usable processors only, empty places dropped, by
+ * lowest processor): their count, with the `index`th into *out where
+ * `index` is below it (`out` may be NULL); -1 for a kind there is not.
+ */
+XRPROCDETECTOR_API int xrpd_places(const xrpd_topology* topology, xrpd_place_kind kind,
+                                   size_t index, xrpd_cpuset* out);
+
+/**
+ * Pins the calling thread to the processors of `set`: 0, or -1 with errno
+ * EINVAL for an empty set or one with no processor this thread may use,
+ * or as sched_setaffinity sets it.
+ */
+XRPROCDETECTOR_API int xrpd_bind_thread(const xrpd_cpuset* set);
+
 /** The processor budget, kept current (see ProcessorBudget in budget.h). */
 typedef struct xrpd_budget xrpd_budget;
 

@@ -10,6 +10,9 @@
 #ifndef XRPROCDETECTOR_CPUSET_H
 #define XRPROCDETECTOR_CPUSET_H
 
+#include <sched.h>
+
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <iterator>
@@ -65,6 +68,22 @@ class CpuSet {
   }
   /// The set as the C interface holds it.
   const xrpd_cpuset& c() const noexcept { return set_; }
+  /// The set of a cpu_set_t of `bytes` bytes, such as sched_getaffinity
+  /// fills (CPU_ALLOC_SIZE for a dynamic one).
+  static CpuSet fromCpuSetT(const cpu_set_t* set, std::size_t bytes) noexcept {
+    CpuSet out;
+    for (unsigned cpu = 0; cpu < kLimit && cpu < bytes * 8; ++cpu)
+      if (CPU_ISSET_S(cpu, bytes, set)) out.add(cpu);
+    return out;
+  }
+  /// Writes the set into a cpu_set_t of `bytes` bytes; false, with the
+  /// processors that fit written, when some do not fit.
+  bool toCpuSetT(cpu_set_t* set, std::size_t bytes) const noexcept {
+    CPU_ZERO_S(bytes, set);
+    for (const unsigned cpu : *this)
+      if (cpu < bytes * 8) CPU_SET_S(cpu, bytes, set);
+    return next(static_cast<unsigned>(std::min<std::size_t>(bytes * 8, kLimit))) == kLimit;
+  }
 
   /// The set of a list in the kernel's format ("0-3,8"; "" is the empty
   /// set; one line end may follow); nothing when `text` is not such a list

@@ -15,7 +15,10 @@
 #ifndef XRPROCDETECTOR_TOPOLOGY_H
 #define XRPROCDETECTOR_TOPOLOGY_H
 
+#include <algorithm>
+#include <cerrno>
 #include <cstdint>
+#include <cstring>
 #include <optional>
 #include <string>
 #include <vector>
@@ -199,7 +202,81 @@ inline std::int32_t effectiveProcessors() noexcept {
   return xrpd_effective_processors();
 }
 
+/// The places of OpenMP 5.1's OMP_PLACES abstract names: each processor
+/// (`threads`), each core (`cores`), the cores that share a last-level
+/// cache (`ll_caches`), each NUMA node (`numa_domains`), each package
+/// (`sockets`).
+enum class PlaceKind { kThreads, kCores, kLlCaches, kNumaDomains, kSockets };
+
+/// The places of `kind` made of the usable processors alone, empty places
+/// dropped, in order of their lowest processor. Where the topology does not
+/// tell a kind's sets (no core lists, no caches, no packages), each usable
+/// processor is a place of its own, as the processors are all that is
+/// known; without NUMA folders the machine is one node.
+inline std::vector<CpuSet> places(const Topology& t, PlaceKind kind) {
+  std::vector<CpuSet> sets;
+  if (kind == PlaceKind::kCores) sets = t.cores;
+  if (kind == PlaceKind::kSockets) sets = t.packages;
+  for (std::size_t i = 0; kind == PlaceKind::kNumaDomains && i < t.numaNodes.size(); ++i)
+    sets.push_back(t.numaNodes[i].processors);
+  for (std::size_t i = 0; kind == PlaceKind::kLlCaches && i < t.processors.size(); ++i) {
+    const auto llc = static_cast<std::size_t>(t.processors[i].lastLevelCache);
+    if (llc < t.caches.size()) sets.push_back(t.caches[llc].processors);
+  }
+  if (sets.empty())
+    for (const unsigned cpu : t.usable)
+      sets.push_back(CpuSet({cpu}));
+  std::vector<CpuSet> out;
+  for (const CpuSet& set : sets) {
+    const CpuSet place = set & t.usable;
+    if (!place.empty() && std::find(out.begin(), out.end(), place) == out.end())
+      out.push_back(place);
+  }
+  std::sort(out.begin(), out.end(),
+            [](const CpuSet& a, const CpuSet& b) { return *a.begin() < *b.begin(); });
+  return out;
+}
+
+/// The explicit form of OMP_PLACES for `places`: "{0,1},{2,3}".
+inline std::string ompPlaces(const std::vector<CpuSet>& places) {
+  std::string out;
+  for (const CpuSet& place : places) {
+    std::string cpus;
+    for (const unsigned cpu : place)
+      cpus += (cpus.empty() ? "" : ",") + std::to_string(cpu);
+    out += (out.empty() ? "{" : ",{") + cpus + "}";
+  }
+  return out;
+}
+
+/// Pins the calling thread to the processors of `set`. Empty on success;
+/// else why not: the set is empty, or holds no processor this thread may
+/// use (offline, outside its cpuset), or the system refused.
+inline Error bindThread(const CpuSet& set) {
+  if (xrpd_bind_thread(&set.c()) == 0) return {};
+  const int why = errno;
+  if (set.empty()) return {"", "", "cannot bind a thread to an empty set of processors"};
+  return {"", "", why == EINVAL ? "no processor of " + set.toList() + " is one this thread may use"
+                                : std::string("cannot bind the thread: ") + std::strerror(why)};
+}
+
 namespace bridge {
+
+inline void placesOf(const xrpd_topology* h, Topology& t) {
+  xrpd_numa_node n{};
+  n.size = sizeof n;
+  for (std::size_t i = 0; xrpd_topology_numa_node(h, i, &n) == 0; ++i) {
+    NumaNode node{n.node, CpuSet::fromC(n.processors), std::nullopt,
+                  std::vector<std::int32_t>(n.distances, n.distances + n.distance_count)};
+    if (n.memory_bytes >= 0) node.memoryBytes = static_cast<std::uint64_t>(n.memory_bytes);
+    t.numaNodes.push_back(std::move(node));
+  }
+  xrpd_cache c{};
+  c.size = sizeof c;
+  for (std::size_t i = 0; xrpd_topology_cache(h, i, &c) == 0; ++i)
+    t.caches.push_back({c.level, static_cast<CacheType>(c.type), c.size_bytes, c.line_bytes,
+                        c.ways, CpuSet::fromC(c.processors)});
+}
 
 template <class State>
 std::optional<State> state(std::int32_t value) {
@@ -253,6 +330,7 @@ inline Topology topology(const Source& source) noexcept {
   t.usable = CpuSet::fromC(i.usable);
   bridge::processorsOf(h, t);
   bridge::setsOf(h, t);
+  bridge::placesOf(h, t);
   t.smt = bridge::state<Smt>(i.smt);
   if (i.cpu_quota > 0) t.cpuQuota = i.cpu_quota;
   t.effectiveProcessors = bridge::state<std::int32_t>(i.effective_processors);

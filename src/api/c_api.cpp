@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 
@@ -278,6 +279,45 @@ int xrpd_topology_set(const xrpd_topology* topology, xrpd_set_list list, size_t 
   *out = (list == XRPD_CORE_KINDS ? t.coreKinds[index].processors : sets[index]).c();
   if (name != nullptr) *name = list == XRPD_CORE_KINDS ? t.coreKinds[index].kind.c_str() : nullptr;
   return 0;
+}
+
+int xrpd_topology_numa_node(const xrpd_topology* topology, size_t index, xrpd_numa_node* out) {
+  if (topology == nullptr || index >= topology->topology.numaNodes.size()) return -1;
+  const NumaNode& n = topology->topology.numaNodes[index];
+  const auto memory = n.memoryBytes ? static_cast<std::int64_t>(*n.memoryBytes) : -1;
+  return fill(out, xrpd_numa_node{0, n.node, n.processors.c(), memory, n.distances.size(),
+                                  n.distances.data()})
+             ? 0
+             : -1;
+}
+
+int xrpd_topology_cache(const xrpd_topology* topology, size_t index, xrpd_cache* out) {
+  if (topology == nullptr || index >= topology->topology.caches.size()) return -1;
+  const Cache& c = topology->topology.caches[index];
+  return fill(out, xrpd_cache{0, c.level, static_cast<std::int32_t>(c.type), c.sizeBytes,
+                              c.lineBytes, c.ways, c.processors.c()})
+             ? 0
+             : -1;
+}
+
+int xrpd_places(const xrpd_topology* topology, xrpd_place_kind kind, size_t index,
+                xrpd_cpuset* out) {
+  if (topology == nullptr || kind < XRPD_PLACE_THREADS || kind > XRPD_PLACE_SOCKETS) return -1;
+  return guarded(
+      [&] {
+        const std::vector<CpuSet> sets =
+            places(topology->topology, static_cast<PlaceKind>(kind));
+        if (out != nullptr && index < sets.size()) *out = sets[index].c();
+        return static_cast<int>(sets.size());
+      },
+      -1);
+}
+
+int xrpd_bind_thread(const xrpd_cpuset* set) {
+  CpuSet cpus;
+  if (set != nullptr) cpus = CpuSet::fromC(*set);
+  if (cpus.empty()) return errno = EINVAL, -1;
+  return detail::LiveMachine().pin(cpus) ? 0 : -1;
 }
 
 xrpd_budget* xrpd_budget_open(char** error) {

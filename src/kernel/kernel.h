@@ -69,6 +69,12 @@ std::vector<CoreKindSet> coreKinds(SystemRoot& root, const Topology& topology);
 // (the reason added to t.missing). Needs t.online and t.processors.
 void readNumaNodes(SystemRoot& root, Topology& t);
 
+// Every cache instance, into t.caches (by level, type, then lowest
+// processor) and each processor's lastLevelCache. Needs t.online,
+// t.processors and, for older AMD processors' CPUID, t.cores and
+// t.packages.
+void readCaches(SystemRoot& root, Topology& t);
+
 // The hypervisor and the container, into `t`.
 void readVirtualization(SystemRoot& root, Topology& t);
 

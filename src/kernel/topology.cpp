@@ -191,6 +191,7 @@ Topology readTopology(Machine& machine) {
     usable(root, t);
     t.coreKinds = coreKinds(root, t);
     readNumaNodes(root, t);
+    readCaches(root, t);
     for (Processor& p : t.processors) {
       p.usable = t.usable.contains(p.cpu);
       for (std::size_t k = 0; k < t.coreKinds.size(); ++k) {

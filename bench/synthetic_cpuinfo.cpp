@@ -49,12 +49,104 @@ bool makeDirs(const std::string& path) {
   return true;
 }
 
+// A processor list as sysfs prints it: "0-3,8-11".
+std::string cpuList(const std::vector<bool>& bits) {
+  std::string out;
+  for (std::size_t i = 0; i < bits.size(); ++i) {
+    if (!bits[i] || (i > 0 && bits[i - 1])) continue;
+    std::size_t last = i;
+    while (last + 1 < bits.size() && bits[last + 1])
+      ++last;
+    out += (out.empty() ? "" : ",") + std::to_string(i);
+    if (last > i) out += "-" + std::to_string(last);
+  }
+  return out;
+}
+
+// The processors of `m` for which `in` holds.
+template <class In>
+std::vector<bool> cpusWhere(const Machine& m, In in) {
+  std::vector<bool> bits(static_cast<std::size_t>(m.logical));
+  for (int cpu = 0; cpu < m.logical; ++cpu)
+    bits[static_cast<std::size_t>(cpu)] = in(cpu);
+  return bits;
+}
+
+// Processor `cpu`'s cache/indexN folders: L1 data and instruction and L2
+// shared by the two threads of a core, L3 by the whole package.
+bool writeCaches(const Machine& m, int cpu, const std::string& dir) {
+  struct Kind {
+    const char* level;
+    const char* type;
+    const char* size;
+    const char* ways;
+    long sets;
+  };
+  const Kind kinds[] = {{"1", "Data", "48K", "12", 64},
+                        {"1", "Instruction", "32K", "8", 64},
+                        {"2", "Unified", "2048K", "16", 2048},
+                        {"3", "Unified", "107520K", "15", 114688}};
+  const std::vector<bool> core =
+      cpusWhere(m, [&](int o) { return o == cpu || o == m.siblingOf(cpu); });
+  const std::vector<bool> package =
+      cpusWhere(m, [&](int o) { return m.packageOf(o) == m.packageOf(cpu); });
+  for (int i = 0; i < 4; ++i) {
+    const Kind& k = kinds[i];
+    const std::string index = dir + "/cache/index" + std::to_string(i) + "/";
+    const std::vector<bool>& shared = i == 3 ? package : core;
+    const int id = i == 3 ? m.packageOf(cpu) : m.packageOf(cpu) * m.coresPerPackage + m.coreOf(cpu);
+    const std::pair<const char*, std::string> files[] = {{"level", k.level},
+                                                         {"type", k.type},
+                                                         {"size", k.size},
+                                                         {"coherency_line_size", "64"},
+                                                         {"ways_of_associativity", k.ways},
+                                                         {"number_of_sets", std::to_string(k.sets)},
+                                                         {"physical_line_partition", "1"},
+                                                         {"id", std::to_string(id)},
+                                                         {"shared_cpu_map", cpuMask(shared)},
+                                                         {"shared_cpu_list", cpuList(shared)}};
+    if (!makeDirs(index)) return false;
+    for (const auto& [name, text] : files) {
+      if (!writeFile(index + name, text + "\n")) return false;
+    }
+  }
+  return true;
+}
+
+// sys/devices/system/node: each node's processors, memory (16 GiB) and
+// distances (10 itself, 12 the other node of its package, 21 another
+// package's).
+bool writeNodes(const Machine& m, const std::string& root) {
+  const std::string dir = root + "/sys/devices/system/node";
+  const int nodes = m.packages * m.nodesPerPackage;
+  const std::string range = "0-" + std::to_string(nodes - 1) + "\n";
+  if (!makeDirs(dir) || !writeFile(dir + "/online", range) || !writeFile(dir + "/possible", range))
+    return false;
+  for (int n = 0; n < nodes; ++n) {
+    const std::vector<bool> cpus = cpusWhere(m, [&](int cpu) { return m.nodeOf(cpu) == n; });
+    std::string distance;
+    for (int o = 0; o < nodes; ++o) {
+      const bool samePackage = o / m.nodesPerPackage == n / m.nodesPerPackage;
+      distance += (o > 0 ? " " : "") + std::string(o == n ? "10" : samePackage ? "12" : "21");
+    }
+    const std::string node = dir + "/node" + std::to_string(n) + "/";
+    const std::string meminfo = "Node " + std::to_string(n) + " MemTotal:       16777216 kB\n";
+    if (!makeDirs(node) || !writeFile(node + "cpumap", cpuMask(cpus) + "\n") ||
+        !writeFile(node + "cpulist", cpuList(cpus) + "\n") ||
+        !writeFile(node + "meminfo", meminfo) || !writeFile(node + "distance", distance + "\n"))
+      return false;
+  }
+  return true;
+}
+
 }  // namespace
 
-Machine::Machine(int n) : logical(n), packages(1) {
-  while (16 * packages * packages < logical)
+Machine::Machine(int n, int p) : logical(n), packages(1) {
+  while (p == 0 && 16 * packages * packages < logical)
     packages *= 2;
+  if (p > 0) packages = p;
   coresPerPackage = logical / 2 / packages;
+  nodesPerPackage = coresPerPackage % 2 == 0 ? 2 : 1;
 }
 
 std::string cpuinfoText(const Machine& m) {
@@ -135,10 +227,11 @@ bool writeMachineTree(const Machine& m, const std::string& root) {
         !writeFile(topo + "thread_siblings", cpuMask(threads) + "\n") ||
         !writeFile(topo + "core_siblings", cpuMask(package) + "\n") ||
         !writeFile(topo + "physical_package_id", std::to_string(m.packageOf(cpu)) + "\n") ||
-        !writeFile(topo + "core_id", std::to_string(m.coreOf(cpu)) + "\n"))
+        !writeFile(topo + "core_id", std::to_string(m.coreOf(cpu)) + "\n") ||
+        !writeCaches(m, cpu, dir))
       return false;
   }
-  return true;
+  return writeNodes(m, root);
 }
 
 }  // namespace bench

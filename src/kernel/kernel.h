@@ -72,6 +72,18 @@ std::int32_t effectiveOf(const CpuSet& usable, const std::optional<double>& quot
 // nothing tells.
 std::vector<CoreKindSet> coreKinds(SystemRoot& root, const Topology& topology);
 
+// The NUMA nodes, into t.numaNodes and each processor's numaNode: the
+// kernel's nodes by number, or one node of every online processor and the
+// machine's memory where it lists none or lists nodes that cannot be real
+// (the reason added to t.missing). Needs t.online and t.processors.
+void readNumaNodes(SystemRoot& root, Topology& t);
+
+// Every cache instance, into t.caches (by level, type, then lowest
+// processor) and each processor's lastLevelCache. Needs t.online,
+// t.processors and, for older AMD processors' CPUID, t.cores and
+// t.packages.
+void readCaches(SystemRoot& root, Topology& t);
+
 // The hypervisor and the container, into `t`.
 void readVirtualization(SystemRoot& root, Topology& t);
 

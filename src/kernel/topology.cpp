@@ -186,6 +186,8 @@ Topology readTopology(Machine& machine) {
     placeAll(cpus, t, &maxThreads);
     usable(root, t);
     t.coreKinds = coreKinds(root, t);
+    readNumaNodes(root, t);
+    readCaches(root, t);
     for (Processor& p : t.processors) {
       p.usable = t.usable.contains(p.cpu);
       for (std::size_t k = 0; k < t.coreKinds.size(); ++k) {

@@ -1,0 +1,91 @@
+// NUMA nodes and caches of system roots and of snapshots whose caches only
+// CPUID describes, against tests/data/expected/nodes-caches.txt (each tree
+// described there, its answer worked out by hand); and the cost of reading
+// the cache folders, in files.
+#include <sstream>
+
+#include "kernel/kernel.h"
+#include "snapshot/snapshot_io.h"
+#include "support/test_support.h"
+
+namespace {
+
+namespace dt = xrprocdetector::detail;
+using xrprocdetector::Topology;
+
+// As nodes-caches.txt writes it.
+std::string shown(const Topology& t) {
+  std::string out = "nodes:";
+  for (const xrprocdetector::NumaNode& n : t.numaNodes) {
+    out += (n.node == t.numaNodes[0].node ? " " : "; ") + std::to_string(n.node) + ": " +
+           (n.processors.empty() ? "none" : n.processors.toList()) +
+           (n.memoryBytes ? " " + std::to_string(*n.memoryBytes >> 10) + " kB" : "");
+    for (const std::int32_t d : n.distances)
+      out += " " + std::to_string(d);
+  }
+  out += t.missing.empty() ? "" : "\nmissing: " + t.missing;
+  std::string last;
+  for (const xrprocdetector::Cache& c : t.caches) {
+    const std::string head = "\nL" + std::to_string(c.level) + "diu"[static_cast<int>(c.type)] +
+                             " " + std::to_string(c.sizeBytes >> 10) + "K " +
+                             std::to_string(c.lineBytes) + " " + std::to_string(c.ways) + ":";
+    out += (head == last ? " " : head + " ") + c.processors.toList();
+    last = head;
+  }
+  return out + "\n";
+}
+
+// Each processor's node holds it, and its last level cache is the data or
+// unified cache of the highest level that holds it.
+void expectPlaces(const Topology& t, const std::string& name) {
+  for (const xrprocdetector::Processor& p : t.processors) {
+    std::pair<int, int> want(-1, -1);
+    for (std::size_t i = 0; i < t.numaNodes.size(); ++i)
+      want.first = t.numaNodes[i].processors.contains(p.cpu) ? static_cast<int>(i) : want.first;
+    for (std::size_t i = 0; i < t.caches.size(); ++i) {
+      const xrprocdetector::Cache& c = t.caches[i];
+      if (c.type != xrprocdetector::CacheType::kInstruction && c.processors.contains(p.cpu) &&
+          (want.second < 0 || c.level > t.caches[want.second].level))
+        want.second = static_cast<int>(i);
+    }
+    EXPECT_EQ(std::make_pair(p.numaNode, p.lastLevelCache), want) << name << " cpu" << p.cpu;
+  }
+}
+
+TEST(NodesAndCaches, OfEachTreeAsWorkedOutByHand) {
+  std::istringstream blocks(testsupport::expected("nodes-caches"));
+  int trees = 0;
+  for (std::string block; std::getline(blocks, block, '=');) {
+    if (block.empty()) continue;
+    const std::string name = block.substr(1, block.find('\n') - 1);
+    dt::SavedMachine saved;
+    dt::Error error;
+    ASSERT_TRUE(dt::loadSnapshot(testsupport::fixture(name), &saved, &error)) << error.text();
+    dt::ReplayMachine machine(saved);
+    const Topology t = dt::readTopology(machine);
+    EXPECT_EQ(shown(t), block.substr(name.size() + 2)) << name;
+    EXPECT_EQ(t.error, "") << name;
+    expectPlaces(t, name);
+    ++trees;
+  }
+  EXPECT_EQ(trees, 12);
+}
+
+// Each instance's sharers and size are read once, not once for each of its
+// processors, and each kind's level, type, line size and ways once (L1d,
+// L1i, L2, L3).
+TEST(NodesAndCaches, EachInstanceIsReadOnce) {
+  dt::SavedMachine saved;
+  saved.dir = testsupport::fixture("sysroots/numa-two-node-smt-16");
+  saved.affinity = xrprocdetector::CpuSet({0});
+  dt::ReplayMachine tree(saved);
+  dt::RecordingMachine machine(tree);
+  EXPECT_EQ(dt::readTopology(machine).caches.size(), 26u);
+  const auto& read = machine.files();
+  EXPECT_EQ(
+      std::count_if(read.begin(), read.end(),
+                    [](const auto& f) { return f.first.find("/cache/") != std::string::npos; }),
+      26 * 2 + 4 * 4);
+}
+
+}  // namespace

@@ -60,11 +60,11 @@ TEST(NodesAndCaches, OfEachTreeAsWorkedOutByHand) {
     const std::string name = block.substr(1, block.find('\n') - 1);
     dt::SavedMachine saved;
     dt::Error error;
-    ASSERT_TRUE(dt::loadSnapshot(testsupport::fixture(name), &saved, &error)) << error.text();
+    ASSERT_TRUE(dt::loadSnapshot(testsupport::fixture(name), &saved, &error)) << error.message();
     dt::ReplayMachine machine(saved);
     const Topology t = dt::readTopology(machine);
     EXPECT_EQ(shown(t), block.substr(name.size() + 2)) << name;
-    EXPECT_EQ(t.error, "") << name;
+    EXPECT_EQ(t.error.message(), "") << name;
     expectPlaces(t, name);
     ++trees;
   }

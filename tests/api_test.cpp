@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <csignal>
 #include <cstdlib>
@@ -222,6 +223,68 @@ TEST(Parsers, MasksAndJsonStrings) {
   // Bit 8192, past the kernel's limit; leading zeros past it are no bits.
   EXPECT_FALSE(dt::parseCpuMask("1" + std::string(2048, '0'), &cpus, &error));
   EXPECT_TRUE(dt::parseCpuMask("0" + std::string(2047, '0') + "1", &cpus, &error));
+}
+
+}  // namespace
+
+namespace {
+
+// The places of every kind on two packages of four cores of two threads,
+// each package a node and an L3 (processors n and n+8 share a core), as
+// the public layer reads them through the C interface; and with the
+// process's cpuset narrowed, places of usable processors only.
+TEST(Places, OfEveryKindOnATwoNodeMachine) {
+  const auto source = Source::snapshot(XRPROCDETECTOR_TEST_DATA "/sysroots/numa-two-node-smt-16");
+  ASSERT_TRUE(source);
+  Topology t = topology(*source);
+  ASSERT_EQ(t.numaNodes.size(), 2u);
+  EXPECT_EQ(t.numaNodes[1].processors.toList(), "4-7,12-15");
+  EXPECT_EQ(t.numaNodes[0].distances, (std::vector<std::int32_t>{10, 21}));
+  EXPECT_EQ(t.numaNodes[0].memoryBytes, 32614920ull * 1024);
+  EXPECT_EQ(t.processors[12].numaNode, 1);
+  const Cache& l3 = t.caches[static_cast<std::size_t>(t.processors[12].lastLevelCache)];
+  EXPECT_TRUE(l3.level == 3 && l3.sizeBytes == 5632u * 1024 && l3.ways == 11);
+  EXPECT_EQ(l3.processors.toList(), "4-7,12-15");
+  const std::string halves = "{0,1,2,3,8,9,10,11},{4,5,6,7,12,13,14,15}";
+  const struct {
+    PlaceKind kind;
+    std::string places;
+  } cases[] = {
+      {PlaceKind::kThreads, "{0},{1},{2},{3},{4},{5},{6},{7},{8},{9},{10},{11},{12},{13},{14},{15}"},
+      {PlaceKind::kCores, "{0,8},{1,9},{2,10},{3,11},{4,12},{5,13},{6,14},{7,15}"},
+      {PlaceKind::kLlCaches, halves},
+      {PlaceKind::kNumaDomains, halves},
+      {PlaceKind::kSockets, halves},
+  };
+  for (const auto& c : cases)
+    EXPECT_EQ(ompPlaces(places(t, c.kind)), c.places) << static_cast<int>(c.kind);
+  t.usable = *CpuSet::fromList("5-9");
+  EXPECT_EQ(ompPlaces(places(t, PlaceKind::kCores)), "{5},{6},{7},{8},{9}");  // 8 and 9 apart
+  EXPECT_EQ(ompPlaces(places(t, PlaceKind::kSockets)), "{5,6,7},{8,9}");
+  xrpd_topology* h = xrpd_topology_read(source->handle(), nullptr);
+  xrpd_cpuset second;
+  EXPECT_EQ(xrpd_places(h, XRPD_PLACE_CORES, 1, &second), 8);
+  EXPECT_EQ(CpuSet::fromC(second).toList(), "1,9");
+  xrpd_topology_close(h);
+}
+
+// A thread bound to a set runs there; an empty set and a set of no
+// processor it may use are refused, saying why, and change nothing.
+TEST(Places, BindingAThreadAndCpuSetT) {
+  std::thread([] {
+    cpu_set_t mine;
+    ASSERT_EQ(sched_getaffinity(0, sizeof mine, &mine), 0);
+    const CpuSet all = CpuSet::fromCpuSetT(&mine, sizeof mine);
+    const CpuSet last({*std::max_element(all.begin(), all.end())});
+    EXPECT_TRUE(bindThread(last).empty());
+    ASSERT_EQ(sched_getaffinity(0, sizeof mine, &mine), 0);
+    EXPECT_EQ(CpuSet::fromCpuSetT(&mine, sizeof mine), last);
+    EXPECT_NE(bindThread(CpuSet()).message().find("empty"), std::string::npos);
+    EXPECT_NE(bindThread(CpuSet({8191})).message().find("8191"), std::string::npos);
+    cpu_set_t small;
+    EXPECT_FALSE(CpuSet({1, 2000}).toCpuSetT(&small, 8));
+    EXPECT_EQ(CpuSet::fromCpuSetT(&small, 8).toList(), "1");
+  }).join();
 }
 
 }  // namespace

@@ -250,7 +250,8 @@ TEST(Places, OfEveryKindOnATwoNodeMachine) {
     PlaceKind kind;
     std::string places;
   } cases[] = {
-      {PlaceKind::kThreads, "{0},{1},{2},{3},{4},{5},{6},{7},{8},{9},{10},{11},{12},{13},{14},{15}"},
+      {PlaceKind::kThreads,
+       "{0},{1},{2},{3},{4},{5},{6},{7},{8},{9},{10},{11},{12},{13},{14},{15}"},
       {PlaceKind::kCores, "{0,8},{1,9},{2,10},{3,11},{4,12},{5,13},{6,14},{7,15}"},
       {PlaceKind::kLlCaches, halves},
       {PlaceKind::kNumaDomains, halves},

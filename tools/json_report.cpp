@@ -65,6 +65,38 @@ class JsonObject {
   std::string text_;
 };
 
+// The NUMA nodes and the caches, as keys of the kernel object.
+void addPlacement(JsonObject& kernel, const Topology& t) {
+  std::string nodes;
+  for (const NumaNode& n : t.numaNodes) {
+    JsonObject one(-1);
+    one.number("node", n.node);
+    one.string("cpus", n.processors.toList());
+    n.memoryBytes ? one.add("memoryBytes", std::to_string(*n.memoryBytes))
+                  : one.null("memoryBytes");
+    std::string row;
+    for (const std::int32_t d : n.distances)
+      row += (row.empty() ? "" : ", ") + std::to_string(d);
+    one.add("distances", "[" + row + "]");
+    nodes += (nodes.empty() ? "[" : ", ") + one.done();
+  }
+  kernel.add("numaNodes", nodes.empty() ? "[]" : nodes + "]");
+  std::string caches;
+  for (const Cache& c : t.caches) {
+    JsonObject one(-1);
+    one.number("level", c.level);
+    one.string("type", c.type == CacheType::kData          ? "data"
+                       : c.type == CacheType::kInstruction ? "instruction"
+                                                           : "unified");
+    one.add("sizeBytes", std::to_string(c.sizeBytes));
+    one.number("lineBytes", c.lineBytes);
+    one.number("ways", c.ways);
+    one.string("cpus", c.processors.toList());
+    caches += (caches.empty() ? "[" : ", ") + one.done();
+  }
+  kernel.add("caches", caches.empty() ? "[]" : caches + "]");
+}
+
 // The topology's sets and names, as keys of the kernel object.
 void addSets(JsonObject& kernel, const Topology& t) {
   const auto text = [](const std::string& v) { return quoted(v); };
@@ -85,9 +117,13 @@ void addSets(JsonObject& kernel, const Topology& t) {
                      p.kind >= 0 ? t.coreKinds[static_cast<std::size_t>(p.kind)].kind : "");
     one.add("online", p.online ? "true" : "false");
     one.add("usable", p.usable ? "true" : "false");
+    for (const auto& [key, v] :
+         {std::pair{"numaNode", p.numaNode}, {"lastLevelCache", p.lastLevelCache}})
+      v < 0 ? one.null(key) : one.number(key, v);
     cpus += (cpus.empty() ? "[" : ", ") + one.done();
   }
   kernel.add("cpus", cpus.empty() ? "[]" : cpus + "]");
+  addPlacement(kernel, t);
 }
 
 // The kernel row and the row's agreement with it, as two keys of `o`.

@@ -1,5 +1,7 @@
 #include "options.h"
 
+#include "report.h"
+
 #include <getopt.h>
 
 #include <algorithm>
@@ -25,6 +27,9 @@ enum : int {
   kCheck,
   kTally,
   kCpus,
+  kPlaces,
+  kCaches,
+  kDraw,
   kWatch,
   kJsonLines,
 };
@@ -43,6 +48,9 @@ const option kLongOptions[] = {
     {"check", no_argument, nullptr, kCheck},
     {"tally", no_argument, nullptr, kTally},
     {"cpus", no_argument, nullptr, kCpus},
+    {"places", required_argument, nullptr, kPlaces},
+    {"caches", no_argument, nullptr, kCaches},
+    {"draw", no_argument, nullptr, kDraw},
     {"watch", optional_argument, nullptr, kWatch},
     {"json-lines", no_argument, nullptr, kJsonLines},
     {"help", no_argument, nullptr, 'h'},
@@ -80,9 +88,10 @@ namespace {
 // The options that only switch something on.
 bool Options::*flagOf(int c) {
   static const std::pair<int, bool Options::*> kFlags[] = {
-      {'J', &Options::json},   {'h', &Options::help},     {'V', &Options::version},
-      {kAll, &Options::all},   {kCheck, &Options::check}, {kTally, &Options::tally},
-      {kCpus, &Options::cpus}, {kEcho, &Options::echo},   {kSummary, &Options::summary}};
+      {'J', &Options::json},       {'h', &Options::help},     {'V', &Options::version},
+      {kAll, &Options::all},       {kCheck, &Options::check}, {kTally, &Options::tally},
+      {kCpus, &Options::cpus},     {kEcho, &Options::echo},   {kSummary, &Options::summary},
+      {kCaches, &Options::caches}, {kDraw, &Options::draw}};
   for (const auto& [option, flag] : kFlags) {
     if (option == c) return flag;
   }
@@ -114,6 +123,12 @@ std::string takeValue(int c, const char* written, Options& o) {
       if (c == kSave) o.save = value;
       if (c == kSnapshot) o.snapshot.push_back(value);
       return "";
+    case kPlaces:
+      if (!placeKind(value))
+        return "--places takes threads, cores, ll_caches, numa_domains or sockets, not '" + value +
+               "'";
+      o.places = value;
+      return "";
     case kWatch: {
       char* end = nullptr;
       o.watch = optarg == nullptr ? 1.0 : std::strtod(optarg, &end);
@@ -144,13 +159,13 @@ std::string combinationError(const Options& o, bool algorithmGiven) {
     return std::string(o.check ? "--check" : "--tally") +
            " compares with the kernel's topology, which a saved /proc/cpuinfo does not hold; "
            "use --snapshot";
-  if (o.watch && (o.all || algorithmGiven || o.summary || o.check || o.tally || o.cpus ||
+  if (o.watch && (o.all || algorithmGiven || o.summary || o.check || o.tally || o.view() ||
                   !o.cpuinfo.empty() || !o.snapshot.empty() || o.save || o.debugLevel || o.echo))
     return "--watch watches this machine's budget; give it alone, or with -J or --json-lines";
-  if (o.cpus &&
-      (o.all || algorithmGiven || o.json || o.summary || o.check || o.tally || !o.cpuinfo.empty()))
-    return "--cpus prints the processors of this machine or of snapshots; give it alone or "
-           "with --snapshot";
+  if (o.view() && (o.all || algorithmGiven || o.json || o.summary || o.check || o.tally ||
+                   !o.cpuinfo.empty() || (o.cpus + o.caches + o.draw + !!o.places) > 1))
+    return "--cpus, --places, --caches and --draw each show the topology of this machine or "
+           "of snapshots; give one, alone or with --snapshot";
   if (o.tally && (o.json || o.summary))
     return std::string("--tally prints only the tally; leave out ") +
            (o.json ? "-J (each JSON row carries agreesWithKernel)" : "--summary");
@@ -240,7 +255,17 @@ generation, or save a snapshot of this machine.
       --cpus              print one line a processor, as lscpu's parsable
                           output does:
                           number, package, die, core, thread, kind of core,
-                          online and usable (Y or N); empty where not known
+                          online and usable (Y or N), NUMA node, L3 cache;
+                          empty where not known
+      --places=KIND       print OMP_PLACES for the processors this process
+                          may use: KIND is threads, cores, ll_caches,
+                          numa_domains or sockets
+                          (export OMP_PLACES=$(xrprocdetect --places=cores))
+      --caches            print one line a kind of cache, as lscpu does,
+                          with the count of its instances
+      --draw              print a picture of the machine: packages, NUMA
+                          nodes, last-level caches, cores and processors, *
+                          marking what this process may use
       --watch[=SECONDS]   print what this process may use (the usable
                           processors, the CPU quota, the effective
                           processors) once, then again each time it

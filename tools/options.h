@@ -29,8 +29,13 @@ struct Options {
   bool check = false;               // --check: exit status 3 when a count differs from the kernel's
   bool tally = false;               // --tally: agreement with the kernel over all inputs
   bool cpus = false;                // --cpus: one line a processor, as lscpu -p writes them
-  std::optional<double> watch;      // --watch[=SECONDS]: the budget, again each time it changes
-  bool jsonLines = false;           // --json-lines, or -J with several inputs
+  std::optional<std::string> places;  // --places=KIND: OMP_PLACES for this process
+  bool caches = false;                // --caches: one line a kind of cache
+  bool draw = false;                  // --draw: a picture of the machine
+  // Whether the options ask for a view of the topology rather than detection.
+  bool view() const { return cpus || places || caches || draw; }
+  std::optional<double> watch;  // --watch[=SECONDS]: the budget, again each time it changes
+  bool jsonLines = false;       // --json-lines, or -J with several inputs
   bool help = false;
   bool version = false;
 };

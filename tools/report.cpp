@@ -33,18 +33,6 @@ std::string usableWords(const KernelTopology& k) {
          std::to_string(k.effectiveProcessors.value_or(0));
 }
 
-std::string cpuLines(const Topology& t) {
-  const auto field = [](std::int32_t v) { return v < 0 ? std::string() : std::to_string(v); };
-  std::string out = "# CPU,Package,Die,Core,Thread,Kind,Online,Usable\n";
-  for (const Processor& p : t.processors) {
-    const std::string kind = p.kind < 0 ? "" : t.coreKinds[static_cast<std::size_t>(p.kind)].kind;
-    out += std::to_string(p.cpu) + "," + field(p.package) + "," + field(p.die) + "," +
-           field(p.core) + "," + field(p.thread) + "," + kind + "," + (p.online ? "Y" : "N") + "," +
-           (p.usable ? "Y" : "N") + "\n";
-  }
-  return out;
-}
-
 std::string coreKindsWords(const KernelTopology& k) {
   std::string out;
   for (const CoreKind& kind : k.coreKinds)

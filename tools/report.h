@@ -30,8 +30,16 @@ struct Input {
 std::string budgetLine(const Budget& b, bool json);
 
 // One line a processor, as lscpu -p writes them, under a "#" header:
-// number, package, die, core, thread, kind, online, usable.
+// number, package, die, core, thread, kind, online, usable, NUMA node, L3.
 std::string cpuLines(const Topology& t);
+// The place kind of OMP_PLACES's abstract name ("threads", "cores",
+// "ll_caches", "numa_domains", "sockets"), or nothing.
+std::optional<PlaceKind> placeKind(const std::string& name);
+// One line a kind of cache, as lscpu -C writes them, with its instances.
+std::string cacheLines(const Topology& t);
+// A picture of the machine, as a tree: packages, NUMA nodes, last-level
+// caches, cores and their processors, what this process may use marked.
+std::string drawing(const Topology& t);
 
 // A few lines for one generation: its name, the counts, the states in words.
 std::string humanReport(const Detection& row, const Input& source);

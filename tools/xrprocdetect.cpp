@@ -106,7 +106,7 @@ Report report(const Run& run, Source::Kind kind, const std::string& name) {
   Report r;
   const std::optional<Source> source = open(kind, name, &r.input, &r.err);
   r.failed = !source;
-  for (auto g = run.selected.begin(); source && !options.cpus && g != run.selected.end(); ++g) {
+  for (auto g = run.selected.begin(); source && !options.view() && g != run.selected.end(); ++g) {
     r.rows.push_back(detect(*g, *source, run.settings));
     const Detection& row = r.rows.back();
     // A live /proc/cpuinfo that cannot be read: there are other ways in.
@@ -116,8 +116,12 @@ Report report(const Run& run, Source::Kind kind, const std::string& name) {
     if (run.passDebugOn) r.err += row.debug + row.summary;
   }
   if (r.failed || options.tally) return r;
-  if (options.cpus) {
-    r.out = cpuLines(*r.input.topology);
+  if (options.view()) {
+    const Topology& t = *r.input.topology;
+    r.out = options.cpus     ? cpuLines(t)
+            : options.caches ? cacheLines(t)
+            : options.draw   ? drawing(t)
+                             : ompPlaces(places(t, *placeKind(*options.places))) + "\n";
   } else if (options.json) {
     r.out = json(r.rows, r.input, options.all, options.summary, run.lines);
   } else {
@@ -155,7 +159,7 @@ void emit(const Report& r, const std::string& name, bool tallying, Tally* tally,
 // their order.
 void runAll(const Run& run, Source::Kind kind, const std::vector<std::string>& names, Tally* tally,
             Outcome* outcome) {
-  const bool text = !run.options->json && !run.options->tally && !run.options->cpus;
+  const bool text = !run.options->json && !run.options->tally && !run.options->view();
   const std::size_t workers =
       run.settings.echo
           ? 1

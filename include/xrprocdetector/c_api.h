@@ -236,11 +236,11 @@ XRPROCDETECTOR_API int xrpd_topology_set(const xrpd_topology* topology, xrpd_set
 
 /** One NUMA node (since 2.1.0; see NumaNode in topology.h). */
 typedef struct xrpd_numa_node {
-  size_t size; /**< set by the caller: sizeof(xrpd_numa_node) */
-  int32_t node;           /**< the kernel's number */
-  xrpd_cpuset processors; /**< online processors; empty for a node of memory alone */
-  int64_t memory_bytes;   /**< -1 where not known */
-  size_t distance_count;  /**< entries of `distances`: 0, or one a node */
+  size_t size;              /**< set by the caller: sizeof(xrpd_numa_node) */
+  int32_t node;             /**< the kernel's number */
+  xrpd_cpuset processors;   /**< online processors; empty for a node of memory alone */
+  int64_t memory_bytes;     /**< -1 where not known */
+  size_t distance_count;    /**< entries of `distances`: 0, or one a node */
   const int32_t* distances; /**< its row of the distance table; the topology's own */
 } xrpd_numa_node;
 

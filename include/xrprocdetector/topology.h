@@ -256,8 +256,9 @@ inline Error bindThread(const CpuSet& set) {
   if (xrpd_bind_thread(&set.c()) == 0) return {};
   const int why = errno;
   if (set.empty()) return {"", "", "cannot bind a thread to an empty set of processors"};
-  return {"", "", why == EINVAL ? "no processor of " + set.toList() + " is one this thread may use"
-                                : std::string("cannot bind the thread: ") + std::strerror(why)};
+  return {"", "",
+          why == EINVAL ? "no processor of " + set.toList() + " is one this thread may use"
+                        : std::string("cannot bind the thread: ") + std::strerror(why)};
 }
 
 namespace bridge {
@@ -274,8 +275,8 @@ inline void placesOf(const xrpd_topology* h, Topology& t) {
   xrpd_cache c{};
   c.size = sizeof c;
   for (std::size_t i = 0; xrpd_topology_cache(h, i, &c) == 0; ++i)
-    t.caches.push_back({c.level, static_cast<CacheType>(c.type), c.size_bytes, c.line_bytes,
-                        c.ways, CpuSet::fromC(c.processors)});
+    t.caches.push_back({c.level, static_cast<CacheType>(c.type), c.size_bytes, c.line_bytes, c.ways,
+                        CpuSet::fromC(c.processors)});
 }
 
 template <class State>

@@ -305,8 +305,7 @@ int xrpd_places(const xrpd_topology* topology, xrpd_place_kind kind, size_t inde
   if (topology == nullptr || kind < XRPD_PLACE_THREADS || kind > XRPD_PLACE_SOCKETS) return -1;
   return guarded(
       [&] {
-        const std::vector<CpuSet> sets =
-            places(topology->topology, static_cast<PlaceKind>(kind));
+        const std::vector<CpuSet> sets = places(topology->topology, static_cast<PlaceKind>(kind));
         if (out != nullptr && index < sets.size()) *out = sets[index].c();
         return static_cast<int>(sets.size());
       },

@@ -17,7 +17,7 @@ KEYS = ["schemaVersion", "generation", "class", "procInfoIndex", "source", "file
 KERNEL = ["packages", "cores", "logicalProcessors", "smt", "virtualMachine", "offlineProcessors",
           "usableProcessors", "cpuQuota", "effectiveProcessors", "coreKinds", "onlineCpus",
           "offlineCpus", "usableCpus", "hypervisorVendor", "virtualizationType", "container",
-          "cpus"]
+          "cpus", "numaNodes", "caches"]
 tool, data = sys.argv[1:3]
 wrong = 0
 for args in [["-J"], ["-J", "-a", "5.3", "--summary"]] + [

@@ -20,9 +20,9 @@ import os
 import threading
 from typing import List, Optional, Set
 
-__all__ = ["Budget", "BudgetReading", "Detection", "Processor", "Topology",
-           "XrProcDetectorError", "detect", "effective_processors", "save_snapshot",
-           "topology"]
+__all__ = ["Budget", "BudgetReading", "Cache", "Detection", "NumaNode", "Processor", "Topology",
+           "XrProcDetectorError", "bind_thread", "detect", "effective_processors", "places",
+           "save_snapshot", "topology"]
 
 
 class XrProcDetectorError(Exception):
@@ -42,7 +42,7 @@ def _load_library() -> ctypes.CDLL:
     tried = []
     for candidate in [named] if named else [bundled, _SONAME]:
         try:
-            return ctypes.CDLL(candidate)
+            return ctypes.CDLL(candidate, use_errno=True)
         except OSError as error:
             tried.append("\n  %s" % error)  # dlerror names the file
     if named:
@@ -86,7 +86,14 @@ _InfoC = _struct("_InfoC", [
     ("container", ctypes.c_char_p), ("error", ctypes.c_char_p)])
 _ProcessorC = _struct("_ProcessorC", [
     ("cpu", ctypes.c_uint32), ("package", _i32), ("die", _i32), ("core", _i32),
-    ("thread", _i32), ("kind", _i32), ("online", ctypes.c_int), ("usable", ctypes.c_int)])
+    ("thread", _i32), ("kind", _i32), ("online", ctypes.c_int), ("usable", ctypes.c_int),
+    ("numa_node", _i32), ("last_level_cache", _i32)])
+_NodeC = _struct("_NodeC", [
+    ("node", _i32), ("processors", _CpuSet), ("memory_bytes", ctypes.c_int64),
+    ("distance_count", ctypes.c_size_t), ("distances", ctypes.POINTER(_i32))])
+_CacheC = _struct("_CacheC", [
+    ("level", _i32), ("type", _i32), ("size_bytes", ctypes.c_uint64), ("line_bytes", _i32),
+    ("ways", _i32), ("processors", _CpuSet)])
 _ReadingC = _struct("_ReadingC", [
     ("usable_processors", ctypes.c_int), ("cpu_quota", ctypes.c_double),
     ("effective_processors", ctypes.c_int), ("usable", _CpuSet), ("error", _char_p)])
@@ -108,6 +115,10 @@ for _name, _result, _args in [
           ctypes.POINTER(ctypes.c_char_p)]),
         ("xrpd_budget_open", _P, [_ERR]), ("xrpd_budget_close", None, [_P]),
         ("xrpd_budget_open_source", _P, [_P, _ERR]),
+        ("xrpd_topology_numa_node", ctypes.c_int, [_P, ctypes.c_size_t, ctypes.POINTER(_NodeC)]),
+        ("xrpd_topology_cache", ctypes.c_int, [_P, ctypes.c_size_t, ctypes.POINTER(_CacheC)]),
+        ("xrpd_places", ctypes.c_int, [_P, ctypes.c_int, ctypes.c_size_t, ctypes.POINTER(_CpuSet)]),
+        ("xrpd_bind_thread", ctypes.c_int, [ctypes.POINTER(_CpuSet)]),
         ("xrpd_budget_read", ctypes.c_int, [_P, ctypes.POINTER(_ReadingC)]),
         ("xrpd_save_snapshot", ctypes.c_int, [ctypes.c_char_p, _ERR])]:
     getattr(_lib, _name).restype = _result
@@ -205,6 +216,31 @@ class Processor:
     kind: int
     online: bool
     usable: bool
+    numa_node: int
+    last_level_cache: int
+
+
+@dataclasses.dataclass
+class NumaNode:
+    """One NUMA node: its number, online processors, memory and row of distances."""
+    node: int
+    cpus: Set[int]
+    memory_bytes: Optional[int]
+    distances: List[int]
+
+
+@dataclasses.dataclass
+class Cache:
+    """One cache instance; type "data", "instruction" or "unified"; ways -1: fully associative."""
+    level: int
+    type: str
+    size_bytes: int
+    line_bytes: int
+    ways: int
+    cpus: Set[int]
+
+
+_PLACES = ["threads", "cores", "ll_caches", "numa_domains", "sockets"]
 
 
 def _text(value: Optional[bytes]) -> Optional[str]:
@@ -227,6 +263,9 @@ class Topology:
     virtualization_type: Optional[str]
     container: Optional[str]
     error: Optional[str]
+    numa_nodes: List[NumaNode] = dataclasses.field(default_factory=list)
+    caches: List[Cache] = dataclasses.field(default_factory=list)
+    _places: dict = dataclasses.field(default_factory=dict, repr=False, compare=False)
 
 
 def _sets(handle: int, which: int) -> List[Set[int]]:
@@ -234,6 +273,52 @@ def _sets(handle: int, which: int) -> List[Set[int]]:
     while _lib.xrpd_topology_set(handle, which, len(sets), ctypes.byref(cpus), None) == 0:
         sets.append(cpus.to_set())
     return sets
+
+
+def _nodes(handle: int) -> List[NumaNode]:
+    nodes, n = [], _NodeC(size=ctypes.sizeof(_NodeC))
+    while _lib.xrpd_topology_numa_node(handle, len(nodes), ctypes.byref(n)) == 0:
+        nodes.append(NumaNode(n.node, n.processors.to_set(),
+                              None if n.memory_bytes < 0 else n.memory_bytes,
+                              [n.distances[i] for i in range(n.distance_count)]))
+    return nodes
+
+
+def _caches(handle: int) -> List[Cache]:
+    caches, c = [], _CacheC(size=ctypes.sizeof(_CacheC))
+    while _lib.xrpd_topology_cache(handle, len(caches), ctypes.byref(c)) == 0:
+        caches.append(Cache(c.level, ("data", "instruction", "unified")[c.type], c.size_bytes,
+                            c.line_bytes, c.ways, c.processors.to_set()))
+    return caches
+
+
+def _places(handle: int, kind: int) -> List[Set[int]]:
+    place, out = _CpuSet(), []
+    for index in range(max(_lib.xrpd_places(handle, kind, 0, None), 0)):
+        _lib.xrpd_places(handle, kind, index, ctypes.byref(place))
+        out.append(place.to_set())
+    return out
+
+
+def places(topology: "Topology", kind: str) -> List[Set[int]]:
+    """OpenMP's places of `kind` ("threads", "cores", "ll_caches", "numa_domains", "sockets")
+    made of the usable processors, in order of their lowest processor."""
+    if kind not in _PLACES:
+        raise XrProcDetectorError("unknown kind of place %r; choose %s" % (kind, ", ".join(_PLACES)))
+    return [set(place) for place in topology._places[kind]]
+
+
+def bind_thread(cpus) -> None:
+    """Pins the calling thread to the processors `cpus` (numbers below 8192)."""
+    cpus = set(cpus)
+    if not all(isinstance(cpu, int) and 0 <= cpu < 8192 for cpu in cpus):
+        raise XrProcDetectorError("processors are numbers from 0 to 8191: %r" % sorted(cpus))
+    bits = _CpuSet()
+    for cpu in cpus:
+        bits.bits[cpu // 64] |= 1 << (cpu % 64)
+    if _lib.xrpd_bind_thread(ctypes.byref(bits)) != 0:
+        why = "the set is empty" if not cpus else os.strerror(ctypes.get_errno())
+        raise XrProcDetectorError("cannot bind the thread to %s: %s" % (sorted(cpus), why))
 
 
 def topology(snapshot: Optional[str] = None) -> Topology:
@@ -251,13 +336,16 @@ def topology(snapshot: Optional[str] = None) -> Topology:
             p = _ProcessorC(size=ctypes.sizeof(_ProcessorC))
             _lib.xrpd_topology_processor(handle, index, ctypes.byref(p))
             processors.append(Processor(p.cpu, p.package, p.die, p.core, p.thread, p.kind,
-                                        bool(p.online), bool(p.usable)))
+                                        bool(p.online), bool(p.usable), p.numa_node,
+                                        p.last_level_cache))
         return Topology(info.online.to_set(), info.offline.to_set(), info.usable.to_set(),
                         _sets(handle, 0), _sets(handle, 1), _sets(handle, 2), processors,
                         info.cpu_quota or None,
                         None if info.effective_processors < 0 else info.effective_processors,
                         _text(info.hypervisor_vendor), _text(info.virtualization_type),
-                        _text(info.container), _text(info.error))
+                        _text(info.container), _text(info.error), _nodes(handle),
+                        _caches(handle), {kind: _places(handle, k)
+                                          for k, kind in enumerate(_PLACES)})
     finally:
         _lib.xrpd_topology_close(handle)
 

@@ -129,3 +129,39 @@ def test_a_budget_that_failed_to_open_is_collected_quietly(monkeypatch):
         xr.Budget(snapshot="/no/such/snapshot")
     gc.collect()
     assert unraisable == []
+
+
+def test_nodes_caches_and_places_of_a_two_node_machine():
+    t = xr.topology(snapshot=os.path.join(SYSROOTS, "numa-two-node-smt-16"))
+    halves = [set(range(0, 4)) | set(range(8, 12)), set(range(4, 8)) | set(range(12, 16))]
+    assert [(n.node, n.cpus, n.distances) for n in t.numa_nodes] == \
+        [(0, halves[0], [10, 21]), (1, halves[1], [21, 10])]
+    l3 = [c for c in t.caches if c.level == 3]
+    assert [(c.type, c.size_bytes, c.cpus) for c in l3] == \
+        [("unified", 5632 * 1024, halves[0]), ("unified", 5632 * 1024, halves[1])]
+    assert t.processors[9].numa_node == 0 and t.caches[t.processors[9].last_level_cache] == l3[0]
+    assert xr.places(t, "ll_caches") == xr.places(t, "numa_domains") == halves
+    assert xr.places(t, "cores")[:2] == [{0, 8}, {1, 9}] and len(xr.places(t, "threads")) == 16
+    with pytest.raises(xr.XrProcDetectorError):
+        xr.places(t, "numa")
+
+
+def test_bind_thread_pins_or_says_why():
+    import threading
+    errors = []
+
+    def pin():
+        try:
+            last = max(os.sched_getaffinity(0))
+            xr.bind_thread({last})
+            assert os.sched_getaffinity(0) == {last}
+            for bad in (set(), {8191}, {-1}):
+                with pytest.raises(xr.XrProcDetectorError):
+                    xr.bind_thread(bad)
+            assert os.sched_getaffinity(0) == {last}
+        except BaseException as e:  # pytest.raises fails with a BaseException; reported below
+            errors.append(e)
+    thread = threading.Thread(target=pin)
+    thread.start()
+    thread.join()
+    assert errors == []

@@ -30,7 +30,10 @@ std::string TreeMachine::at(const std::string& path) const {
 Read TreeMachine::file(const std::string& path, std::size_t cap, std::string* text,
                        std::string* why) {
   text->clear();
-  return fd_ == -1 ? Read::kAbsent : readWholeFile(fd_, at(path), cap, text, why);
+  // This machine's /proc and /sys hold regular files alone, each read as it
+  // is opened (4 system calls); a tree from elsewhere may hold anything, so
+  // each of its files is opened only once it is known to be a regular one.
+  return fd_ == -1 ? Read::kAbsent : readWholeFile(fd_, at(path), cap, text, why, fd_ == AT_FDCWD);
 }
 
 Read TreeMachine::entries(const std::string& path, std::vector<std::string>* names) {

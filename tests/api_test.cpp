@@ -1,5 +1,5 @@
 // The entry points of detect.h, called as hosts call them: the version
-// index, the host's SIGSEGV handler, a save raced by a link, processor
+// index, a save raced by a link, processor
 // sets, and the reader of a system root and its parsers.
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -51,24 +51,6 @@ TEST(Detect, VersionIndexAsTheConstructorsTakeIt) {
   o.versionIndex = 6;
   EXPECT_EQ(detect(Generation::k60, text, o).versionIndex, 1);
   EXPECT_EQ(detect(Generation::k61, text, o).versionIndex, 6);
-}
-
-// The default detector's VMware probe on a snapshot (replayed, through the
-// same fault guard) sets SIGSEGV's disposition to the default; detect()
-// gives the host's handler back.
-TEST(Detect, TheHostsSegvHandlerOutlivesADetectionOnASnapshot) {
-  struct sigaction mine {};
-  struct sigaction before {};
-  struct sigaction after {};
-  mine.sa_handler = [](int) { std::_Exit(3); };
-  sigaction(SIGSEGV, &mine, &before);
-  const auto source = Source::snapshot(testsupport::fixture("snapshots/vmware-2"));
-  ASSERT_TRUE(source);
-  const Detection d = detect(Generation::kDefault, *source);
-  sigaction(SIGSEGV, &before, &after);
-  EXPECT_EQ(d.endedBy, Strategy::kCpuid);
-  EXPECT_EQ(d.vm, VmState::kVmware);
-  EXPECT_EQ(after.sa_handler, mine.sa_handler);
 }
 
 // A save that fails (the affinity cannot be read) while its directory is

@@ -216,18 +216,20 @@ class RecordingMachine : public Machine {
 // The VMware probe under its fault guard: a SIGSEGV handler for the span of
 // one port access, left by a non-local jump, with SIGSEGV unblocked in the
 // calling thread for that access alone; then SIGSEGV's disposition is set to
-// the default, whatever it was (under a SignalState, which gives the one
-// before back, to that one at once). Faults that are not the probe's (of other
-// threads, or outside the access) go to the action in place before. After
-// a fault, SIGSEGV stays blocked in the calling thread. One probe at a time
-// in the process, under the probe lock. True when the port answered with
-// the magic.
+// the default, whatever it was (under a SignalState, the one before is put
+// back at once instead, unless another thread has meanwhile put its own in
+// place of the guard's handler: that one stays). Faults that are not the
+// probe's (of other threads, or outside the access) go to the action in
+// place before. After a fault, SIGSEGV stays blocked in the calling thread.
+// One probe at a time in the process, under the probe lock, which a fork
+// never leaves held in the child. True when the port answered with the
+// magic.
 bool guardedVmwareProbe();
 
-// What guardedVmwareProbe changes, kept so that it can be given back: the
-// SIGSEGV disposition and the thread's signal mask. It holds the probe lock
-// (recursive) while it lives, so that no other thread's probe runs between
-// the keeping and the giving back.
+// The thread's signal mask, kept to be given back, and the probe lock
+// (recursive), held while it lives, so that no other thread's probe runs
+// in between; guardedVmwareProbe under it gives SIGSEGV's disposition back
+// itself.
 class SignalState {
  public:
   SignalState();
@@ -237,7 +239,6 @@ class SignalState {
 
  private:
   std::lock_guard<std::recursive_mutex> lock_;
-  struct sigaction segv_;
   sigset_t mask_;
 };
 

@@ -130,9 +130,10 @@ class XRPROCDETECTOR_API Source {
   /// /proc/cpuinfo text. A file that cannot be read gives a Source whose
   /// error() says why; detection on it reports that error.
   static Source cpuinfoFile(std::string path);
-  /// The snapshot or system root in `dir`, read now: its /proc/cpuinfo, its
-  /// processor lists, CPUID dumps and saved counts. Nothing when it cannot
-  /// be read or is malformed, with *error naming the file to blame.
+  /// The snapshot or system root in `dir`, read now, its whole tree (at
+  /// most 256 MiB): what the tree becomes afterwards changes nothing.
+  /// Nothing when it cannot be read or is malformed, with *error naming the
+  /// file to blame.
   static std::optional<Source> snapshot(const std::string& dir, std::string* error = nullptr);
 
   Kind kind() const noexcept;

@@ -21,20 +21,6 @@ namespace {
 
 const char kWork[] = ".xrprocdetect-saving";
 
-class Fd {
- public:
-  explicit Fd(int fd = -1) : fd_(fd) {}
-  ~Fd() {
-    if (fd_ >= 0) ::close(fd_);
-  }
-  Fd(const Fd&) = delete;
-  Fd& operator=(const Fd&) = delete;
-  int get() const { return fd_; }
-
- private:
-  int fd_;
-};
-
 // Writes what a recording kept into the working folder, each file where it
 // will stand in the snapshot, and names what failed against the snapshot's
 // path.

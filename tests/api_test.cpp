@@ -189,6 +189,12 @@ TEST(Parsers, MasksAndJsonStrings) {
   EXPECT_FALSE(dt::parseCpuMask("1" + std::string(2048, '0'), &cpus, &error));
   EXPECT_TRUE(dt::parseCpuMask("0" + std::string(2047, '0') + "1", &cpus, &error));
   EXPECT_EQ(jsonString("a\"b\\c\nd\te\x01"), "\"a\\\"b\\\\c\\nd\\te\\u0001\"");
+  // Valid UTF-8 as it is (e9 as c3 a9, U+009B a control); each byte of what
+  // is not (ff, a surrogate, an overlong slash, a character cut short) as
+  // the character of its own value.
+  EXPECT_EQ(
+      dt::jsonQuoted("\xff\xc3\xa9\x1b\x7f\xc2\x9b\xed\xa0\x80\xc0\xaf\xe2\x82"),
+      "\"\\u00ff\xc3\xa9\\u001b\\u007f\\u009b\\u00ed\\u00a0\\u0080\\u00c0\\u00af\\u00e2\\u0082\"");
 }
 
 }  // namespace

@@ -18,7 +18,7 @@ const char* vmKey(Hypervisor vm) {
 }
 
 std::string quoted(const std::string& text) {
-  return jsonString(text);
+  return "\"" + escaped(text, true) + "\"";
 }
 
 // An object, pretty-printed at `indent`, or on one line when `indent` < 0.
@@ -157,7 +157,7 @@ std::string budgetLine(const Budget& b, bool json) {
     return "usable " + b.usable.toList() + " (" + std::to_string(b.usable.count()) +
            " processors), CPU quota " + (quota.empty() ? "none" : quota + " processors") +
            ", effective " + std::to_string(b.effectiveProcessors) +
-           (b.error.empty() ? "" : "; " + b.error) + "\n";
+           (b.error.empty() ? "" : "; " + escaped(b.error)) + "\n";
   JsonObject o(-1);
   o.string("usableCpus", b.usable.toList());
   o.number("usableProcessors", static_cast<long long>(b.usable.count()));

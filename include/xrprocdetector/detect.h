@@ -452,8 +452,10 @@ XRPROCDETECTOR_API Agreement compare(const Detection& detection,
 XRPROCDETECTOR_API bool saveSnapshot(const std::string& dir, std::string* error = nullptr) noexcept;
 
 /// `text` as a JSON string literal, quotes included: `"` and `\` escaped,
-/// newlines and tabs as `\n` and `\t`, other control bytes as `\u00XX`;
-/// other bytes as they are. For hosts that log what detection found as JSON.
+/// newlines and tabs as `\n` and `\t`, other control characters as
+/// `\u00XX`, and each byte that is not part of valid UTF-8 as `\u00XX` of
+/// its own value; valid UTF-8 otherwise as it is. For hosts that log what
+/// detection found as JSON.
 XRPROCDETECTOR_API std::string jsonString(const std::string& text);
 
 }  // namespace xrprocdetector

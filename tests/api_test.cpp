@@ -1,5 +1,5 @@
 // The entry points of detect.h, called as hosts call them: the version
-// index, the host's SIGSEGV handler, a save raced by a link, processor
+// index, a save raced by a link, processor
 // sets, and the reader of a system root and its parsers.
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -16,6 +16,7 @@
 #include <xrprocdetector/detect.h>
 
 #include "machine/machine.h"
+#include "snapshot/snapshot.h"
 #include "support/scripted_hardware.h"
 
 namespace {
@@ -54,24 +55,6 @@ TEST(Detect, VersionIndexAsTheConstructorsTakeIt) {
   EXPECT_EQ(detect(Generation::k61, text, o).versionIndex, 6);
 }
 
-// The default detector's VMware probe on a snapshot (replayed, through the
-// same fault guard) sets SIGSEGV's disposition to the default; detect()
-// gives the host's handler back.
-TEST(Detect, TheHostsSegvHandlerOutlivesADetectionOnASnapshot) {
-  struct sigaction mine {};
-  struct sigaction before {};
-  struct sigaction after {};
-  mine.sa_handler = [](int) { std::_Exit(3); };
-  sigaction(SIGSEGV, &mine, &before);
-  const auto source = Source::snapshot(testsupport::fixture("snapshots/vmware-2"));
-  ASSERT_TRUE(source);
-  const Detection d = detect(Generation::kDefault, *source);
-  sigaction(SIGSEGV, &before, &after);
-  EXPECT_EQ(d.endedBy, Strategy::kCpuid);
-  EXPECT_EQ(d.vm, VmState::kVmware);
-  EXPECT_EQ(after.sa_handler, mine.sa_handler);
-}
-
 // A save that fails (the affinity cannot be read) while its directory is
 // renamed and a link put in its place, round after round, removes only what
 // it wrote: never the files the link leads to.
@@ -108,9 +91,6 @@ TEST(Parsers, DescriptorZeroIsOpenLikeAnyOther) {
   const Scratch scratch;
   const fs::path online = scratch.path / "sys/devices/system/cpu/online";
   scratch.write("sys/devices/system/cpu/online", "0-1\n");
-  dt::SavedMachine saved;
-  saved.dir = scratch.path.string();
-  dt::ReplayMachine early(saved);  // open before 0 is closed
   const int input = ::dup(0);
   ASSERT_GE(input, 0);
   ::close(0);
@@ -118,7 +98,7 @@ TEST(Parsers, DescriptorZeroIsOpenLikeAnyOther) {
   std::string why;
   const dt::Read r = dt::readWholeFile(AT_FDCWD, online.string(), dt::kSmallFileCap, &text, &why);
   std::vector<std::string> names;
-  const dt::Read listed = early.entries("sys/devices/system/cpu", &names);
+  const dt::Read listed = dt::listFolder(AT_FDCWD, online.parent_path().string(), &names);
   // The snapshot's root and the kernel row's are each given 0.
   const auto source = Source::snapshot(scratch.path.string());
   const KernelTopology k = source ? kernelTopology(*source) : KernelTopology();
@@ -133,35 +113,50 @@ TEST(Parsers, DescriptorZeroIsOpenLikeAnyOther) {
   EXPECT_TRUE(zeroClosedAgain);
 }
 
-// A path under a root is resolved inside it, by openat2 and one component
-// at a time alike: ".." stops at the root, an absolute path or link target
-// starts from it, links within the tree are followed, and nothing from
-// outside (outside/cpu.max, 987654) is ever read.
-TEST(Parsers, PathsUnderARootResolveInsideIt) {
+// A path in a saved tree is resolved inside it: ".." stops at its top, an
+// absolute path or link target starts from it, links within the tree are
+// followed, and nothing from outside (outside/cpu.max, 987654) is ever
+// read. A link that leads nowhere in the tree, or round in a loop, is a
+// broken file.
+TEST(Parsers, PathsInASavedTreeResolveInsideIt) {
+  namespace dt = xrprocdetector::detail;
   const Scratch scratch;
   const fs::path tree = scratch.path / "tree";
-  for (const char* file : {"outside/cpu.max", "tree/sys/fs/cgroup/cpu.max", "tree/outside/cpu.max"})
+  for (const char* file : {"outside/cpu.max", "tree/sys/fs/cgroup/cpu.max", "tree/outside/cpu.max",
+                           "tree/cpuid/notes"})
     scratch.write(file, file[0] == 'o' ? "987654" : "in");
   fs::create_symlink("/sys/fs/cgroup/cpu.max", tree / "rooted");
   fs::create_symlink("../../outside/cpu.max", tree / "up");
   fs::create_symlink("../cgroup", tree / "sys/fs/cgroup/self");
   fs::create_symlink(scratch.path / "outside/cpu.max", tree / "escape");
   fs::create_symlink("loop", tree / "loop");
-  const char* const paths[] = {
-      // Seven to the tree's "in",
-      "sys/fs/cgroup/cpu.max", "../../sys/fs/cgroup/cpu.max", "/sys/fs/cgroup/cpu.max",
-      "sys/fs/cgroup/../../../../outside/cpu.max", "rooted", "up", "sys/fs/cgroup/self/./cpu.max",
-      // then three to nothing.
-      "escape", "loop/x", "/proc/sys/kernel/pid_max"};
-  const int root = ::open(tree.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  for (const bool componentwise : {false, true})
-    for (const char* const& path : paths) {
-      const int fd = xrprocdetector::detail::openInRoot(root, path, O_RDONLY, componentwise);
-      char got[8] = "nothing";
-      if (fd >= 0) got[std::max<ssize_t>(::read(fd, got, sizeof got - 1), 0)] = '\0', ::close(fd);
-      EXPECT_STREQ(got, &path < paths + 7 ? "in" : "nothing") << path << " " << componentwise;
-    }
-  ::close(root);
+  fs::create_hard_link(tree / "sys/fs/cgroup/cpu.max", tree / "hard");
+  const std::pair<const char*, const char*> cases[] = {
+      {"sys/fs/cgroup/cpu.max", "in"},
+      {"../../sys/fs/cgroup/cpu.max", "in"},
+      {"/sys/fs/cgroup/cpu.max", "in"},
+      {"sys/fs/cgroup/../../../../outside/cpu.max", "in"},
+      {"rooted", "in"},
+      {"up", "in"},
+      {"sys/fs/cgroup/self/./cpu.max", "in"},
+      {"hard", "in"},
+      {"escape", "a link to nothing in the snapshot"},
+      {"loop/x", "a link to nothing in the snapshot"},
+      {"/proc/sys/kernel/pid_max", "absent"},
+      {"sys/fs/cgroup/cpu.max/x", "absent"}};
+  dt::SavedMachine saved;
+  dt::Error error;
+  ASSERT_TRUE(dt::loadSnapshot(tree.string(), &saved, &error)) << error.message();
+  dt::ReplayMachine replay(saved);
+  for (const auto& [path, expected] : cases) {
+    std::string text, why;
+    const dt::Read r = replay.file(path, dt::kSmallFileCap, &text, &why);
+    EXPECT_EQ(r == dt::Read::kOk       ? text
+              : r == dt::Read::kAbsent ? "absent"
+                                       : why,
+              expected)
+        << path;
+  }
 }
 
 TEST(CpuSets, ListsReadBackAsWrittenAndSetsIntersect) {
@@ -223,6 +218,12 @@ TEST(Parsers, MasksAndJsonStrings) {
   // Bit 8192, past the kernel's limit; leading zeros past it are no bits.
   EXPECT_FALSE(dt::parseCpuMask("1" + std::string(2048, '0'), &cpus, &error));
   EXPECT_TRUE(dt::parseCpuMask("0" + std::string(2047, '0') + "1", &cpus, &error));
+  // Valid UTF-8 as it is (e9 as c3 a9, U+009B a control); each byte of what
+  // is not (ff, a surrogate, an overlong slash, a character cut short) as
+  // the character of its own value.
+  EXPECT_EQ(
+      dt::jsonQuoted("\xff\xc3\xa9\x1b\x7f\xc2\x9b\xed\xa0\x80\xc0\xaf\xe2\x82"),
+      "\"\\u00ff\xc3\xa9\\u001b\\u007f\\u009b\\u00ed\\u00a0\\u0080\\u00c0\\u00af\\u00e2\\u0082\"");
 }
 
 }  // namespace

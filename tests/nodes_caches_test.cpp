@@ -76,7 +76,10 @@ TEST(NodesAndCaches, OfEachTreeAsWorkedOutByHand) {
 // L1i, L2, L3).
 TEST(NodesAndCaches, EachInstanceIsReadOnce) {
   dt::SavedMachine saved;
-  saved.dir = testsupport::fixture("sysroots/numa-two-node-smt-16");
+  dt::Error error;
+  ASSERT_TRUE(
+      dt::loadSnapshot(testsupport::fixture("sysroots/numa-two-node-smt-16"), &saved, &error))
+      << error.message();
   saved.affinity = xrprocdetector::CpuSet({0});
   dt::ReplayMachine tree(saved);
   dt::RecordingMachine machine(tree);

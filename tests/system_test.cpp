@@ -134,3 +134,59 @@ TEST(RealMachine, ABudgetWhoseGroupIsRemovedNamesTheFile) {
   EXPECT_EQ(after.error.message().find(group + "/cpu.cfs_quota_us: cannot read"), 0u)
       << after.error.message();
 }
+
+// A crash reporter that the host installs while another thread detects stays
+// in place: a detection gives SIGSEGV's disposition back only where the
+// guard's own handler is still there. Each round installs one while
+// detections (the default detector's probe, answered from a snapshot) run
+// back to back, and looks once they have stopped.
+TEST(RealMachine, AHandlerInstalledDuringADetectionStays) {
+  using namespace xrprocdetector;
+  const std::optional<Source> source = Source::snapshot(testsupport::fixture("snapshots/vmware-2"));
+  void (*const handlers[])(int) = {[](int) { _exit(3); }, [](int) { _exit(4); }};
+  int lost = 0;
+  for (int round = 0; round < 200; ++round) {
+    std::atomic<long> detections{0};
+    std::thread detecting([&] {
+      for (; detections < 3; ++detections)
+        detect(Generation::kDefault, *source);
+    });
+    while (detections < 1)
+      sched_yield();
+    struct sigaction mine {
+    }, now{};
+    mine.sa_handler = handlers[round % 2];
+    sigaction(SIGSEGV, &mine, nullptr);
+    detecting.join();
+    sigaction(SIGSEGV, nullptr, &now);
+    lost += now.sa_handler != mine.sa_handler ? 1 : 0;
+  }
+  signal(SIGSEGV, SIG_DFL);
+  EXPECT_EQ(lost, 0) << "of 200 handlers";
+}
+
+// A child forked while another thread detects can detect: the fork never
+// leaves it a probe lock held by a thread it does not have. A child that
+// has not ended within 20 s hangs, and is killed.
+TEST(RealMachine, AChildForkedDuringADetectionDetects) {
+  using namespace xrprocdetector;
+  std::atomic<bool> stop{false};
+  std::thread detecting([&] {
+    while (!stop)
+      detect(Generation::kDefault);
+  });
+  int wrong = 0;
+  for (int round = 0; round < 10; ++round) {
+    const pid_t child = fork();
+    if (child == 0) _exit(detect(Generation::kDefault).counted ? 0 : 1);
+    int status = 1;
+    pid_t ended = 0;
+    for (int waited = 0; ended == 0 && waited < 2000; ++waited)
+      if ((ended = waitpid(child, &status, WNOHANG)) == 0) usleep(10 * 1000);
+    if (ended == 0 && kill(child, SIGKILL) == 0) waitpid(child, nullptr, 0);  // hung
+    wrong += WIFEXITED(status) && WEXITSTATUS(status) == 0 ? 0 : 1;
+  }
+  stop = true;
+  detecting.join();
+  EXPECT_EQ(wrong, 0) << "of 10 children hung or failed";
+}

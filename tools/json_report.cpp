@@ -17,21 +17,8 @@ const char* vmKey(Hypervisor vm) {
   return vm == Hypervisor::kVmware ? "vmware" : vm == Hypervisor::kOther ? "other" : "none";
 }
 
-// A JSON string literal: quotes and backslashes escaped, control
-// characters as \n, \t or \u00XX.
 std::string quoted(const std::string& text) {
-  std::string out = "\"";
-  for (const unsigned char c : text) {
-    char escaped[8];
-    std::snprintf(escaped, sizeof escaped, "\\u%04x", c);
-    out += c == '"'    ? "\\\""
-           : c == '\\' ? "\\\\"
-           : c == '\n' ? "\\n"
-           : c == '\t' ? "\\t"
-           : c < 0x20  ? escaped
-                       : std::string(1, static_cast<char>(c));
-  }
-  return out + "\"";
+  return "\"" + escaped(text, true) + "\"";
 }
 
 // An object, pretty-printed at `indent`, or on one line when `indent` < 0.
@@ -206,7 +193,7 @@ std::string budgetLine(const Budget& b, bool json) {
     return "usable " + b.usable.toList() + " (" + std::to_string(b.usable.count()) +
            " processors), CPU quota " + (quota.empty() ? "none" : quota + " processors") +
            ", effective " + std::to_string(b.effectiveProcessors) +
-           (b.error.empty() ? "" : "; " + b.error.message()) + "\n";
+           (b.error.empty() ? "" : "; " + escaped(b.error.message())) + "\n";
   JsonObject o(-1);
   o.string("usableCpus", b.usable.toList());
   o.number("usableProcessors", static_cast<long long>(b.usable.count()));

@@ -4,8 +4,50 @@
 #include <cstdio>
 #include <cstdlib>
 #include <optional>
+#include <string_view>
 
 namespace xrprocdetect {
+
+namespace {
+
+// The length of the UTF-8 character that `s` starts with (1 to 4); 0 when
+// its first byte starts none: a lone continuation byte, an overlong form, a
+// surrogate, a code point past U+10FFFF, or a character cut short.
+std::size_t utf8Length(std::string_view s) {
+  const auto at = [s](std::size_t i) { return static_cast<unsigned char>(s[i]); };
+  const unsigned c = at(0);
+  const std::size_t n = c < 0x80 ? 1 : c < 0xC2 || c > 0xF4 ? 0 : 2 + (c >= 0xE0) + (c >= 0xF0);
+  // The second byte's range leaves out overlong forms, surrogates and code
+  // points past U+10FFFF.
+  const unsigned low = c == 0xE0 ? 0xA0 : c == 0xF0 ? 0x90 : 0x80;
+  const unsigned high = c == 0xED ? 0x9F : c == 0xF4 ? 0x8F : 0xBF;
+  for (std::size_t i = 1; i < n; ++i)
+    if (i >= s.size() || at(i) < (i == 1 ? low : 0x80) || at(i) > (i == 1 ? high : 0xBF)) return 0;
+  return n;
+}
+
+}  // namespace
+
+std::string escaped(std::string_view text, bool json) {
+  std::string out;
+  char code[8];
+  for (std::size_t i = 0, n = 1; i < text.size(); i += n) {
+    const std::size_t valid = utf8Length(text.substr(i));
+    n = valid == 0 ? 1 : valid;
+    // The code point of a character of one or two bytes; else the first byte.
+    const unsigned c = n == 2 ? (text[i] & 0x1Fu) << 6 | (text[i + 1] & 0x3Fu)
+                              : static_cast<unsigned char>(text[i]);
+    if (json && (c == '"' || c == '\\' || c == '\n' || c == '\t'))
+      out += {'\\', c == '\n' ? 'n' : c == '\t' ? 't' : static_cast<char>(c)};
+    else if (valid != 0 && (c >= 0xA0 || (c >= 0x20 && c < 0x7F) || (c == '\n' && !json)))
+      out.append(text.substr(i, n));
+    else  // each byte in a text, the character in JSON
+      for (std::size_t k = i; k < i + n; k += json ? n : 1)
+        out.append(code, std::snprintf(code, sizeof code, json ? "\\u%04x" : "\\x%02x",
+                                       json ? c : static_cast<unsigned char>(text[k])));
+  }
+  return out;
+}
 
 const char* stateWords(int state) {
   static const char* const kWords[] = {"not capable", "disabled", "enabled",

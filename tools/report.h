@@ -7,6 +7,7 @@
 
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace xrprocdetect {
@@ -67,6 +68,17 @@ std::string coreKindsWords(const KernelTopology& k);
 // cell; a column whose `rightAligned` entry is true (none when null) is
 // aligned to the right. Blanks at a line's end are dropped.
 std::string aligned(const std::vector<std::vector<std::string>>& cells, const bool* rightAligned);
+
+// `text` made fit to print, whatever the machine wrote into it. In a text
+// (`json` false), the bytes of what is not valid UTF-8 and of the control
+// characters but the line feed (C0, DEL, C1) are each written as \xHH, so
+// that no word from the machine moves the terminal's cursor or breaks the
+// terminal's UTF-8. In JSON (the inside of a string literal), `"` and `\`
+// are escaped, line feeds and tabs as \n and \t, the other control
+// characters as \u00XX, and each byte that is not part of valid UTF-8 as
+// \u00XX of its own value (the character Latin-1 gives that byte): the
+// output is valid JSON and UTF-8, and every byte can still be read off it.
+std::string escaped(std::string_view text, bool json = false);
 
 // A hyperThreadState in words: "not capable", "disabled", "enabled", ...
 const char* stateWords(int state);

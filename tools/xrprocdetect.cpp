@@ -70,7 +70,7 @@ std::optional<Source> open(Source::Kind kind, const std::string& name, Input* in
     error = input->kernel->error.message();
     if (!error.empty()) source.reset();
   }
-  if (!source) *why = "xrprocdetect: " + error + "\n";
+  if (!source) *why = "xrprocdetect: " + escaped(error) + "\n";
   return source;
 }
 
@@ -111,21 +111,22 @@ Report report(const Run& run, Source::Kind kind, const std::string& name) {
     const Detection& row = r.rows.back();
     // A live /proc/cpuinfo that cannot be read: there are other ways in.
     const char* hint = r.input.live ? " (use --cpuinfo FILE, or --algorithm 5.3)" : "";
-    if (!row.error.empty()) r.err += "xrprocdetect: " + row.error.message() + hint + "\n";
+    if (!row.error.empty()) r.err += "xrprocdetect: " + escaped(row.error.message()) + hint + "\n";
     if (!row.error.empty()) return r.failed = true, r;
     if (run.passDebugOn) r.err += row.debug + row.summary;
   }
   if (r.failed || options.tally) return r;
   if (options.view()) {
     const Topology& t = *r.input.topology;
-    r.out = options.cpus     ? cpuLines(t)
-            : options.caches ? cacheLines(t)
-            : options.draw   ? drawing(t)
-                             : ompPlaces(places(t, *placeKind(*options.places))) + "\n";
+    r.out = escaped(options.cpus     ? cpuLines(t)
+                    : options.caches ? cacheLines(t)
+                    : options.draw   ? drawing(t)
+                                     : ompPlaces(places(t, *placeKind(*options.places))) + "\n");
   } else if (options.json) {
     r.out = json(r.rows, r.input, options.all, options.summary, run.lines);
   } else {
-    r.out = options.all ? table(r.rows, r.input) : humanReport(r.rows.front(), r.input);
+    // Words from the machine and file names never move the terminal's cursor.
+    r.out = escaped(options.all ? table(r.rows, r.input) : humanReport(r.rows.front(), r.input));
     if (options.summary) r.out += summaries(r.rows);
   }
   return r;
@@ -146,7 +147,7 @@ void emit(const Report& r, const std::string& name, bool tallying, Tally* tally,
     std::string why;
     if (!compared(row, r.input, &why) && !outcome->uncompared) {
       outcome->uncompared = true;
-      outcome->why = (r.input.live ? "this machine" : name) + ": " + why;
+      outcome->why = escaped((r.input.live ? "this machine" : name) + ": " + why);
     }
   }
   if (tallying && r.input.kernel) tally->add(r.input.live ? "live" : name, r.rows, *r.input.kernel);
@@ -200,7 +201,7 @@ int watch(double seconds, bool json) {
   std::string error;
   std::optional<ProcessorBudget> budget = ProcessorBudget::open(&error);
   if (!budget) {
-    std::fprintf(stderr, "xrprocdetect: cannot watch the budget: %s\n", error.c_str());
+    std::fprintf(stderr, "xrprocdetect: cannot watch the budget: %s\n", escaped(error).c_str());
     return 2;
   }
   Budget last = budget->read();
@@ -217,7 +218,7 @@ int watch(double seconds, bool json) {
 int save(const std::string& dir) {
   std::string error;
   if (!saveSnapshot(dir, &error)) {
-    std::fprintf(stderr, "xrprocdetect: cannot save the snapshot: %s\n", error.c_str());
+    std::fprintf(stderr, "xrprocdetect: cannot save the snapshot: %s\n", escaped(error).c_str());
     return 2;
   }
   std::printf("Saved a snapshot of this machine in %s\n", dir.c_str());
@@ -266,7 +267,7 @@ int main(int argc, char** argv) {
   Tally tally;
   Outcome outcome;
   runAll(run, kind, names.empty() ? std::vector<std::string>{""} : names, &tally, &outcome);
-  if (options.tally) std::fputs(tally.text().c_str(), stdout);
+  if (options.tally) std::fputs(escaped(tally.text()).c_str(), stdout);
   if (std::fflush(stdout) != 0 || std::ferror(stdout)) {
     std::fprintf(stderr, "xrprocdetect: cannot write the report: %s\n", std::strerror(errno));
     return 2;

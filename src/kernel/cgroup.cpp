@@ -1,9 +1,11 @@
 #include "kernel/kernel.h"
 
 #include <algorithm>
+#include <climits>
 #include <cmath>
 #include <cstdlib>
 #include <iterator>
+#include <map>
 #include <sstream>
 
 namespace xrprocdetector {
@@ -63,15 +65,12 @@ std::vector<Mount> cgroupMounts(SystemRoot& root) {
 }
 
 // The folders from the process's cgroup up to the mount's top, relative to
-// the system root; none when the cgroup lies outside what is mounted.
+// the system root; none where no file could have such a path (longer than
+// PATH_MAX), which would take as much work as the square of its length.
 std::vector<std::string> chain(const Mount& m, std::string path) {
-  const std::string top = m.root == "/" ? "" : m.root;
-  if (path.compare(0, top.size(), top) != 0) return {};
-  path.erase(0, top.size());
-  // Below the mount's root only as a path of its own: "/jobless" is not
-  // below "/job", and a path that is not absolute is below nothing.
-  if (!path.empty() && path.front() != '/') return {};
+  path.erase(0, m.root == "/" ? 0 : m.root.size());
   std::vector<std::string> dirs;
+  if (m.point.size() + path.size() > PATH_MAX) return dirs;
   for (;;) {
     while (!path.empty() && path.back() == '/')
       path.pop_back();
@@ -81,12 +80,13 @@ std::vector<std::string> chain(const Mount& m, std::string path) {
   }
 }
 
-// The cgroup path of each hierarchy from proc/self/cgroup: "" for v2, each
-// controller's name for v1; and "cpuset fs" from proc/self/cpuset, the
-// path of the process's cpuset in whichever hierarchy holds cpusets (what
-// older recordings keep instead of proc/self/cgroup).
-std::vector<std::pair<std::string, std::string>> cgroupPaths(SystemRoot& root) {
-  std::vector<std::pair<std::string, std::string>> paths;
+// The cgroup path of each hierarchy that may bound the processors, from
+// proc/self/cgroup: "" for v2, "cpu" and "cpuset" for v1, the first line of
+// each (the kernel writes one a hierarchy); and "cpuset fs" from
+// proc/self/cpuset, the path of the process's cpuset in whichever hierarchy
+// holds cpusets (what older recordings keep instead of proc/self/cgroup).
+std::map<std::string, std::string> cgroupPaths(SystemRoot& root) {
+  std::map<std::string, std::string> paths;
   std::string text;
   root.text("proc/self/cgroup", &text);
   std::istringstream lines(text);
@@ -96,11 +96,11 @@ std::vector<std::pair<std::string, std::string>> cgroupPaths(SystemRoot& root) {
     if (first == std::string::npos || second == std::string::npos) continue;
     std::istringstream names(line.substr(first + 1, second - first - 1));
     const std::string path = line.substr(second + 1);
-    if (second == first + 1) paths.emplace_back("", path);
+    if (second == first + 1) paths.emplace("", path);
     for (std::string name; std::getline(names, name, ',');)
-      paths.emplace_back(name, path);
+      if (name == "cpu" || name == "cpuset") paths.emplace(name, path);
   }
-  if (root.text("proc/self/cpuset", &text) == Read::kOk) paths.emplace_back("cpuset fs", text);
+  if (root.text("proc/self/cpuset", &text) == Read::kOk) paths.emplace("cpuset fs", text);
   return paths;
 }
 
@@ -205,13 +205,28 @@ CgroupLimits readCgroupLimits(SystemRoot& root, std::vector<LimitFile>* files) {
   if (mounts.empty()) return limits;  // no control group file system to look in
   for (const auto& [controller, path] : cgroupPaths(root)) {
     const bool named = controller == "cpuset fs";
+    // Of each kind of mount that holds the hierarchy, the one that shows
+    // most of it (the shortest root, the first of those): a hierarchy
+    // mounted many times is read once.
+    const Mount* kinds[3] = {};  // v2, the old cpuset fs, v1
     for (const Mount& m : mounts) {
       const bool v2 = (controller.empty() || named) && m.type == "cgroup2";
       const bool old = named && m.type == "cpuset";
       const bool v1 = m.type == "cgroup" && m.options.find("," + (named ? "cpuset" : controller) +
                                                            ",") != std::string::npos;
-      if (!v2 && !old && !v1) continue;
-      const std::vector<std::string> dirs = chain(m, path);
+      // The cgroup lies within what the mount shows, below its root as a path
+      // of its own: "/jobless" is not below "/job", and a path that is not
+      // absolute is below nothing.
+      const std::size_t top = m.root == "/" ? 0 : m.root.size();
+      const bool shown =
+          path.compare(0, top, m.root, 0, top) == 0 && (path.size() == top || path[top] == '/');
+      const Mount*& best = kinds[v2 ? 0 : old ? 1 : 2];
+      if ((v2 || old || v1) && shown && (!best || m.root.size() < best->root.size())) best = &m;
+    }
+    for (const Mount* m : kinds) {
+      if (m == nullptr) continue;
+      const bool v2 = m->type == "cgroup2";
+      const std::vector<std::string> dirs = chain(*m, path);
       if (!named && (v2 || controller == "cpu")) {
         for (const std::string& dir : dirs)
           read(root,
@@ -220,7 +235,7 @@ CgroupLimits readCgroupLimits(SystemRoot& root, std::vector<LimitFile>* files) {
                               dir + "/cpu.cfs_period_us"},
                &limits, files);
       }
-      const bool bare = old || m.options.find(",noprefix,") != std::string::npos;
+      const bool bare = m->type == "cpuset" || m->options.find(",noprefix,") != std::string::npos;
       const bool cpusets = named || controller == "cpuset";
       if (v2)
         readCpuset(root, dirs, {"cpuset.cpus.effective"}, &limits, files);

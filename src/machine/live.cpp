@@ -11,6 +11,7 @@
 #include <atomic>
 #include <cstring>
 #include <mutex>
+#include <new>
 
 #include "machine/machine.h"
 
@@ -32,6 +33,11 @@ struct sigaction previous;
 std::atomic<bool> previousReset{false};  // by its SA_RESETHAND
 std::recursive_mutex probeLock;
 int keepers = 0;  // SignalStates alive, which give the action before back
+// A fork never leaves the lock held in the child: the forking thread takes
+// it first, and the child, whose one thread that is, starts a new one.
+[[maybe_unused]] const int forkSafe =
+    pthread_atfork([] { probeLock.lock(); }, [] { probeLock.unlock(); },
+                   [] { new (&probeLock) std::recursive_mutex(); });
 
 // A fault that is not the probe's, handled as the action before the probe
 // would have handled it. SIG_DFL, and SIG_IGN for a real fault, take the
@@ -115,7 +121,7 @@ bool LiveMachine::affinity(CpuSet* set) {
 }
 
 int LiveMachine::keep(const std::string& path) {
-  return openInRoot(AT_FDCWD, "/" + path, O_RDONLY);
+  return ::open(("/" + path).c_str(), O_RDONLY | O_CLOEXEC);
 }
 
 bool LiveMachine::pin(const CpuSet& set) {
@@ -135,9 +141,8 @@ __attribute__((noinline, no_sanitize_address)) bool guardedVmwareProbe() {
   sigemptyset(&action.sa_mask);
   action.sa_sigaction = segfault_sigaction;
   action.sa_flags = SA_SIGINFO;
-  sigaction(SIGSEGV, nullptr, &previous);
   previousReset = false;
-  sigaction(SIGSEGV, &action, nullptr);
+  sigaction(SIGSEGV, &action, &previous);
   sigset_t segv, mask;
   sigemptyset(&segv);
   sigaddset(&segv, SIGSEGV);
@@ -152,23 +157,23 @@ __attribute__((noinline, no_sanitize_address)) bool guardedVmwareProbe() {
   }
   probingThread = 0;
   // The default disposition, not whatever the host had before the probe;
-  // under a SignalState, which gives that back, the host's at once, so that
-  // no fault of the host's other threads meets the default in between.
-  if (keepers > 0)
-    sigaction(SIGSEGV, &previous, nullptr);
-  else
-    signal(SIGSEGV, SIG_DFL);
+  // under a SignalState the host's, given back at once, but only in place of
+  // the guard's own handler: one that another thread put there meanwhile
+  // stays.
+  struct sigaction now;
+  if (keepers == 0) signal(SIGSEGV, SIG_DFL);
+  if (keepers > 0 && sigaction(SIGSEGV, &previous, &now) == 0 &&
+      now.sa_sigaction != segfault_sigaction)
+    sigaction(SIGSEGV, &now, nullptr);
   return answer == kVmwareMagic;
 }
 
 SignalState::SignalState() : lock_(probeLock) {
   ++keepers;
-  sigaction(SIGSEGV, nullptr, &segv_);
   pthread_sigmask(SIG_SETMASK, nullptr, &mask_);
 }
 
 SignalState::~SignalState() {
-  sigaction(SIGSEGV, &segv_, nullptr);
   pthread_sigmask(SIG_SETMASK, &mask_, nullptr);
   --keepers;
 }

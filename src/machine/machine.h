@@ -2,8 +2,8 @@
 // CPUID on a processor, the thread's affinity and pinning, the operating
 // system's processor counts and the VMware port, through one interface.
 //   LiveMachine       this machine;
-//   ReplayMachine     a saved machine: a snapshot or a system root, every
-//                     file read inside its directory;
+//   ReplayMachine     a saved machine: a snapshot or a system root, its
+//                     whole tree read once, replayed from memory;
 //   RecordingMachine  this machine, keeping all that was read, so that a
 //                     snapshot is what the readers read and nothing else.
 // The calling thread's machine is the innermost MachineScope's, or the live
@@ -12,6 +12,7 @@
 #ifndef XRPROCDETECTOR_SRC_MACHINE_MACHINE_H
 #define XRPROCDETECTOR_SRC_MACHINE_MACHINE_H
 
+#include <fcntl.h>
 #include <signal.h>
 
 #include <xrprocdetector/detect.h>
@@ -108,36 +109,23 @@ class MachineScope {
   Machine* previous_;
 };
 
-// Files under a directory, every path resolved inside it (openInRoot); "/"
-// is this machine's own files, by their paths.
-class TreeMachine : public Machine {
- public:
-  // No directory at all (`dir` empty): every file is absent.
-  explicit TreeMachine(const std::string& dir);
-  ~TreeMachine() override;
-  TreeMachine(const TreeMachine&) = delete;
-  TreeMachine& operator=(const TreeMachine&) = delete;
-
-  Read file(const std::string& path, std::size_t cap, std::string* text, std::string* why) override;
-  Read entries(const std::string& path, std::vector<std::string>* names) override;
-  // Whether anything is at `path`, a link or a folder included.
-  bool exists(const std::string& path) const;
-  std::string shown(const std::string& path) const override;
-  // Why the directory could not be opened; empty when it could.
-  const Error& openError() const { return openError_; }
-
- private:
-  std::string at(const std::string& path) const;
-  std::string dir_;
-  int fd_ = -1;  // AT_FDCWD for "/"
-  Error openError_;
-};
-
-class LiveMachine : public TreeMachine {
+// This machine: its own files, by their paths.
+class LiveMachine : public Machine {
  public:
   // `strict`: a /proc/cpuinfo that cannot be read throws Missing, rather
   // than giving the scans a source that never ends.
-  explicit LiveMachine(bool strict = false) : TreeMachine("/"), strict_(strict) {}
+  explicit LiveMachine(bool strict = false) : strict_(strict) {}
+  // This machine's /proc and /sys hold regular files alone, each read as
+  // it is opened (4 system calls); a tree from elsewhere may hold anything,
+  // so each of its files is opened only once it is known to be a regular one.
+  Read file(const std::string& path, std::size_t cap, std::string* text,
+            std::string* why) override {
+    return readWholeFile(AT_FDCWD, "/" + path, cap, text, why, true);
+  }
+  Read entries(const std::string& path, std::vector<std::string>* names) override {
+    return listFolder(AT_FDCWD, "/" + path, names);
+  }
+  std::string shown(const std::string& path) const override { return "/" + path; }
   CpuinfoStream cpuinfo() override;
   CpuidRegisters cpuid(std::uint32_t leaf, std::uint32_t subleaf) override;
   std::uint32_t backdoor() override;
@@ -150,28 +138,55 @@ class LiveMachine : public TreeMachine {
   bool strict_;
 };
 
-// What a saved machine holds beyond its files: read by the snapshot loader,
-// or written by a recording.
+// A saved machine: its files, read whole from a snapshot's tree, and what
+// the snapshot loader or a recording found besides.
 struct SavedMachine {
-  std::string dir;                     // its files; empty for a text alone
+  std::string dir;  // where it was read, as messages name it; empty for a text alone
+  // The tree, by paths from its top ("" the top): each file's bytes, or why
+  // it could not be read; each folder's names; each link's target.
+  std::map<std::string, std::string> files;
+  std::map<std::string, std::string> failures;
+  std::map<std::string, std::vector<std::string>> folders;
+  std::map<std::string, std::string> links;
   std::optional<std::string> cpuinfo;  // proc/cpuinfo
   std::optional<long> configured;      // sysconf's counts
   std::optional<long> online;
   std::optional<CpuSet> affinity;  // the thread's
   bool vmwareBackdoor = false;     // the port answered with the magic
   std::map<unsigned, CpuidDump> cpuid;
+  std::map<unsigned, unsigned> sameDump;  // a processor whose dump is another's file
   // What a reader asking for a missing part is told holds nothing: "the
   // snapshot", "the file".
   std::string holder = "the snapshot";
 };
 
-// A saved machine answering in this one's place. Its affinity starts as the
-// saved one; pinning succeeds where the set meets it, and CPUID answers
+// Reads the whole tree under the directory open as `fd` into `into`'s
+// files, failures, folders and links: each file once, however many names
+// lead to it (a second name is kept as a link to the first), links as they
+// are (resolved inside the tree when a reader asks), within kTreeCap in all;
+// not what another file system mounted inside it holds (/proc under "/").
+// False with *error naming `into->dir` past the cap, or a folder that cannot
+// be listed.
+bool readTree(int fd, SavedMachine* into, Error* error);
+
+// A saved machine answering in this one's place, from memory alone. Its
+// paths are resolved inside its tree, as if it were the machine's root: ".."
+// stops at its top, and a link's absolute target starts from there. A link
+// that leads to nothing in the tree is a broken file. Its affinity starts as
+// the saved one; pinning succeeds where the set meets it, and CPUID answers
 // from the dump of the lowest processor of the thread's set. What it lacks
 // throws Missing.
-class ReplayMachine : public TreeMachine {
+class ReplayMachine : public Machine {
  public:
   explicit ReplayMachine(const SavedMachine& saved);
+  Read file(const std::string& path, std::size_t cap, std::string* text, std::string* why) override;
+  Read entries(const std::string& path, std::vector<std::string>* names) override;
+  std::string shown(const std::string& path) const override {
+    return saved_.dir + (saved_.dir.empty() || saved_.dir.back() == '/' ? "" : "/") + path;
+  }
+  // file() without a copy: *text points into the saved machine.
+  Read find(const std::string& path, std::size_t cap, const std::string** text,
+            std::string* why) const;
   CpuinfoStream cpuinfo() override;
   CpuidRegisters cpuid(std::uint32_t leaf, std::uint32_t subleaf) override;
   std::uint32_t backdoor() override;
@@ -205,34 +220,33 @@ class RecordingMachine : public Machine {
   // affinity in turn). False with *error when a pinning fails.
   bool dumpEveryProcessor(Error* error);
   const SavedMachine& saved() const { return saved_; }
-  const std::map<std::string, std::string>& files() const { return files_; }
-  const std::map<std::string, std::string>& failures() const { return failures_; }
-  const std::map<std::string, std::vector<std::string>>& folders() const { return folders_; }
+  const std::map<std::string, std::string>& files() const { return saved_.files; }
+  const std::map<std::string, std::string>& failures() const { return saved_.failures; }
+  const std::map<std::string, std::vector<std::string>>& folders() const { return saved_.folders; }
 
  private:
   Machine& inner_;
   SavedMachine saved_;
   CpuSet current_;
-  std::map<std::string, std::string> files_;
-  std::map<std::string, std::string> failures_;  // a file that could not be read, and why
-  std::map<std::string, std::vector<std::string>> folders_;
 };
 
 // The VMware probe under its fault guard: a SIGSEGV handler for the span of
 // one port access, left by a non-local jump, with SIGSEGV unblocked in the
 // calling thread for that access alone; then SIGSEGV's disposition is set to
-// the default, whatever it was (under a SignalState, which gives the one
-// before back, to that one at once). Faults that are not the probe's (of other
-// threads, or outside the access) go to the action in place before. After
-// a fault, SIGSEGV stays blocked in the calling thread. One probe at a time
-// in the process, under the probe lock. True when the port answered with
-// the magic.
+// the default, whatever it was (under a SignalState, the one before is put
+// back at once instead, unless another thread has meanwhile put its own in
+// place of the guard's handler: that one stays). Faults that are not the
+// probe's (of other threads, or outside the access) go to the action in
+// place before. After a fault, SIGSEGV stays blocked in the calling thread.
+// One probe at a time in the process, under the probe lock, which a fork
+// never leaves held in the child. True when the port answered with the
+// magic.
 bool guardedVmwareProbe();
 
-// What guardedVmwareProbe changes, kept so that it can be given back: the
-// SIGSEGV disposition and the thread's signal mask. It holds the probe lock
-// (recursive) while it lives, so that no other thread's probe runs between
-// the keeping and the giving back.
+// The thread's signal mask, kept to be given back, and the probe lock
+// (recursive), held while it lives, so that no other thread's probe runs
+// in between; guardedVmwareProbe under it gives SIGSEGV's disposition back
+// itself.
 class SignalState {
  public:
   SignalState();
@@ -242,7 +256,6 @@ class SignalState {
 
  private:
   std::lock_guard<std::recursive_mutex> lock_;
-  struct sigaction segv_;
   sigset_t mask_;
 };
 

@@ -34,7 +34,12 @@ bool wholeNumber(std::string_view text, long min, long max, long* value);
 // `text` without the blanks and line ends at its end.
 std::string_view trimmed(std::string_view text);
 
-// A JSON string literal of `text`.
+// A JSON string literal of `text`, valid UTF-8 whatever `text` holds: `"`
+// and `\` escaped, newlines and tabs as \n and \t, the other control
+// characters (C0, DEL and C1) as \u00XX; and each byte that is not part of
+// valid UTF-8 as \u00XX of its own value, the character Latin-1 gives that
+// byte, so that the output stays valid and every byte can still be read
+// off it.
 std::string jsonQuoted(std::string_view text);
 
 }  // namespace detail

@@ -77,14 +77,14 @@ RecordingMachine::RecordingMachine(Machine& inner) : inner_(inner) {
 Read RecordingMachine::file(const std::string& path, std::size_t cap, std::string* text,
                             std::string* why) {
   const Read r = inner_.file(path, cap, text, why);
-  if (r == Read::kOk) files_[path] = keptOf(path, *text);
-  if (r == Read::kFailed) failures_[path] = *why;
+  if (r == Read::kOk) saved_.files[path] = keptOf(path, *text);
+  if (r == Read::kFailed) saved_.failures[path] = *why;
   return r;
 }
 
 Read RecordingMachine::entries(const std::string& path, std::vector<std::string>* names) {
   const Read r = inner_.entries(path, names);
-  if (r == Read::kOk) folders_[path] = *names;
+  if (r == Read::kOk) saved_.folders[path] = *names;
   return r;
 }
 
@@ -95,11 +95,11 @@ CpuinfoStream RecordingMachine::cpuinfo() {
   const int why = errno;
   if (s.fd >= 0) ::close(s.fd);
   if (!read) {
-    failures_["proc/cpuinfo"] =
+    saved_.failures["proc/cpuinfo"] =
         std::string(s.fd < 0 ? "cannot open: " : "cannot read: ") + std::strerror(why);
     throw Missing{"/proc/cpuinfo"};
   }
-  files_["proc/cpuinfo"] = text;
+  saved_.files["proc/cpuinfo"] = text;
   saved_.cpuinfo = std::move(text);
   CpuinfoStream out;
   out.text = &*saved_.cpuinfo;

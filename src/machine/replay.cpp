@@ -6,8 +6,81 @@
 namespace xrprocdetector {
 namespace detail {
 
-ReplayMachine::ReplayMachine(const SavedMachine& saved)
-    : TreeMachine(saved.dir), saved_(saved), current_(saved.affinity) {}
+namespace {
+
+// `path` resolved in the saved tree as the kernel resolves it inside a root
+// (openat2's RESOLVE_IN_ROOT), into *at: ".." stops at the top, and a
+// link's target takes its place (from the top when absolute). *broken says
+// whether the last name was a link's, or the links went round past 40 (as
+// many as the kernel follows; *at is then nothing). A name under what is no
+// folder ends it: nothing is there.
+void resolve(const SavedMachine& s, std::string path, std::string* at, bool* broken) {
+  at->clear();
+  *broken = false;
+  for (int links = 0; links <= 40;) {
+    path.erase(0, path.find_first_not_of('/'));
+    const std::string name = path.substr(0, path.find('/'));
+    path.erase(0, name.size());
+    const bool more = path.find_first_not_of('/') != std::string::npos;
+    const std::size_t parent = at->size();
+    if (name == "..") at->resize(at->rfind('/') == std::string::npos ? 0 : at->rfind('/'));
+    if (name.empty()) return;
+    if (name == "." || name == "..") continue;
+    *at += (parent == 0 ? "" : "/") + name;
+    const auto link = s.links.find(*at);
+    if (link == s.links.end() && more && s.folders.count(*at) == 0) {
+      *at += path;  // below what is no folder: nothing
+      return;
+    }
+    if (link == s.links.end()) continue;
+    ++links;
+    *broken = *broken || !more;
+    at->resize(link->second[0] == '/' ? 0 : parent);
+    path = link->second + "/" + path;
+  }
+  *at = "/";  // no such path
+  *broken = true;
+}
+
+}  // namespace
+
+ReplayMachine::ReplayMachine(const SavedMachine& saved) : saved_(saved), current_(saved.affinity) {}
+
+Read ReplayMachine::find(const std::string& path, std::size_t cap, const std::string** text,
+                         std::string* why) const {
+  std::string at;
+  bool broken = false;
+  resolve(saved_, path, &at, &broken);
+  const auto file = saved_.files.find(at);
+  const auto failed = saved_.failures.find(at);
+  if (file != saved_.files.end() && file->second.size() <= cap) {
+    *text = &file->second;
+    return Read::kOk;
+  }
+  *why = file != saved_.files.end()        ? largerThan(cap)
+         : failed != saved_.failures.end() ? failed->second
+         : saved_.folders.count(at) != 0   ? "a directory, not a regular file"
+         : broken                          ? "a link to nothing in " + saved_.holder
+                                           : "";
+  return why->empty() ? Read::kAbsent : Read::kFailed;
+}
+
+Read ReplayMachine::file(const std::string& path, std::size_t cap, std::string* text,
+                         std::string* why) {
+  const std::string* found = nullptr;
+  const Read r = find(path, cap, &found, why);
+  *text = r == Read::kOk ? *found : "";
+  return r;
+}
+
+Read ReplayMachine::entries(const std::string& path, std::vector<std::string>* names) {
+  std::string at;
+  bool broken = false;
+  resolve(saved_, path, &at, &broken);
+  const auto folder = saved_.folders.find(at);
+  *names = folder != saved_.folders.end() ? folder->second : std::vector<std::string>();
+  return folder != saved_.folders.end() ? Read::kOk : Read::kAbsent;
+}
 
 CpuinfoStream ReplayMachine::cpuinfo() {
   if (!saved_.cpuinfo) throw Missing{"/proc/cpuinfo"};
@@ -20,7 +93,8 @@ CpuidRegisters ReplayMachine::cpuid(std::uint32_t leaf, std::uint32_t subleaf) {
   // The processor the thread runs on: the lowest of its set.
   if (!current_ || current_->empty()) throw Missing{"the affinity"};
   const unsigned cpu = *current_->begin();
-  const auto dump = saved_.cpuid.find(cpu);
+  const auto same = saved_.sameDump.find(cpu);
+  const auto dump = saved_.cpuid.find(same != saved_.sameDump.end() ? same->second : cpu);
   if (dump == saved_.cpuid.end()) throw Missing{"cpuid/pu" + std::to_string(cpu)};
   return dumpAnswer(dump->second, leaf, subleaf);
 }

@@ -1,6 +1,9 @@
 // Loading a snapshot directory, or a system root recorded for other
-// topology tools, through the system-root reader.
+// topology tools: its whole tree read into memory once, then its parts read
+// from there through the system-root reader.
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -16,7 +19,7 @@ namespace {
 
 // Reads `path` under the root into *text. kFailed sets *error, naming the
 // file.
-Read readPart(TreeMachine& root, const std::string& path, std::size_t cap, std::string* text,
+Read readPart(Machine& root, const std::string& path, std::size_t cap, std::string* text,
               Error* error) {
   std::string why;
   const Read r = root.file(path, cap, text, &why);
@@ -26,8 +29,9 @@ Read readPart(TreeMachine& root, const std::string& path, std::size_t cap, std::
 
 // cpuid/puN (or the folder's own puN, for a CPUID folder given alone). Any
 // other name ("pu0.txt", "info") is no dump; a dump whose number is not in
-// canonical form or above the limit is refused.
-bool loadDumps(TreeMachine& root, const std::string& folder, SavedMachine* s, Error* error) {
+// canonical form or above the limit is refused. One file under several
+// names is parsed once.
+bool loadDumps(ReplayMachine& root, const std::string& folder, SavedMachine* s, Error* error) {
   std::vector<std::string> names;
   const Read listed = root.entries(folder, &names);
   if (listed == Read::kFailed) fail(error, root.shown(folder), std::strerror(errno));
@@ -42,26 +46,29 @@ bool loadDumps(TreeMachine& root, const std::string& folder, SavedMachine* s, Er
     processors.push_back(n);
   }
   std::sort(processors.begin(), processors.end());
-  std::string text;
+  std::map<const std::string*, unsigned> first;  // each file's first processor
   for (const unsigned n : processors) {
     const std::string file = prefix + "pu" + std::to_string(n);
-    const Read r = readPart(root, file, kCpuidDumpCap, &text, error);
-    if (r == Read::kAbsent) fail(error, root.shown(file), "vanished while the snapshot was read");
-    if (r != Read::kOk) return false;
+    const std::string* text = nullptr;
     std::string why;
-    if (!parseCpuidDump(text, &s->cpuid[n], &why)) return fail(error, root.shown(file), why);
+    if (root.find(file, kCpuidDumpCap, &text, &why) != Read::kOk)
+      return fail(error, root.shown(file), why);
+    const auto seen = first.emplace(text, n);
+    if (!seen.second) s->sameDump[n] = seen.first->second;
+    if (seen.second && !parseCpuidDump(*text, &s->cpuid[n], &why))
+      return fail(error, root.shown(file), why);
   }
   return true;
 }
 
-bool loadMetadata(TreeMachine& root, const std::string& text, SavedMachine* s, Error* error) {
+bool loadMetadata(Machine& root, const std::string& text, SavedMachine* s, Error* error) {
   std::string why;
   return parseMetadata(text, s, &why) || fail(error, root.shown("xrprocdetect.json"), why);
 }
 
 // Without the metadata: the counts as glibc takes them from the lists, and
 // the affinity of a process that nothing restricted.
-bool loadLists(TreeMachine& tree, SavedMachine* s, Error* error) {
+bool loadLists(Machine& tree, SavedMachine* s, Error* error) {
   SystemRoot root(tree);
   CpuSet possible;
   CpuSet online;
@@ -83,22 +90,25 @@ bool load(const std::string& dir, SavedMachine* s, Error* error) {
   struct stat st;
   if (::stat(dir.c_str(), &st) != 0) return fail(error, dir, std::strerror(errno));
   if (!S_ISDIR(st.st_mode)) return fail(error, dir, "not a directory");
-  ReplayMachine root(*s);  // its files alone
-  if (!root.openError().empty()) {
-    *error = root.openError();
-    return false;
-  }
-  if (root.exists(".xrprocdetect-saving"))
+  const Fd fd(::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (fd.get() < 0) return fail(error, dir, std::strerror(errno));
+  const auto exists = [&fd](const char* path) {  // a link included
+    return ::faccessat(fd.get(), path, F_OK, AT_SYMLINK_NOFOLLOW) == 0;
+  };
+  if (exists(".xrprocdetect-saving"))
     return fail(error, dir,
                 "an unfinished save (it has no xrprocdetect.json); save the snapshot again");
-  const bool cpuidAlone = root.exists("pu0") && !root.exists("proc/cpuinfo");
-  if (!cpuidAlone && !root.exists("proc/cpuinfo") && !root.exists("sys/devices/system/cpu") &&
-      !root.exists("cpuid") && !root.exists("xrprocdetect.json")) {
+  const bool cpuidAlone = exists("pu0") && !exists("proc/cpuinfo");
+  if (!cpuidAlone && !exists("proc/cpuinfo") && !exists("sys/devices/system/cpu") &&
+      !exists("cpuid") && !exists("xrprocdetect.json")) {
     return fail(error, "",
                 "not a snapshot: " + dir +
                     " holds none of proc/cpuinfo, sys/devices/system/cpu, cpuid/ and "
                     "xrprocdetect.json");
   }
+  // Only then read whole: what is not a snapshot (/proc, a home folder) never is.
+  if (!readTree(fd.get(), s, error)) return false;
+  ReplayMachine root(*s);  // its files alone
   std::string text;
   Read r = readPart(root, "proc/cpuinfo", kCpuinfoCap, &text, error);
   if (r == Read::kFailed) return false;

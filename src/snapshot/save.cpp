@@ -21,20 +21,6 @@ namespace {
 
 const char kWork[] = ".xrprocdetect-saving";
 
-class Fd {
- public:
-  explicit Fd(int fd = -1) : fd_(fd) {}
-  ~Fd() {
-    if (fd_ >= 0) ::close(fd_);
-  }
-  Fd(const Fd&) = delete;
-  Fd& operator=(const Fd&) = delete;
-  int get() const { return fd_; }
-
- private:
-  int fd_;
-};
-
 // Writes what a recording kept into the working folder, each file where it
 // will stand in the snapshot, and names what failed against the snapshot's
 // path.
@@ -159,11 +145,13 @@ bool saveInto(const std::string& dir, int root, int work, const RecordingMachine
 // and it is still the one opened.
 bool save(const std::string& dir, const RecordingMachine& recording, const std::string& savedBy,
           Error* error) {
-  const bool created = ::mkdir(dir.c_str(), 0755) == 0;
+  // Without its trailing slashes, which would have the link followed.
+  const std::string named = dir.substr(0, std::max<std::size_t>(dir.find_last_not_of('/') + 1, 1));
+  const bool created = ::mkdir(named.c_str(), 0755) == 0;
   if (!created && errno != EEXIST) return fail(error, dir, std::strerror(errno), "cannot create");
-  const Fd root(::open(dir.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  const Fd root(::open(named.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   struct stat opened, now;
-  if (root.get() < 0 && ::lstat(dir.c_str(), &now) == 0 && S_ISLNK(now.st_mode))
+  if (root.get() < 0 && ::lstat(named.c_str(), &now) == 0 && S_ISLNK(now.st_mode))
     return fail(error, dir,
                 "a symbolic link; a snapshot goes into a new or empty directory, named itself "
                 "rather than through a link");
@@ -186,9 +174,9 @@ bool save(const std::string& dir, const RecordingMachine& recording, const std::
     for (const std::string& part : moved)
       remove(root.get(), part);
   }
-  if (created && ::fstat(root.get(), &opened) == 0 && ::lstat(dir.c_str(), &now) == 0 &&
+  if (created && ::fstat(root.get(), &opened) == 0 && ::lstat(named.c_str(), &now) == 0 &&
       opened.st_dev == now.st_dev && opened.st_ino == now.st_ino)
-    ::rmdir(dir.c_str());
+    ::rmdir(named.c_str());
   return false;
 }
 

@@ -33,10 +33,9 @@ bad fifo-link "$topology && echo 0-1 >online && mkdir -p cpu0/topology && mkfifo
 sh -c 'exec 3>s/fifo' & writer=$!; sleep 1; "$tool" --snapshot s >/dev/null 2>&1; sleep 1
 kill $writer 2>/dev/null || { echo "fifo-link: the FIFO was opened"; failed=1; }
 
-# Nothing is read from outside the tree, through a link, a control group or
-# a mount point: not outside/cpu.max's quota, not outside/cpuinfo's cores.
-mkdir outside && echo 987654 1 >outside/cpu.max &&
-  printf 'processor\t: 0\nphysical id\t: 0\ncore id\t: 0\ncpu cores\t: 987654\n' >outside/cpuinfo
+# Nothing is read from outside the tree, through a control group or a mount
+# point: not outside/cpu.max's quota.
+mkdir outside && echo 987654 1 >outside/cpu.max
 inside() {
   rm -rf s && mkdir -p s/proc/self s/sys/fs/cgroup s/sys/devices/system/cpu && (cd s &&
     echo 0-3 >sys/devices/system/cpu/online && echo "0::${3:-/}" >proc/self/cgroup &&
@@ -44,11 +43,16 @@ inside() {
     eval "$2") && timeout 20 "$tool" --all --snapshot s >out 2>&1
   grep -q 987654 out || ! grep -q "^Counted from: s" out && { echo "$1: $(cat out)"; failed=1; }
 }
-inside cpuinfo-link "ln -s $work/outside/cpuinfo proc/cpuinfo"
-inside quota-link "ln -s $work/outside/cpu.max sys/fs/cgroup/cpu.max"
 inside cgroup-up : /../../../../outside
 inside mount-up : / /../outside
 inside mount-at-root : "$work/outside" /
+# A link that leads to nothing in the tree (to a device of the machine that
+# reads it, to a file outside, to no file) is a broken file, never an absent
+# one: the kernel's files are never such links.
+for target in /dev/zero "$work/outside/cpu.max" ../../../../../nowhere; do
+  bad "link to $target" "$topology && ln -s $target online" \
+    "s/sys/devices/system/cpu/online: a link to nothing in the snapshot"
+done
 for list in 65535,0 1000,0 0,0,0,0 3-1 0-4294967295; do
   bad "list $list" "$topology && echo $list >online" "s/sys/devices/system/cpu/online line 1: "
 done
@@ -81,6 +85,10 @@ for v1 in "0 100000" "-2 100000" "1e5 100000" "50000 0" "50000 1000001"; do
 done
 bad too-big 'head -c 4194305 /dev/zero | tr "\0" "#" >cpuid/pu1' \
   "cannot read the snapshot: s/cpuid/pu1: larger than 4 MiB"
+# A tree of more than any snapshot holds (256 MiB in all, of files within
+# their cap, 60 MiB of holes each) is refused whole, named.
+bad too-much 'mkdir -p sys && for n in 1 2 3 4 5; do truncate -s 60M sys/big$n; done' \
+  "cannot read the snapshot: s: larger than 256 MiB in all, more than any snapshot"
 bad not-a-snapshot 'rm -rf ./* && mkdir other' "cannot read the snapshot: not a snapshot: s holds none"
 
 # /proc is no snapshot either.

@@ -4,11 +4,18 @@
 Every JSON that xrprocdetect prints, live and on every fixture, must parse
 and have the stable keys in order (and "summary" with --summary); a
 generation that was counted has numbers as its counts, one that was not has
-nulls and a note that says why."""
+nulls and a note that says why. Words from the machine and names of files
+that are not UTF-8 or hold control characters come out as valid UTF-8: in
+JSON each byte that starts no character as the character of its own value,
+and in the text report and on standard error as \\xHH, so that they move no
+terminal's cursor."""
 import glob
 import json
+import os
+import shutil
 import subprocess
 import sys
+import tempfile
 
 KEYS = ["schemaVersion", "generation", "class", "procInfoIndex", "source", "file", "counted",
         "result", "logicalCount", "physicalCount", "coreCount", "hyperThreadState", "vmState",
@@ -34,4 +41,26 @@ for args in [["-J"], ["-J", "-a", "5.3", "--summary"]] + [
         if list(row) != keys or not (numbers if row["counted"] else nulls) or not kernel:
             print("xrprocdetect", *args, "gave", row)
             wrong += 1
+
+with tempfile.TemporaryDirectory() as scratch:
+    # Process 1's container= holds bytes ff fe (no UTF-8), ESC [2J (clears a
+    # terminal) and 80 (a lone continuation byte); the tree's name an ESC
+    # sequence, U+009B (a control character) and e9 (which starts a
+    # character that never comes).
+    tree = os.fsencode(scratch) + b"/tree\x1b[31m\xc2\x9b\xe9"
+    shutil.copytree(os.fsencode(data) + b"/sysroots/two-package-smt-8", tree)
+    os.makedirs(tree + b"/proc/1")
+    with open(tree + b"/proc/1/environ", "wb") as environ:
+        environ.write(b"HOME=/\0container=\xff\xfe\x1b[2J\x80x\0")
+    out = subprocess.run([tool, "-J", "--snapshot", tree], capture_output=True).stdout
+    row = json.loads(out.decode("utf-8"))  # strict: valid UTF-8 only
+    text = subprocess.run([tool, "--snapshot", tree], capture_output=True).stdout
+    error = subprocess.run([tool, "--snapshot", tree + b"-gone"], capture_output=True).stderr
+    (text + error).decode("utf-8")  # as strictly
+    if (row["kernel"]["container"] != "\xff\xfe\x1b[2J\x80x" or b"\x1b" in text + error
+            or row["file"] != scratch + "/tree\x1b[31m\x9b\xe9" or b"\xc2\x9b" in text + error
+            or b"tree\\x1b[31m\\xc2\\x9b\\xe9 (a snapshot)" not in text
+            or b"tree\\x1b[31m\\xc2\\x9b\\xe9-gone:" not in error):
+        print("not UTF-8, or moves the cursor:", row["kernel"]["container"], row["file"], text, error)
+        wrong += 1
 sys.exit(1 if wrong else 0)

@@ -46,9 +46,10 @@ class Source {
     xrpd_source* s = xrpd_source_open(XRPD_SOURCE_CPUINFO, path.c_str(), nullptr, 0, &why);
     return Source(Kind::kCpuinfo, std::move(path), s, bridge::takeError(why));
   }
-  /// The snapshot or system root in `dir`, read now: its files, CPUID dumps
-  /// and saved counts. Nothing when it cannot be read or is malformed, with
-  /// `error` naming the file to blame.
+  /// The snapshot or system root in `dir`, read now, its whole tree (at
+  /// most 256 MiB): what the tree becomes afterwards changes nothing.
+  /// Nothing when it cannot be read or is malformed, with `error` naming the
+  /// file to blame.
   static std::optional<Source> snapshot(const std::string& dir, Error& error) {
     char* why = nullptr;
     xrpd_source* s = xrpd_source_open(XRPD_SOURCE_SNAPSHOT, dir.c_str(), nullptr, 0, &why);

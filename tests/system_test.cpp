@@ -133,6 +133,35 @@ TEST(RealMachine, ABudgetWhoseGroupIsRemovedNamesTheFile) {
   EXPECT_EQ(before.cpuQuota, 0.5);
   EXPECT_EQ(after.error.message().find(group + "/cpu.cfs_quota_us: cannot read"), 0u)
       << after.error.message();
+  // The group made again under its name, the process put back: the read
+  // after the failure finds the files anew, and the error lasts no longer.
+  ::mkdir(group.c_str(), 0755);
+  write(group + "/cpu.cfs_quota_us", "25000");
+  write(group + "/cgroup.procs", std::to_string(getpid()));
+  const xrprocdetector::Budget again = budget ? budget->read() : xrprocdetector::Budget();
+  write("/sys/fs/cgroup/cpu/cgroup.procs", std::to_string(getpid()));
+  ::rmdir(group.c_str());
+  EXPECT_TRUE(again.error.empty() && again.cpuQuota == 0.25) << again.error.message();
+}
+
+// A budget opened before fork() belongs, in the child, to the child: moved
+// into a group of half a processor, the child's first read says so.
+TEST(RealMachine, ABudgetFollowsItsProcessIntoAForkedChild) {
+  const std::string group = "/sys/fs/cgroup/cpu/xrprocdetect-child-" + std::to_string(getpid());
+  if (::mkdir(group.c_str(), 0755) != 0) GTEST_SKIP() << "no writable cgroup v1 cpu hierarchy";
+  std::ofstream(group + "/cpu.cfs_quota_us") << 50000;
+  auto budget = xrprocdetector::ProcessorBudget::open();
+  ASSERT_TRUE(budget && budget->read().error.empty());
+  const pid_t child = fork();
+  if (child == 0) {
+    std::ofstream(group + "/cgroup.procs") << getpid();
+    const xrprocdetector::Budget b = budget->read();
+    _exit(b.error.empty() && b.cpuQuota == 0.5 && b.effectiveProcessors == 1 ? 0 : 1);
+  }
+  int status = -1;
+  waitpid(child, &status, 0);
+  ::rmdir(group.c_str());
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
 }
 
 // A crash reporter that the host installs while another thread detects stays

@@ -165,3 +165,16 @@ def test_bind_thread_pins_or_says_why():
     thread.start()
     thread.join()
     assert errors == []
+
+
+def test_effective_processors_without_sys_counts_the_affinity():
+    """In a sandbox without /sys the budget cannot open; the affinity still counts."""
+    import shutil
+    import sys
+    if os.geteuid() != 0 or not shutil.which("unshare") or len(os.sched_getaffinity(0)) < 2:
+        pytest.skip("needs root, unshare and two processors")
+    code = "import os, xrprocdetector as x; os.sched_setaffinity(0, {0}); print(x.effective_processors())"
+    run = subprocess.run(["unshare", "-m", "sh", "-c",
+                          'mount -t tmpfs none /sys && exec "$0" -c "$1"', sys.executable, code],
+                         capture_output=True, text=True, check=False)
+    assert (run.returncode, run.stdout) == (0, "1\n"), run.stderr

@@ -23,6 +23,12 @@ __attribute__((noinline)) void* operator new(std::size_t size) {
   if (void* p = std::malloc(size == 0 ? 1 : size)) return p;
   throw std::bad_alloc();
 }
+// The form the standard library's temporary buffers ask of, which must come
+// from the same malloc as the rest, since every form is freed below.
+__attribute__((noinline)) void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+  allocated += size;
+  return std::malloc(size == 0 ? 1 : size);
+}
 __attribute__((noinline)) void operator delete(void* p) noexcept {
   std::free(p);
 }

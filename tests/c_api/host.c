@@ -46,6 +46,8 @@ static void snapshot(const char* dir) {
   p.size = sizeof p;
   check(xrpd_topology_processor(t, 7, &p) == 0 && p.cpu == 7 && p.thread == 1 && p.usable,
         "processor 7");
+  check(xrpd_topology_numa_node(t, 0, NULL) == -1 && xrpd_topology_cache(t, 0, NULL) == -1,
+        "no struct to fill, no answer");
   xrpd_topology_close(t);
   xrpd_source_close(source);
 }

@@ -241,8 +241,9 @@ const char kCodes[] = "\nThe generations and their codes: docs/generations.md\n"
 
 std::string humanReport(const Detection& row, const Input& source) {
   std::string out = machineLines(source) + "\n" + line("Generation", generationWords(row));
-  if (!row.counted) out += line("Not counted", row.note);
-  if (row.counted) {
+  if (!row.counted) {
+    out += line("Not counted", row.note);
+  } else {
     out += line("Counts", "packages " + std::to_string(row.packages) + ", cores " +
                               std::to_string(row.cores) + ", logical processors " +
                               std::to_string(row.logicalProcessors));

@@ -290,8 +290,10 @@ generation, or save a snapshot of this machine.
   -h, --help              print this help and exit
   -V, --version           print the version and exit
 
-Each report of a live run or a snapshot shows the kernel's own topology
-(/sys/devices/system/cpu) beside the generations, and marks what differs.
+Each text report of a live run or a snapshot opens with the machine as the
+kernel gives it (/sys/devices/system/cpu): packages, cores, processors, NUMA
+nodes, what this process may use, the hypervisor and the container; then
+each generation's counts, with what differs from the machine marked.
 
 Exit status: 0 on success, 1 when a detector's getProcData is negative,
 2 on a usage error, an unreadable input or snapshot (the others are still

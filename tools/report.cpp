@@ -64,17 +64,6 @@ std::string quotaText(double quota) {
   }
 }
 
-std::string usableWords(const KernelTopology& k) {
-  const std::string quota =
-      k.cpuQuota ? quotaText(*k.cpuQuota) + (*k.cpuQuota == 1 ? " processor" : " processors")
-                 : "none";
-  return std::to_string(k.usableProcessors.value_or(0)) + " of " +
-         std::to_string(k.logicalProcessors.value_or(0)) + " online" +
-         (k.offlineProcessors ? " (" + std::to_string(*k.offlineProcessors) + " offline)" : "") +
-         ", CPU quota " + quota + ", effective " +
-         std::to_string(k.effectiveProcessors.value_or(0));
-}
-
 std::string coreKindsWords(const KernelTopology& k) {
   std::string out;
   for (const CoreKind& kind : k.coreKinds)
@@ -86,11 +75,11 @@ std::string coreKindsWords(const KernelTopology& k) {
 namespace {
 
 const char* vmWords(const Detection& row) {
-  if (row.vm == VmState::kNone) return "none";
-  if (row.vm == VmState::kVmware) return "VMware";
+  if (row.vm == VmState::kNone) return "not a VMware virtual machine";
+  if (row.vm == VmState::kVmware) return "a VMware virtual machine";
   if (row.vm != VmState::kNotDetermined) return "unknown value";
   // The CPUID estimate uses 15 for a virtual machine it cannot name.
-  return row.endedBy == Strategy::kCpuid ? "unknown virtual machine" : "not determined";
+  return row.endedBy == Strategy::kCpuid ? "an unknown virtual machine" : "not determined";
 }
 
 const char* strategyWords(Strategy s) {
@@ -126,7 +115,7 @@ std::string sourceWords(const Input& source) {
 
 std::string line(const char* label, const std::string& value) {
   char head[32];
-  std::snprintf(head, sizeof head, "%-20s", label);
+  std::snprintf(head, sizeof head, "%-22s", label);
   return head + value + "\n";
 }
 
@@ -201,50 +190,76 @@ bool countsAgree(const Agreement& a) {
   return a.packages == Same::kYes && a.cores == Same::kYes && a.logicalProcessors == Same::kYes;
 }
 
-// The kernel row and whether `row` agrees with it, for a report.
-std::string kernelLines(const Detection& row, const Input& source) {
-  std::string out;
-  if (const auto& k = source.kernel) {
-    if (!k->packages && !k->cores && !k->logicalProcessors && !k->smt && !k->hypervisor) {
-      out += line("Kernel", "not available" + (k->missing.empty() ? "" : ": " + k->missing));
-    } else {
-      out +=
-          line("Kernel", "packages " + countWords(k->packages) + ", cores " + countWords(k->cores) +
-                             ", logical processors " + countWords(k->logicalProcessors) +
-                             ", hyper-threading " + kernelSmtWords(k->smt) + ", virtual machine " +
-                             kernelVmWords(k->hypervisor));
-    }
-    if (k->usableProcessors) out += line("Usable processors", usableWords(*k));
-    if (!k->coreKinds.empty()) out += line("Core kinds", coreKindsWords(*k));
-    out += line("Agrees with kernel", agreementWords(row, *k));
+namespace {
+
+// The hypervisor's vendor in lscpu's words, else what the kernel's files
+// tell of a virtual machine.
+std::string hypervisorWords(const Topology& t) {
+  const std::string type =
+      t.virtualizationType ? " (virtualization type " + *t.virtualizationType + ")" : "";
+  if (t.hypervisorVendor && *t.hypervisorVendor != "none") return *t.hypervisorVendor + type;
+  if (t.hypervisor == Hypervisor::kVmware) return "VMware";
+  if (t.hypervisor == Hypervisor::kOther) return "a hypervisor whose vendor is not known";
+  return t.hypervisorVendor || t.hypervisor ? "none" : "not known";
+}
+
+// The machine as the kernel gives it and what this process may use of it,
+// where there is a kernel row; else only where the counts came from.
+std::string machineLines(const Input& source) {
+  std::string out = line("Machine", sourceWords(source));
+  if (!source.kernel || !source.topology) return out;
+  const KernelTopology& k = *source.kernel;
+  const Topology& t = *source.topology;
+  // Without the online processors, the kernel's files tell none of this.
+  if (k.logicalProcessors) {
+    out += line("Packages", countWords(k.packages));
+    out += line("Cores", countWords(k.cores));
+    out += line(
+        "Logical processors",
+        countWords(k.logicalProcessors) +
+            (k.offlineProcessors ? " online, " + std::to_string(*k.offlineProcessors) + " offline"
+                                 : ""));
+    out += line("Hyper-threading", kernelSmtWords(k.smt));
+    out += line("NUMA nodes", std::to_string(t.numaNodes.size()));
+    if (!k.coreKinds.empty()) out += line("Core kinds", coreKindsWords(k));
+    out += line("Usable processors", std::to_string(t.usable.count()) +
+                                         (t.usable.empty() ? "" : " (" + t.usable.toList() + ")"));
+    out += line("CPU quota", k.cpuQuota ? quotaText(*k.cpuQuota) +
+                                              (*k.cpuQuota == 1 ? " processor" : " processors")
+                                        : "none");
+    out += line("Effective processors", countWords(k.effectiveProcessors));
   }
+  out += line("Hypervisor", hypervisorWords(t));
+  out += line("Container", t.container.value_or("not known"));
+  if (!k.missing.empty()) out += line("Missing", k.missing);
   return out;
 }
 
+const char kCodes[] = "\nThe generations and their codes: docs/generations.md\n";
+
+}  // namespace
+
 std::string humanReport(const Detection& row, const Input& source) {
-  std::string out = line("Generation", generationWords(row));
-  out += line("Counted from", sourceWords(source));
+  std::string out = machineLines(source) + "\n" + line("Generation", generationWords(row));
   if (!row.counted) {
     out += line("Not counted", row.note);
-    return out + kernelLines(row, source);
-  }
-  out += line("Packages", std::to_string(row.packages));
-  out += line("Cores", std::to_string(row.cores));
-  out += line("Logical processors", std::to_string(row.logicalProcessors));
-  const std::string state =
-      " (hyperThreadState " + std::to_string(static_cast<int>(row.hyperThreading)) + ")";
-  if (verdictNotStored(row)) {
-    out += line("Hyper-threading", std::string(stateWords(static_cast<int>(*row.reportedVerdict))) +
-                                       ", as its report says; not stored" + state);
   } else {
-    out += line("Hyper-threading", stateWords(static_cast<int>(row.hyperThreading)) + state);
+    out += line("Counts", "packages " + std::to_string(row.packages) + ", cores " +
+                              std::to_string(row.cores) + ", logical processors " +
+                              std::to_string(row.logicalProcessors));
+    const std::string state =
+        " (hyperThreadState " + std::to_string(static_cast<int>(row.hyperThreading)) + ")";
+    out += line("Hyper-threading", verdictNotStored(row)
+                                       ? stateWords(static_cast<int>(*row.reportedVerdict)) +
+                                             std::string(", as its report says; not stored") + state
+                                       : stateWords(static_cast<int>(row.hyperThreading)) + state);
+    out += line("Virtual machine", std::string(vmWords(row)) + " (vmState " +
+                                       std::to_string(static_cast<int>(row.vm)) + ")");
+    if (row.endedBy != Strategy::kNone) out += line("Ended by", strategyWords(row.endedBy));
+    out += line("getProcData", std::to_string(row.result));
   }
-  out += line("Virtual machine", std::string(vmWords(row)) + " (vmState " +
-                                     std::to_string(static_cast<int>(row.vm)) + ")");
-  if (row.endedBy != Strategy::kNone) out += line("Ended by", strategyWords(row.endedBy));
-  out += line("getProcData", std::to_string(row.result));
-  out += kernelLines(row, source);
-  return out;
+  if (source.kernel) out += line("Agrees with kernel", agreementWords(row, *source.kernel));
+  return out + kCodes;
 }
 
 std::string aligned(const std::vector<std::vector<std::string>>& cells, const bool* rightAligned) {
@@ -296,24 +311,13 @@ std::string table(const std::vector<Detection>& rows, const Input& source) {
                      number(row.result), noteColumn(row)});
     anyNotStored = anyNotStored || (row.counted && verdictNotStored(row));
   }
-  if (k) {
-    const auto count = [](const std::optional<std::int32_t>& n) {
-      return n ? std::to_string(*n) + " " : "-";
-    };
-    cells.push_back({"kernel", count(k->packages), count(k->cores), count(k->logicalProcessors),
-                     kernelSmtWords(k->smt), kernelVmWords(k->hypervisor), "-",
-                     k->missing.empty() ? "" : "not available: " + k->missing});
-  }
-  std::string out = "Counted from: " + sourceWords(source) + "\n\n" + aligned(cells, rightAligned);
-  if (k && k->usableProcessors) out += "\nUsable processors: " + usableWords(*k) + "\n";
-  if (k && !k->coreKinds.empty()) out += "Core kinds: " + coreKindsWords(*k) + "\n";
-  if (anyMarked)
-    out += "\n*: differs from the kernel row, the machine's topology as the kernel gives it.\n";
+  std::string out = machineLines(source) + "\n" + aligned(cells, rightAligned);
+  if (anyMarked) out += "\n*: differs from the machine above, as the kernel gives it.\n";
   if (anyNotStored)
     out +=
         "\n(not stored): the generation's report states this verdict, but it leaves "
         "hyperThreadState at 15.\n";
-  return out;
+  return out + kCodes;
 }
 
 std::string summaries(const std::vector<Detection>& rows) {

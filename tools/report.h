@@ -42,9 +42,12 @@ std::string cacheLines(const Topology& t);
 // caches, cores and their processors, what this process may use marked.
 std::string drawing(const Topology& t);
 
-// A few lines for one generation: its name, the counts, the states in words.
+// The machine (the kernel's topology and what this process may use of it),
+// then a few lines for one generation: its name, the counts, the states in
+// words.
 std::string humanReport(const Detection& row, const Input& source);
-// One line a generation, the same columns for each, under a header.
+// The machine, then one line a generation, the same columns for each,
+// under a header.
 std::string table(const std::vector<Detection>& rows, const Input& source);
 // What --summary adds after the report or table: each generation's
 // printSummary output, as it wrote it.
@@ -58,10 +61,8 @@ std::string json(const std::vector<Detection>& rows, const Input& source, bool a
 
 // A CPU quota in processors, with as few digits as read back exactly.
 std::string quotaText(double quota);
-// What the process may use, e.g. "2 of 4 online (0 offline), CPU quota 1.5
-// processors, effective 2"; and the core kinds, e.g. "6 performance cores
-// (12 logical processors), 8 efficiency cores (8 logical processors)".
-std::string usableWords(const KernelTopology& k);
+// The core kinds, e.g. "6 performance cores (12 logical processors), 8
+// efficiency cores (8 logical processors)".
 std::string coreKindsWords(const KernelTopology& k);
 
 // Rows of cells in columns two blanks apart, each as wide as its widest

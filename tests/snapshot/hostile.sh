@@ -16,7 +16,7 @@ bad() {
   rm -rf s && cp -R "$good" s && (cd s && eval "$2")
   timeout 20 "$tool" --all --snapshot s "$good" >out 2>err
   status=$?
-  if [ "$status" != 2 ] || ! grep -q "^xrprocdetect: $3" err || ! grep -q "^Counted from: $good" out
+  if [ "$status" != 2 ] || ! grep -q "^xrprocdetect: $3" err || ! grep -q "^Machine  *$good (a snapshot)" out
   then
     printf '%s: status %s, standard error\n%s\n' "$1" "$status" "$(cat err)"
     failed=1
@@ -41,7 +41,7 @@ inside() {
     echo 0-3 >sys/devices/system/cpu/online && echo "0::${3:-/}" >proc/self/cgroup &&
     echo "35 24 0:30 / ${4:-/sys/fs/cgroup} rw - cgroup2 cgroup2 rw" >proc/self/mountinfo &&
     eval "$2") && timeout 20 "$tool" --all --snapshot s >out 2>&1
-  grep -q 987654 out || ! grep -q "^Counted from: s" out && { echo "$1: $(cat out)"; failed=1; }
+  grep -q 987654 out || ! grep -q "^Machine  *s (a snapshot)" out && { echo "$1: $(cat out)"; failed=1; }
 }
 inside cgroup-up : /../../../../outside
 inside mount-up : / /../outside

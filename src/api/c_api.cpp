@@ -165,11 +165,8 @@ xrpd_source* xrpd_source_open(xrpd_source_kind kind, const char* path, const cha
         if (data == nullptr && why.empty()) why.why = "no such kind of source";
         say(error, why);
         if (data == nullptr) return nullptr;
-        std::string text, unread;
-        if (kind == XRPD_SOURCE_SNAPSHOT &&
-            data->machine()->file("xrprocdetect.json", 1 << 16, &text, &unread) !=
-                detail::Read::kOk)
-          text.clear();
+        std::string text, unread;  // a snapshot's metadata; empty for a text
+        data->machine()->file("xrprocdetect.json", 1 << 16, &text, &unread);
         return new xrpd_source{std::move(data), detail::savedField(text, "savedAt"),
                                detail::savedField(text, "savedBy")};
       },

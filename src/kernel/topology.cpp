@@ -168,10 +168,9 @@ void identity(SystemRoot& root, Topology& t) {
   for (const auto& [key, into] :
        {std::pair{"\nmodel name", &t.cpuModel}, {"\nvendor_id", &t.cpuVendor}}) {
     const std::size_t at = text.find(key);
-    const std::size_t colon = at == std::string::npos ? at : text.find_first_of(":\n", at + 1);
-    if (colon == std::string::npos || text[colon] != ':') continue;
-    const std::size_t from = std::min(text.find_first_not_of(" \t", colon + 1), text.size());
-    *into = text.substr(from, text.find('\n', from) - from);
+    const std::size_t from =
+        std::min(text.find_first_not_of(" \t:", text.find(':', at)), text.size());
+    if (at != std::string::npos) *into = text.substr(from, text.find('\n', from) - from);
   }
 }
 

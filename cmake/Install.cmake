@@ -6,7 +6,8 @@
 #   runtime  the shared object (libxrprocdetector.so.2 and .so.2.0.0)
 #   dev      headers, the static library, the libxrprocdetector.so link,
 #            the CMake package and xrprocdetector.pc
-#   tool     xrprocdetect, xrprocdetect(1) and its bash completion
+#   tool     xrprocdetect, xrprocdetect(1), its bash completion and the
+#            JSON Schema of its output
 #   python   the Python module (a shared build's), where Debian's python3
 #            finds modules: lib/python3/dist-packages under the prefix
 include(CMakePackageConfigHelpers)
@@ -141,6 +142,10 @@ if(XRPROCDETECTOR_BUILD_TOOLS)
   install(FILES ${PROJECT_SOURCE_DIR}/tools/bash-completion/xrprocdetect
       DESTINATION ${XRPROCDETECTOR_BASH_COMPLETION_DIR}
       COMPONENT tool)
+  # The JSON Schema of xrprocdetect -J, for hosts that validate its rows:
+  # data a program reads, so beside the data rather than the documentation.
+  install(FILES ${PROJECT_SOURCE_DIR}/docs/xrprocdetect.schema.json
+      DESTINATION ${CMAKE_INSTALL_DATADIR}/xrprocdetector COMPONENT tool)
 endif()
 
 # Packaging (cpack -G DEB) is set up in cmake/Packaging.cmake when present.

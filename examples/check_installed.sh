@@ -113,6 +113,7 @@ expected_files() {
   echo bin/xrprocdetect
   echo share/man/man1/xrprocdetect.1.gz
   echo share/bash-completion/completions/xrprocdetect
+  echo share/xrprocdetector/xrprocdetect.schema.json
   if [ "$kind" = shared ]; then
     echo "$libdir/libxrprocdetector.so.$version"
     echo "$libdir/libxrprocdetector.so.$soversion"
@@ -129,7 +130,7 @@ arch_of() {
 # package_of FILE LIBDIR: the Debian package an installed file belongs to.
 package_of() {
   case $1 in
-    bin/* | share/man/* | share/bash-completion/*) echo "$tool_pkg" ;;
+    bin/* | share/man/* | share/bash-completion/* | share/xrprocdetector/*) echo "$tool_pkg" ;;
     "$2"/libxrprocdetector.so.*) echo "$runtime_pkg" ;;
     "$python_dir"/*) echo "$python_pkg" ;;
     *) echo "$dev_pkg" ;;

@@ -296,4 +296,49 @@ TEST(Places, BindingAThreadAndCpuSetT) {
   }).join();
 }
 
+// What names a machine: proc/sys/kernel/hostname and osrelease (one line
+// each, as sysctl's kernel.rst shows them), /proc/cpuinfo's first "model
+// name" and "vendor_id", and a snapshot's savedAt and savedBy. A tree that
+// lacks a file, as every one saved before these were read, names nothing.
+TEST(Identity, OfSnapshotsAndSystemRoots) {
+  using Text = std::optional<std::string>;
+  const struct {
+    const char* dir;
+    Text hostname, release, model, vendor, savedAt, savedBy;
+  } kCases[] = {
+      {"sysroots/kvm-dmi-2",
+       "web-01",
+       "5.15.0-91-generic",
+       "QEMU Virtual CPU version 2.5+",
+       "AuthenticAMD",
+       {},
+       {}},
+      {"sysroots/offline-7", {}, {}, "Example CPU 2000 @ 2.00GHz", "GenuineIntel", {}, {}},
+      {"sysroots/affinity-narrower-4", {}, {}, {}, {}, {}, {}},
+      {"snapshots/vmware-2", {}, {}, "Test model", {}, "2024-01-01T00:00:00Z", "hand"},
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.dir);
+    const std::optional<Source> source =
+        Source::snapshot(std::string(XRPROCDETECTOR_TEST_DATA "/") + c.dir);
+    ASSERT_TRUE(source);
+    const Topology t = topology(*source);
+    EXPECT_EQ(t.hostname, c.hostname);
+    EXPECT_EQ(t.kernelRelease, c.release);
+    EXPECT_EQ(t.cpuModel, c.model);
+    EXPECT_EQ(t.cpuVendor, c.vendor);
+    EXPECT_EQ(source->savedAt(), c.savedAt);
+    EXPECT_EQ(source->savedBy(), c.savedBy);
+  }
+  // A host built before 2.2.0 passes the struct it knows: it gets that
+  // much, and its size back; this machine and a text have no save.
+  xrpd_source_info old{};
+  old.size = sizeof old.size;
+  EXPECT_EQ(xrpd_source_get(Source::cpuinfoText(kTwoCores).handle(), &old), 0);
+  EXPECT_EQ(old.size, sizeof old.size);
+  EXPECT_FALSE(Source::live().savedAt());
+  EXPECT_FALSE(Source::cpuinfoText(kTwoCores).savedBy());
+  EXPECT_EQ(xrpd_source_get(nullptr, nullptr), -1);
+}
+
 }  // namespace

@@ -1,6 +1,7 @@
 // xrprocdetect's JSON: one object a generation, with the kernel row and the
 // agreement with it where there is one.
 #include <cstdio>
+#include <ctime>
 #include <string>
 
 #include "report.h"
@@ -17,60 +18,32 @@ const char* vmKey(Hypervisor vm) {
   return vm == Hypervisor::kVmware ? "vmware" : vm == Hypervisor::kOther ? "other" : "none";
 }
 
-std::string quoted(const std::string& text) {
-  return "\"" + escaped(text, true) + "\"";
+// An array of one object an item, each filled by `one`.
+template <class T, class One>
+std::string array(const std::vector<T>& items, One one) {
+  std::string out;
+  for (const T& item : items) {
+    JsonObject o;
+    one(o, item);
+    out += (out.empty() ? "" : ", ") + o.done();
+  }
+  return "[" + out + "]";
 }
 
-// An object, pretty-printed at `indent`, or on one line when `indent` < 0.
-class JsonObject {
- public:
-  explicit JsonObject(int indent)
-      : compact_(indent < 0), pad_(compact_ ? 0 : static_cast<std::size_t>(indent), ' ') {}
-  void add(const char* key, const std::string& rawValue) {
-    if (!text_.empty()) text_ += compact_ ? ", " : ",\n";
-    text_ += (compact_ ? "\"" : pad_ + "  \"") + key + "\": " + rawValue;
-  }
-  void number(const char* key, long long value) { add(key, std::to_string(value)); }
-  void string(const char* key, const std::string& value) { add(key, quoted(value)); }
-  void null(const char* key) { add(key, "null"); }
-  void stringOrNull(const char* key, bool have, const std::string& value) {
-    add(key, have ? quoted(value) : "null");
-  }
-  template <class T, class Show>
-  void maybe(const char* key, const std::optional<T>& value, Show show) {
-    add(key, value ? show(*value) : "null");
-  }
-  // The object; `inner` leaves out the padding before its opening brace.
-  std::string done(bool inner = false) const {
-    if (compact_) return "{" + text_ + "}";
-    return (inner ? "" : pad_) + "{\n" + text_ + "\n" + pad_ + "}";
-  }
-
- private:
-  bool compact_;
-  std::string pad_;
-  std::string text_;
-};
-
-// The NUMA nodes and the caches, as keys of the kernel object.
-void addPlacement(JsonObject& kernel, const Topology& t) {
-  std::string nodes;
-  for (const NumaNode& n : t.numaNodes) {
-    JsonObject one(-1);
+std::string nodesArray(const Topology& t) {
+  return array(t.numaNodes, [](JsonObject& one, const NumaNode& n) {
     one.number("node", n.node);
     one.string("cpus", n.processors.toList());
-    n.memoryBytes ? one.add("memoryBytes", std::to_string(*n.memoryBytes))
-                  : one.null("memoryBytes");
+    one.maybe("memoryBytes", n.memoryBytes, [](std::uint64_t v) { return std::to_string(v); });
     std::string row;
     for (const std::int32_t d : n.distances)
       row += (row.empty() ? "" : ", ") + std::to_string(d);
     one.add("distances", "[" + row + "]");
-    nodes += (nodes.empty() ? "[" : ", ") + one.done();
-  }
-  kernel.add("numaNodes", nodes.empty() ? "[]" : nodes + "]");
-  std::string caches;
-  for (const Cache& c : t.caches) {
-    JsonObject one(-1);
+  });
+}
+
+std::string cachesArray(const Topology& t) {
+  return array(t.caches, [](JsonObject& one, const Cache& c) {
     one.number("level", c.level);
     one.string("type", c.type == CacheType::kData          ? "data"
                        : c.type == CacheType::kInstruction ? "instruction"
@@ -79,122 +52,147 @@ void addPlacement(JsonObject& kernel, const Topology& t) {
     one.number("lineBytes", c.lineBytes);
     one.number("ways", c.ways);
     one.string("cpus", c.processors.toList());
-    caches += (caches.empty() ? "[" : ", ") + one.done();
-  }
-  kernel.add("caches", caches.empty() ? "[]" : caches + "]");
+  });
 }
 
-// The topology's sets and names, as keys of the kernel object.
-void addSets(JsonObject& kernel, const Topology& t) {
-  const auto text = [](const std::string& v) { return quoted(v); };
-  kernel.string("onlineCpus", t.online.toList());
-  kernel.string("offlineCpus", t.offline.toList());
-  kernel.string("usableCpus", t.usable.toList());
-  kernel.maybe("hypervisorVendor", t.hypervisorVendor, text);
-  kernel.maybe("virtualizationType", t.virtualizationType, text);
-  kernel.maybe("container", t.container, text);
-  std::string cpus;
-  for (const Processor& p : t.processors) {
-    JsonObject one(-1);
+std::string cpusArray(const Topology& t) {
+  return array(t.processors, [&t](JsonObject& one, const Processor& p) {
     one.number("cpu", p.cpu);
     for (const auto& [key, v] :
          {std::pair{"package", p.package}, {"die", p.die}, {"core", p.core}, {"thread", p.thread}})
-      v < 0 ? one.null(key) : one.number(key, v);
+      one.add(key, v < 0 ? "null" : std::to_string(v));
     one.stringOrNull("kind", p.kind >= 0,
                      p.kind >= 0 ? t.coreKinds[static_cast<std::size_t>(p.kind)].kind : "");
     one.add("online", p.online ? "true" : "false");
     one.add("usable", p.usable ? "true" : "false");
     for (const auto& [key, v] :
          {std::pair{"numaNode", p.numaNode}, {"lastLevelCache", p.lastLevelCache}})
-      v < 0 ? one.null(key) : one.number(key, v);
-    cpus += (cpus.empty() ? "[" : ", ") + one.done();
-  }
-  kernel.add("cpus", cpus.empty() ? "[]" : cpus + "]");
-  addPlacement(kernel, t);
+      one.add(key, v < 0 ? "null" : std::to_string(v));
+  });
 }
 
-// The kernel row and the row's agreement with it, as two keys of `o`.
-void addKernel(JsonObject& o, const Detection& row, const KernelTopology& k, const Topology& t,
-               int indent) {
-  const int inner = indent < 0 ? -1 : indent + 2;
+// The kernel row, with the topology's sets and names.
+std::string kernelObject(const KernelTopology& k, const Topology& t) {
   const auto number = [](std::int32_t v) { return std::to_string(v); };
-  const auto word = [](const char* w) { return quoted(w); };
-  JsonObject kernel(inner);
+  const auto text = [](const std::string& v) { return quoted(v); };
+  JsonObject kernel;
   kernel.maybe("packages", k.packages, number);
   kernel.maybe("cores", k.cores, number);
   kernel.maybe("logicalProcessors", k.logicalProcessors, number);
-  kernel.maybe("smt", k.smt, [&](Smt v) { return word(smtKey(v)); });
-  kernel.maybe("virtualMachine", k.hypervisor, [&](Hypervisor v) { return word(vmKey(v)); });
+  kernel.maybe("smt", k.smt, [](Smt v) { return quoted(smtKey(v)); });
+  kernel.maybe("virtualMachine", k.hypervisor, [](Hypervisor v) { return quoted(vmKey(v)); });
   kernel.maybe("offlineProcessors", k.offlineProcessors, number);
   kernel.maybe("usableProcessors", k.usableProcessors, number);
   kernel.maybe("cpuQuota", k.cpuQuota, quotaText);
   kernel.maybe("effectiveProcessors", k.effectiveProcessors, number);
-  std::string kinds;
-  for (const CoreKind& kind : k.coreKinds) {
-    JsonObject one(-1);
-    one.string("kind", kind.kind);
-    one.number("cores", kind.cores);
-    one.number("logicalProcessors", kind.logicalProcessors);
-    kinds += (kinds.empty() ? "[" : ", ") + one.done();
-  }
-  kernel.add("coreKinds", kinds.empty() ? "null" : kinds + "]");
-  addSets(kernel, t);
-  o.add("kernel", kernel.done(true));
-  const Agreement a = compare(row, k);
-  const auto boolean = [](Same v) {
-    return std::string(v == Same::kYes ? "true" : v == Same::kNo ? "false" : "null");
-  };
-  JsonObject agrees(inner);
-  agrees.add("packages", boolean(a.packages));
-  agrees.add("cores", boolean(a.cores));
-  agrees.add("logicalProcessors", boolean(a.logicalProcessors));
-  agrees.add("smt", boolean(a.smt));
-  agrees.add("virtualMachine", boolean(a.hypervisor));
-  o.add("agreesWithKernel", agrees.done(true));
+  kernel.add("coreKinds", k.coreKinds.empty()
+                              ? "null"
+                              : array(k.coreKinds, [](JsonObject& one, const CoreKind& kind) {
+                                  one.string("kind", kind.kind);
+                                  one.number("cores", kind.cores);
+                                  one.number("logicalProcessors", kind.logicalProcessors);
+                                }));
+  kernel.string("onlineCpus", t.online.toList());
+  kernel.string("offlineCpus", t.offline.toList());
+  kernel.string("usableCpus", t.usable.toList());
+  kernel.maybe("hypervisorVendor", t.hypervisorVendor, text);
+  kernel.maybe("virtualizationType", t.virtualizationType, text);
+  kernel.maybe("container", t.container, text);
+  kernel.add("cpus", cpusArray(t));
+  kernel.add("numaNodes", nodesArray(t));
+  kernel.add("caches", cachesArray(t));
+  return kernel.done();
 }
 
-std::string jsonRow(const Detection& row, const Input& source, int indent, bool withSummary) {
-  JsonObject o(indent);
-  o.number("schemaVersion", 1);
+// Whether each of the row's fields agrees with the kernel row's.
+std::string agreement(const Detection& row, const KernelTopology& k) {
+  const Agreement a = compare(row, k);
+  JsonObject agrees;
+  const Same same[] = {a.packages, a.cores, a.logicalProcessors, a.smt, a.hypervisor};
+  const char* const keys[] = {"packages", "cores", "logicalProcessors", "smt", "virtualMachine"};
+  for (int i = 0; i < 5; ++i)
+    agrees.add(keys[i], same[i] == Same::kYes ? "true" : same[i] == Same::kNo ? "false" : "null");
+  return agrees.done();
+}
+
+// What names the input and its machine: the keys every row of schema 2
+// starts with, null where not known (a saved /proc/cpuinfo names no
+// machine; only a snapshot has savedAt and savedBy).
+JsonObject header(const Input& in) {
+  static const std::optional<std::string> none;
+  const Topology* t = in.topology ? &*in.topology : nullptr;
+  JsonObject o;
+  o.number("schemaVersion", 2);
+  o.string("input", in.live ? "live" : in.file);
+  o.string("source", in.live ? "live" : in.snapshot ? "snapshot" : "file");
+  for (const auto& [key, value] : {std::pair{"hostname", t ? t->hostname : none},
+                                   {"cpuModel", t ? t->cpuModel : none},
+                                   {"cpuVendor", t ? t->cpuVendor : none},
+                                   {"kernelRelease", t ? t->kernelRelease : none},
+                                   {"savedAt", in.savedAt},
+                                   {"savedBy", in.savedBy}})
+    o.maybe(key, value, quoted);
+  return o;
+}
+
+// A row. Schema 2: every key in every row; the counts under the kernel
+// row's names, the states in its words (smt "on", "off", "notsupported";
+// virtualMachine "none", "vmware", "other") with the detectors' codes
+// beside them. Schema 1: the detectors' names and codes, the input as
+// source and file, "kernel" and "agreesWithKernel" only with a kernel row
+// and "summary" only `withSummary`.
+std::string jsonRow(const Detection& row, const Input& in, bool withSummary, int schema) {
+  JsonObject o = schema == 2 ? header(in) : JsonObject();
+  if (schema == 1) o.number("schemaVersion", 1);
   o.string("generation", generationName(row.generation));
   o.string("class", row.className);
   o.number("procInfoIndex", row.versionIndex);
-  o.string("source", source.live ? "live" : source.snapshot ? "snapshot" : "file");
-  o.stringOrNull("file", !source.live, source.file);
+  if (schema == 1) o.string("source", in.live ? "live" : in.snapshot ? "snapshot" : "file");
+  if (schema == 1) o.stringOrNull("file", !in.live, in.file);
   o.add("counted", row.counted ? "true" : "false");
-  if (row.counted) {
-    o.number("result", row.result);
-    o.number("logicalCount", row.logicalProcessors);
-    o.number("physicalCount", row.packages);
-    o.number("coreCount", row.cores);
-    o.number("hyperThreadState", static_cast<int>(row.hyperThreading));
-    o.number("vmState", static_cast<int>(row.vm));
-  } else {
-    for (const char* key :
-         {"result", "logicalCount", "physicalCount", "coreCount", "hyperThreadState", "vmState"})
-      o.null(key);
-  }
-  o.stringOrNull("reportedVerdict", row.counted && row.reportedVerdict,
-                 row.reportedVerdict ? stateWords(static_cast<int>(*row.reportedVerdict)) : "");
+  const auto count = [&row](long long v) { return row.counted ? std::to_string(v) : "null"; };
+  const auto smt = [](Smt v) { return quoted(smtKey(v)); };
+  o.add("result", count(row.result));
+  o.add(schema == 1 ? "logicalCount" : "logicalProcessors", count(row.logicalProcessors));
+  o.add(schema == 1 ? "physicalCount" : "packages", count(row.packages));
+  o.add(schema == 1 ? "coreCount" : "cores", count(row.cores));
+  if (schema == 2) o.maybe("smt", smtOf(row), smt);
+  o.add(schema == 1 ? "hyperThreadState" : "smtCode", count(static_cast<int>(row.hyperThreading)));
+  if (schema == 2)
+    o.maybe("virtualMachine", hypervisorOf(row), [](Hypervisor v) { return quoted(vmKey(v)); });
+  o.add(schema == 1 ? "vmState" : "virtualMachineCode", count(static_cast<int>(row.vm)));
+  Detection verdict = row;  // what its report states
+  verdict.hyperThreading = row.reportedVerdict.value_or(HyperThreading::kNotDetermined);
+  if (schema == 2) o.maybe("reportedVerdict", smtOf(verdict), smt);
+  if (schema == 1)
+    o.stringOrNull("reportedVerdict", row.counted && row.reportedVerdict,
+                   stateWords(static_cast<int>(verdict.hyperThreading)));
   static const char* const kEndedBy[] = {"", "/proc/cpuinfo", "cpuid", "logical only"};
   o.stringOrNull("endedBy", row.endedBy != Strategy::kNone,
                  kEndedBy[static_cast<int>(row.endedBy)]);
   o.stringOrNull("note", !row.note.empty(), row.note);
-  if (source.kernel) addKernel(o, row, *source.kernel, *source.topology, indent);
-  if (withSummary) o.stringOrNull("summary", row.counted, row.summary);
+  if (schema == 2 || withSummary)
+    o.stringOrNull("summary", withSummary && row.counted, row.summary);
+  if (schema == 2 || in.kernel) {
+    o.add("kernel", in.kernel ? kernelObject(*in.kernel, *in.topology) : "null");
+    o.add("agreesWithKernel", in.kernel ? agreement(row, *in.kernel) : "null");
+  }
   return o.done();
 }
 
 }  // namespace
 
-std::string budgetLine(const Budget& b, bool json) {
+std::string budgetLine(const Budget& b, bool json, const Input* in) {
   const std::string quota = b.cpuQuota ? quotaText(*b.cpuQuota) : "";
   if (!json)
     return "usable " + b.usable.toList() + " (" + std::to_string(b.usable.count()) +
            " processors), CPU quota " + (quota.empty() ? "none" : quota + " processors") +
            ", effective " + std::to_string(b.effectiveProcessors) +
            (b.error.empty() ? "" : "; " + escaped(b.error.message())) + "\n";
-  JsonObject o(-1);
+  JsonObject o = in ? header(*in) : JsonObject();
+  char when[32];
+  const std::time_t now = std::time(nullptr);
+  if (in) o.string("time", {when, std::strftime(when, sizeof when, "%FT%TZ", std::gmtime(&now))});
   o.string("usableCpus", b.usable.toList());
   o.number("usableProcessors", static_cast<long long>(b.usable.count()));
   o.add("cpuQuota", quota.empty() ? "null" : quota);
@@ -204,19 +202,30 @@ std::string budgetLine(const Budget& b, bool json) {
 }
 
 std::string json(const std::vector<Detection>& rows, const Input& source, bool asArray,
-                 bool withSummary, bool lines) {
-  if (lines) {
-    std::string out;
-    for (const Detection& row : rows)
-      out += jsonRow(row, source, -1, withSummary) + "\n";
-    return out;
-  }
-  if (!asArray)
-    return rows.empty() ? "null\n" : jsonRow(rows.front(), source, 0, withSummary) + "\n";
-  std::string out = "[\n";
-  for (std::size_t i = 0; i < rows.size(); ++i)
-    out += jsonRow(rows[i], source, 2, withSummary) + (i + 1 < rows.size() ? ",\n" : "\n");
-  return out + "]\n";
+                 bool withSummary, bool lines, int schema) {
+  std::string out;
+  for (const Detection& row : rows)
+    out += (out.empty()            ? ""
+            : lines || schema == 2 ? "\n"
+                                   : ", ") +
+           jsonRow(row, source, withSummary, schema);
+  if (schema == 1 && !lines && asArray) return "[" + out + "]\n";
+  return out.empty() && schema == 1 && !lines ? "null\n" : out + (out.empty() ? "" : "\n");
+}
+
+std::string viewJson(const Input& in, const Options& options) {
+  const Topology& t = *in.topology;
+  JsonObject o = header(in);
+  if (options.cpus) o.add("cpus", cpusArray(t));
+  if (options.caches) o.add("caches", cachesArray(t));
+  if (options.draw) o.add("kernel", kernelObject(*in.kernel, t));
+  std::string sets;
+  for (const CpuSet& place :
+       options.places ? places(t, *placeKind(*options.places)) : std::vector<CpuSet>())
+    sets += (sets.empty() ? "" : ", ") + quoted(place.toList());
+  if (options.places) o.string("placeKind", *options.places);
+  if (options.places) o.add("places", "[" + sets + "]");
+  return o.done() + "\n";
 }
 
 }  // namespace xrprocdetect

@@ -32,6 +32,7 @@ enum : int {
   kDraw,
   kWatch,
   kJsonLines,
+  kJsonSchema,
 };
 
 const option kLongOptions[] = {
@@ -53,6 +54,7 @@ const option kLongOptions[] = {
     {"draw", no_argument, nullptr, kDraw},
     {"watch", optional_argument, nullptr, kWatch},
     {"json-lines", no_argument, nullptr, kJsonLines},
+    {"json-schema", required_argument, nullptr, kJsonSchema},
     {"help", no_argument, nullptr, 'h'},
     {"version", no_argument, nullptr, 'V'},
     {nullptr, 0, nullptr, 0},
@@ -129,6 +131,9 @@ std::string takeValue(int c, const char* written, Options& o) {
                "'";
       o.places = value;
       return "";
+    case kJsonSchema:
+      o.json = true, o.jsonSchema = value == "1" ? 1 : 2;
+      return value == "1" || value == "2" ? "" : "--json-schema takes 1 or 2, not '" + value + "'";
     case kWatch: {
       char* end = nullptr;
       o.watch = optarg == nullptr ? 1.0 : std::strtod(optarg, &end);
@@ -162,13 +167,13 @@ std::string combinationError(const Options& o, bool algorithmGiven) {
   if (o.watch && (o.all || algorithmGiven || o.summary || o.check || o.tally || o.view() ||
                   !o.cpuinfo.empty() || !o.snapshot.empty() || o.save || o.debugLevel || o.echo))
     return "--watch watches this machine's budget; give it alone, or with -J or --json-lines";
-  if (o.view() && (o.all || algorithmGiven || o.json || o.summary || o.check || o.tally ||
+  if (o.jsonSchema == 1 && (o.view() || o.tally))
+    return "--json-schema=1 has no JSON of --tally, --cpus, --places, --caches or --draw";
+  if (o.view() && (o.all || algorithmGiven || o.summary || o.check || o.tally ||
                    !o.cpuinfo.empty() || (o.cpus + o.caches + o.draw + !!o.places) > 1))
     return "--cpus, --places, --caches and --draw each show the topology of this machine or "
            "of snapshots; give one, alone or with --snapshot";
-  if (o.tally && (o.json || o.summary))
-    return std::string("--tally prints only the tally; leave out ") +
-           (o.json ? "-J (each JSON row carries agreesWithKernel)" : "--summary");
+  if (o.tally && o.summary) return "--tally prints only the tally; leave out --summary";
   if (o.echo && o.json)
     return "--echo puts debug lines into standard output, which would break the JSON; use "
            "--debug to have them on standard error";
@@ -271,8 +276,9 @@ generation, or save a snapshot of this machine.
                           processors) once, then again each time it
                           changes, looking every SECONDS (1 by default),
                           until interrupted; JSON Lines with -J
-      --json-lines        JSON Lines: one object a line for each input and
-                          generation (what -J writes for several inputs)
+      --json-lines        the same as -J
+      --json-schema=N     -J of schema 2 (the default) or 1, the shape of
+                          version 2.1, kept for this version only
       --save DIR          save a snapshot of this machine into DIR (new or
                           empty) and exit; give it alone
       --version-index N   the version index (0 to 6) given to the detectors'
@@ -285,8 +291,9 @@ generation, or save a snapshot of this machine.
                           standard output instead (at LEVEL, or 1)
       --summary           also call printSummary after detection and show
                           what it writes
-  -J, --json              print JSON: one object, or with --all an array;
-                          JSON Lines for several inputs
+  -J, --json              print JSON Lines: an object a line for each input
+                          and generation (or with --tally, generation and
+                          field), each naming its input and machine
   -h, --help              print this help and exit
   -V, --version           print the version and exit
 

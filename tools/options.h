@@ -35,7 +35,8 @@ struct Options {
   // Whether the options ask for a view of the topology rather than detection.
   bool view() const { return cpus || places || caches || draw; }
   std::optional<double> watch;  // --watch[=SECONDS]: the budget, again each time it changes
-  bool jsonLines = false;       // --json-lines, or -J with several inputs
+  bool jsonLines = false;       // --json-lines
+  int jsonSchema = 2;           // --json-schema=N: 1, the shape of 2.1, for one more version
   bool help = false;
   bool version = false;
 };

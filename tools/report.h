@@ -5,6 +5,8 @@
 
 #include <xrprocdetector/detect.h>
 
+#include "options.h"
+
 #include <optional>
 #include <string>
 #include <string_view>
@@ -23,12 +25,14 @@ struct Input {
   // The kernel's topology: live and on a snapshot, never on a saved
   // /proc/cpuinfo alone.
   std::optional<KernelTopology> kernel;
-  std::optional<Topology> topology;  // where there is a kernel row
+  std::optional<Topology> topology;             // where there is a kernel row
+  std::optional<std::string> savedAt, savedBy;  // a snapshot's
 };
 
 // One line for a budget: "usable 0-1 (2 processors), CPU quota 1.5
-// processors, effective 2", or a JSON object on a line of its own.
-std::string budgetLine(const Budget& b, bool json);
+// processors, effective 2", or a JSON object on a line of its own: with
+// `in`, schema 2's, which names the input and its machine and the time.
+std::string budgetLine(const Budget& b, bool json, const Input* in = nullptr);
 
 // One line a processor, as lscpu -p writes them, under a "#" header:
 // number, package, die, core, thread, kind, online, usable, NUMA node, L3.
@@ -52,12 +56,17 @@ std::string table(const std::vector<Detection>& rows, const Input& source);
 // What --summary adds after the report or table: each generation's
 // printSummary output, as it wrote it.
 std::string summaries(const std::vector<Detection>& rows);
-// JSON: one object for a row, or an array of objects. Numbers are numbers;
-// what a row does not have is null. The keys are stable; "summary" is there
-// only `withSummary`, "kernel" and "agreesWithKernel" only with a kernel row.
-// `lines`: JSON Lines instead, one object a row on a line of its own.
+// JSON Lines of `schema` 2: one object a row on a line of its own, every
+// key in every row, null where a row has no value. Numbers are numbers.
+// Schema 1, the shape of version 2.1: one object for a row, or an array of
+// objects (`lines`: JSON Lines); "summary" there only `withSummary`,
+// "kernel" and "agreesWithKernel" only with a kernel row.
 std::string json(const std::vector<Detection>& rows, const Input& source, bool asArray,
-                 bool withSummary, bool lines = false);
+                 bool withSummary, bool lines, int schema);
+// The view of the input's topology that `o` asks for, as a line of JSON:
+// its processors (--cpus), every cache instance (--caches), the whole
+// kernel row the picture is drawn from (--draw), or the places (--places).
+std::string viewJson(const Input& in, const Options& o);
 
 // A CPU quota in processors, with as few digits as read back exactly.
 std::string quotaText(double quota);
@@ -80,6 +89,32 @@ std::string aligned(const std::vector<std::vector<std::string>>& cells, const bo
 // \u00XX of its own value (the character Latin-1 gives that byte): the
 // output is valid JSON and UTF-8, and every byte can still be read off it.
 std::string escaped(std::string_view text, bool json = false);
+
+// `text` as a JSON string.
+inline std::string quoted(const std::string& text) {
+  return "\"" + escaped(text, true) + "\"";
+}
+
+// A JSON object on one line, its keys in the order added.
+class JsonObject {
+ public:
+  void add(const char* key, const std::string& rawValue) {
+    text_ += std::string(text_.empty() ? "\"" : ", \"") + key + "\": " + rawValue;
+  }
+  void number(const char* key, long long value) { add(key, std::to_string(value)); }
+  void string(const char* key, const std::string& value) { add(key, quoted(value)); }
+  void stringOrNull(const char* key, bool have, const std::string& value) {
+    add(key, have ? quoted(value) : "null");
+  }
+  template <class T, class Show>
+  void maybe(const char* key, const std::optional<T>& value, Show show) {
+    add(key, value ? show(*value) : "null");
+  }
+  std::string done() const { return "{" + text_ + "}"; }
+
+ private:
+  std::string text_;
+};
 
 // A hyperThreadState in words: "not capable", "disabled", "enabled", ...
 const char* stateWords(int state);

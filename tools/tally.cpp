@@ -75,4 +75,33 @@ std::string Tally::text() const {
   return out;
 }
 
+// One flat row a generation and field, as a fleet's queries select them.
+std::string Tally::json() const {
+  static const char* const kKeys[] = {"packages", "cores", "logicalProcessors", "smt",
+                                      "virtualMachine"};
+  std::string out;
+  for (std::size_t i = 0; i < lines_.size() * kFields; ++i) {
+    const Field& field = lines_[i / kFields].fields[i % kFields];
+    JsonObject o;
+    o.number("schemaVersion", 2);
+    o.string("generation", generationName(lines_[i / kFields].generation));
+    o.string("field", kKeys[i % kFields]);
+    std::string names;
+    for (const std::string& name : field.differ)
+      names += (names.empty() ? "" : ", ") + quoted(name);
+    for (const auto& [key, n] : {std::pair{"agree", field.agree},
+                                 {"differ", static_cast<int>(field.differ.size())},
+                                 {"notCompared", field.unknown},
+                                 {"inputs", inputs_},
+                                 {"unreadable", failed_},
+                                 {"fewerUsable", limited_},
+                                 {"withQuota", quota_},
+                                 {"fewerEffective", below_}})
+      o.number(key, n);
+    o.add("differingInputs", "[" + names + "]");
+    out += o.done() + "\n";
+  }
+  return out;
+}
+
 }  // namespace xrprocdetect

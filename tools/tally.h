@@ -18,6 +18,8 @@ class Tally {
   // An input that could not be read.
   void failed() { ++failed_; }
   std::string text() const;
+  // The same as JSON Lines: one object a generation and field.
+  std::string json() const;
 
  private:
   static constexpr int kFields = 5;  // packages, cores, logical, SMT, VM

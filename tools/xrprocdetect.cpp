@@ -35,7 +35,8 @@ struct Run {
   std::vector<Generation> selected;
   DetectOptions settings;
   bool passDebugOn = false;
-  bool lines = false;  // JSON Lines
+  bool lines = false;    // JSON Lines (schema 1)
+  bool several = false;  // more than one input
 };
 
 // What the inputs called for, over all of them.
@@ -64,6 +65,7 @@ std::optional<Source> open(Source::Kind kind, const std::string& name, Input* in
     error = source->error().message();
     if (!error.empty()) source.reset();
   }
+  if (source) input->savedAt = source->savedAt(), input->savedBy = source->savedBy();
   if (source && kind != Source::Kind::kCpuinfo) {
     input->topology = topology(*source);
     input->kernel = kernelTopology(*input->topology);
@@ -116,14 +118,18 @@ Report report(const Run& run, Source::Kind kind, const std::string& name) {
     if (run.passDebugOn) r.err += row.debug + row.summary;
   }
   if (r.failed || options.tally) return r;
-  if (options.view()) {
+  if (options.view() && options.json) {
+    r.out = viewJson(r.input, options);
+  } else if (options.view()) {
     const Topology& t = *r.input.topology;
     r.out = escaped(options.cpus     ? cpuLines(t)
                     : options.caches ? cacheLines(t)
                     : options.draw   ? drawing(t)
                                      : ompPlaces(places(t, *placeKind(*options.places))) + "\n");
+    // With several inputs each one's lines are named.
+    if (run.several) r.out = "# " + escaped(r.input.live ? "live" : name) + "\n" + r.out;
   } else if (options.json) {
-    r.out = json(r.rows, r.input, options.all, options.summary, run.lines);
+    r.out = json(r.rows, r.input, options.all, options.summary, run.lines, options.jsonSchema);
   } else {
     // Words from the machine and file names never move the terminal's cursor.
     r.out = escaped(options.all ? table(r.rows, r.input) : humanReport(r.rows.front(), r.input));
@@ -197,19 +203,21 @@ void runAll(const Run& run, Source::Kind kind, const std::vector<std::string>& n
 }
 
 // The budget once, then again each time it changes, until interrupted.
-int watch(double seconds, bool json) {
+int watch(double seconds, bool json, int schema) {
   std::string error;
   std::optional<ProcessorBudget> budget = ProcessorBudget::open(&error);
   if (!budget) {
     std::fprintf(stderr, "xrprocdetect: cannot watch the budget: %s\n", escaped(error).c_str());
     return 2;
   }
+  Input live;  // what names this machine, on each line of schema 2
+  const Input* in = json && schema == 2 ? (live.topology = topology(), &live) : nullptr;
   Budget last = budget->read();
-  std::fputs(budgetLine(last, json).c_str(), stdout);
+  std::fputs(budgetLine(last, json, in).c_str(), stdout);
   while (std::fflush(stdout) == 0) {
     std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
     Budget now = budget->read();
-    if (changed(last, now)) std::fputs(budgetLine(now, json).c_str(), stdout);
+    if (changed(last, now)) std::fputs(budgetLine(now, json, in).c_str(), stdout);
     last = std::move(now);
   }
   return 2;
@@ -255,19 +263,21 @@ int main(int argc, char** argv) {
   if (options.help) return std::fputs(usageText().c_str(), stdout), 0;
   if (options.version) return std::printf("xrprocdetect %s\n", version()), 0;
   if (options.save) return save(*options.save);
-  if (options.watch) return watch(*options.watch, options.json || options.jsonLines);
+  if (options.watch) return watch(*options.watch, options.json, options.jsonSchema);
 
   Run run = settingsOf(options);
   const std::vector<std::string>& names =
       options.snapshot.empty() ? options.cpuinfo : options.snapshot;
   run.lines = options.jsonLines || (options.json && names.size() > 1);
+  run.several = names.size() > 1;
   const Source::Kind kind = names.empty()              ? Source::Kind::kLive
                             : options.snapshot.empty() ? Source::Kind::kCpuinfo
                                                        : Source::Kind::kSnapshot;
   Tally tally;
   Outcome outcome;
   runAll(run, kind, names.empty() ? std::vector<std::string>{""} : names, &tally, &outcome);
-  if (options.tally) std::fputs(escaped(tally.text()).c_str(), stdout);
+  if (options.tally)
+    std::fputs((options.json ? tally.json() : escaped(tally.text())).c_str(), stdout);
   if (std::fflush(stdout) != 0 || std::ferror(stdout)) {
     std::fprintf(stderr, "xrprocdetect: cannot write the report: %s\n", std::strerror(errno));
     return 2;

@@ -199,6 +199,11 @@ typedef struct xrpd_topology_info {
   /* Since 2.0.0: */
   xrpd_cpuset present; /**< present (or possible) processors; empty where not listed */
   const char* missing; /**< what the kernel's files lack, or NULL; the topology's own */
+  /* Since 2.2.0: each NULL where not known; the topology's own */
+  const char* hostname;       /**< proc/sys/kernel/hostname */
+  const char* kernel_release; /**< proc/sys/kernel/osrelease */
+  const char* cpu_model;      /**< /proc/cpuinfo's first "model name" */
+  const char* cpu_vendor;     /**< /proc/cpuinfo's first "vendor_id" */
 } xrpd_topology_info;
 
 XRPROCDETECTOR_API int xrpd_topology_get(const xrpd_topology* topology, xrpd_topology_info* out);
@@ -324,6 +329,16 @@ XRPROCDETECTOR_API void xrpd_budget_close(xrpd_budget* budget);
 
 /** Saves this machine as a snapshot in `dir` (see saveSnapshot in snapshot.h): 0, or -1. */
 XRPROCDETECTOR_API int xrpd_save_snapshot(const char* dir, char** error);
+
+/** When and by what a snapshot was saved, as its xrprocdetect.json says (since 2.2.0). */
+typedef struct xrpd_source_info {
+  size_t size;          /**< set by the caller: sizeof(xrpd_source_info) */
+  const char* saved_at; /**< such as "2026-11-25T21:40:59Z"; NULL where not said; the source's */
+  const char* saved_by; /**< such as "xrprocdetect 2.2.0"; NULL where not said; the source's */
+} xrpd_source_info;
+
+/** The source's xrpd_source_info into *out (NULLs but for a snapshot): 0, or -1. */
+XRPROCDETECTOR_API int xrpd_source_get(const xrpd_source* source, xrpd_source_info* out);
 
 #ifdef __cplusplus
 }

@@ -74,6 +74,10 @@ class Source {
   /// The C interface's handle: NULL for this machine. Null for a text or
   /// file only where memory ran out.
   const xrpd_source* handle() const noexcept { return handle_.get(); }
+  /// When and by what a snapshot was saved, as its xrprocdetect.json says
+  /// (since 2.2.0); nothing for another source, or where it does not say.
+  std::optional<std::string> savedAt() const { return saved(true); }
+  std::optional<std::string> savedBy() const { return saved(false); }
 
  private:
   Source(Kind kind, std::string name, xrpd_source* handle, Error error)
@@ -83,6 +87,12 @@ class Source {
                                   : std::shared_ptr<xrpd_source>(handle, xrpd_source_close)),
         error_(std::move(error)) {
     if (kind != Kind::kLive && handle == nullptr && error_.empty()) error_.why = "out of memory";
+  }
+  std::optional<std::string> saved(bool at) const {
+    xrpd_source_info i{};
+    i.size = sizeof i;
+    const char* text = xrpd_source_get(handle(), &i) != 0 ? nullptr : at ? i.saved_at : i.saved_by;
+    return text == nullptr ? std::nullopt : std::optional<std::string>(text);
   }
   Kind kind_;
   std::string name_;

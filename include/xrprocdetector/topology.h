@@ -131,6 +131,10 @@ struct Topology {
   /// What the kernel's files lack, such as "no sys/devices/system/cpu/online".
   std::string missing;
   Error error;  ///< the first broken file, named; the fields it did not feed are kept
+  /// What names the machine (since 2.2.0): proc/sys/kernel/hostname and
+  /// osrelease, /proc/cpuinfo's first "model name" and "vendor_id";
+  /// nothing where the machine does not tell.
+  std::optional<std::string> hostname, kernelRelease, cpuModel, cpuVendor;
 };
 
 /// Reads the live machine (its /sys, /proc and CPUID, and the calling
@@ -341,6 +345,10 @@ inline Topology topology(const Source& source) noexcept {
   t.container = bridge::text(i.container);
   t.missing = bridge::text(i.missing).value_or("");
   t.error = bridge::errorOf(i.error);
+  t.hostname = bridge::text(i.hostname);
+  t.kernelRelease = bridge::text(i.kernel_release);
+  t.cpuModel = bridge::text(i.cpu_model);
+  t.cpuVendor = bridge::text(i.cpu_vendor);
   xrpd_topology_close(h);
   return t;
 }

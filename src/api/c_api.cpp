@@ -10,9 +10,11 @@
 #include <cstring>
 
 #include "api/api.h"
+#include "snapshot/snapshot.h"
 
 struct xrpd_source {
   std::shared_ptr<const xrprocdetector::detail::SourceData> data;
+  std::optional<std::string> savedAt, savedBy;  // a snapshot's, from its xrprocdetect.json
 };
 struct xrpd_topology {
   xrprocdetector::Topology topology;
@@ -153,7 +155,8 @@ xrpd_source* xrpd_source_open(xrpd_source_kind kind, const char* path, const cha
       [&]() -> xrpd_source* {
         Error why;
         std::shared_ptr<detail::SourceData> data;
-        if (kind == XRPD_SOURCE_LIVE) return new xrpd_source{{&detail::liveSource(), [](auto) {}}};
+        if (kind == XRPD_SOURCE_LIVE)
+          return new xrpd_source{{&detail::liveSource(), [](auto) {}}, {}, {}};
         if (kind == XRPD_SOURCE_CPUINFO)
           data = detail::cpuinfoSource(std::string(text == nullptr ? "" : text, text ? length : 0),
                                        path);
@@ -161,7 +164,11 @@ xrpd_source* xrpd_source_open(xrpd_source_kind kind, const char* path, const cha
         if (data != nullptr) why = data->error;
         if (data == nullptr && why.empty()) why.why = "no such kind of source";
         say(error, why);
-        return data == nullptr ? nullptr : new xrpd_source{std::move(data)};
+        if (data == nullptr) return nullptr;
+        std::string text, unread;  // a snapshot's metadata; empty for a text
+        data->machine()->file("xrprocdetect.json", 1 << 16, &text, &unread);
+        return new xrpd_source{std::move(data), detail::savedField(text, "savedAt"),
+                               detail::savedField(text, "savedBy")};
       },
       static_cast<xrpd_source*>(nullptr), error);
 }
@@ -246,19 +253,19 @@ int xrpd_topology_get(const xrpd_topology* topology, xrpd_topology_info* out) {
   const Topology& t = topology->topology;
   const auto count = [](std::size_t n) { return n == 0 ? -1 : static_cast<std::int32_t>(n); };
   const auto text = [](const std::optional<std::string>& s) { return s ? s->c_str() : nullptr; };
-  return fill(
-             out,
-             xrpd_topology_info{
-                 0, t.online.c(), t.offline.c(), t.usable.c(), count(t.packages.size()),
-                 count(t.cores.size()), static_cast<std::int32_t>(t.coreKinds.size()),
-                 static_cast<std::int32_t>(t.processors.size()), t.cpuQuota.value_or(0),
-                 t.effectiveProcessors.value_or(-1), t.smt ? static_cast<std::int32_t>(*t.smt) : -1,
-                 t.hypervisor ? static_cast<std::int32_t>(*t.hypervisor) : -1,
-                 text(t.hypervisorVendor), text(t.virtualizationType), text(t.container),
-                 topology->error.empty() ? nullptr : topology->error.c_str(), t.present.c(),
-                 t.missing.empty() ? nullptr : t.missing.c_str()})
-             ? 0
-             : -1;
+  // clang-format off
+  const xrpd_topology_info full{
+      0, t.online.c(), t.offline.c(), t.usable.c(), count(t.packages.size()),
+      count(t.cores.size()), static_cast<std::int32_t>(t.coreKinds.size()),
+      static_cast<std::int32_t>(t.processors.size()), t.cpuQuota.value_or(0),
+      t.effectiveProcessors.value_or(-1), t.smt ? static_cast<std::int32_t>(*t.smt) : -1,
+      t.hypervisor ? static_cast<std::int32_t>(*t.hypervisor) : -1, text(t.hypervisorVendor),
+      text(t.virtualizationType), text(t.container),
+      topology->error.empty() ? nullptr : topology->error.c_str(), t.present.c(),
+      t.missing.empty() ? nullptr : t.missing.c_str(), text(t.hostname), text(t.kernelRelease),
+      text(t.cpuModel), text(t.cpuVendor)};
+  // clang-format on
+  return fill(out, full) ? 0 : -1;
 }
 
 int xrpd_topology_processor(const xrpd_topology* topology, size_t index, xrpd_processor* out) {
@@ -366,6 +373,12 @@ int xrpd_save_snapshot(const char* dir, char** error) {
         return -1;
       },
       -1, error);
+}
+
+int xrpd_source_get(const xrpd_source* source, xrpd_source_info* out) {
+  const auto text = [](const std::optional<std::string>& s) { return s ? s->c_str() : nullptr; };
+  if (source == nullptr) return fill(out, xrpd_source_info{}) ? 0 : -1;
+  return fill(out, xrpd_source_info{0, text(source->savedAt), text(source->savedBy)}) ? 0 : -1;
 }
 
 }  // extern "C"

@@ -119,8 +119,10 @@ bool load(const std::string& dir, SavedMachine* s, Error* error, void (*readers)
   // A CPUID folder given by itself (as its gathering tool writes it) is a
   // snapshot of CPUID alone.
   if (!loadDumps(root, cpuidAlone && !metadata ? "" : "cpuid", s, error)) return false;
-  // The parts are held; the readers' own files now, and nothing else.
+  // The parts are held (the metadata's text too, for who saved it and
+  // when); the readers' own files now, and nothing else.
   s->files.clear(), s->failures.clear(), s->folders.clear();
+  if (metadata) s->files["xrprocdetect.json"] = std::move(text);
   root.restart();
   try {
     if (readers != nullptr) readers(root);

@@ -10,6 +10,7 @@
 #include <ctime>
 #include <string>
 
+#include "snapshot/snapshot.h"
 #include "snapshot/snapshot_io.h"
 
 namespace xrprocdetector {
@@ -183,6 +184,16 @@ bool parseMetadata(std::string_view text, SavedMachine* metadata, std::string* e
     }
   }
   return true;
+}
+
+std::optional<std::string> savedField(std::string_view text, const char* key) {
+  Tokens tokens(text);
+  for (Token t = tokens.next(); t.kind != 0 && t.kind != '!'; t = tokens.next()) {
+    if (t.kind == '"' && t.text == key && tokens.next().kind == ':' &&
+        (t = tokens.next()).kind == '"')
+      return t.text;
+  }
+  return std::nullopt;
 }
 
 std::string formatMetadata(const SavedMachine& m, const std::string& savedBy) {

@@ -12,7 +12,9 @@
 #ifndef XRPROCDETECTOR_SRC_SNAPSHOT_SNAPSHOT_H
 #define XRPROCDETECTOR_SRC_SNAPSHOT_SNAPSHOT_H
 
+#include <optional>
 #include <string>
+#include <string_view>
 
 #include "machine/machine.h"
 
@@ -35,6 +37,10 @@ bool loadSnapshot(const std::string& dir, SavedMachine* saved, Error* error,
 // fails removes what it wrote. Never throws.
 bool writeSnapshot(const std::string& dir, const RecordingMachine& recording,
                    const std::string& savedBy, Error* error) noexcept;
+
+// The string that `key` names in the metadata `text` (such as "savedAt");
+// nothing where it names none.
+std::optional<std::string> savedField(std::string_view text, const char* key);
 
 }  // namespace detail
 }  // namespace xrprocdetector

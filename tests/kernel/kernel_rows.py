@@ -63,8 +63,8 @@ for i, (name, kernel, marks) in enumerate(expected):
     for g, generation in enumerate(GENERATIONS):
         row = lines[5 * i + g] if 5 * i + g < len(lines) else {}
         where = "%s %s" % (name, generation)
-        if (row.get("file"), row.get("generation")) != (name, generation):
-            failures.append("%s: line is %s %s" % (where, row.get("file"), row.get("generation")))
+        if (row.get("input"), row.get("generation")) != (name, generation):
+            failures.append("%s: line is %s %s" % (where, row.get("input"), row.get("generation")))
             continue
         kernel = dict(kernel, **USABLE[name])
         got = {key: row["kernel"].get(key) for key in kernel}

@@ -52,7 +52,7 @@ def test_trees_as_the_cpp_api_reads_them(tree):
         assert (d.counted, d.note) == (row["counted"], row["note"])
         if d.counted:
             assert (d.packages, d.cores, d.logical_processors) == \
-                (row["physicalCount"], row["coreCount"], row["logicalCount"])
+                (row["packages"], row["cores"], row["logicalProcessors"])
 
 
 def test_bad_input_raises_and_leaks_nothing(tmp_path):

@@ -17,28 +17,43 @@ import subprocess
 import sys
 import tempfile
 
-KEYS = ["schemaVersion", "generation", "class", "procInfoIndex", "source", "file", "counted",
-        "result", "logicalCount", "physicalCount", "coreCount", "hyperThreadState", "vmState",
-        "reportedVerdict", "endedBy", "note"]
+KEYS = ["schemaVersion", "input", "source", "hostname", "cpuModel", "cpuVendor", "kernelRelease",
+        "savedAt", "savedBy", "generation", "class", "procInfoIndex", "counted", "result",
+        "logicalProcessors", "packages", "cores", "smt", "smtCode", "virtualMachine",
+        "virtualMachineCode", "reportedVerdict", "endedBy", "note", "summary", "kernel",
+        "agreesWithKernel"]
+COUNTS = ["result", "logicalProcessors", "packages", "cores", "smtCode", "virtualMachineCode"]
 # Live rows have the kernel's topology beside them; a saved /proc/cpuinfo has none.
 KERNEL = ["packages", "cores", "logicalProcessors", "smt", "virtualMachine", "offlineProcessors",
           "usableProcessors", "cpuQuota", "effectiveProcessors", "coreKinds", "onlineCpus",
           "offlineCpus", "usableCpus", "hypervisorVendor", "virtualizationType", "container",
           "cpus", "numaNodes", "caches"]
+# A state's code and its word: hyperThreadState 0 is no SMT, 1 off, 2 and 3
+# on; vmState 0 none, 1 VMware (15 is a word only after the CPUID estimate).
+SMT = {0: "notsupported", 1: "off", 2: "on", 3: "on", 15: None}
+VM = {0: "none", 1: "vmware"}
 tool, data = sys.argv[1:3]
 wrong = 0
 for args in [["-J"], ["-J", "-a", "5.3", "--summary"]] + [
         ["-J", "--all", "--summary", "--cpuinfo", name] for name in glob.glob(data + "/*.cpuinfo")]:
-    rows = json.loads(subprocess.run([tool] + args, capture_output=True, check=True).stdout)
-    for row in rows if isinstance(rows, list) else [rows]:
-        live = row["source"] == "live"
-        keys = KEYS + ["kernel", "agreesWithKernel"] * live + ["summary"] * ("--summary" in args)
-        numbers = all(type(row[key]) is int for key in KEYS[7:13])
-        nulls = all(row[key] is None for key in KEYS[7:13]) and row["note"]
-        kernel = not live or (list(row["kernel"]) == KERNEL and
-                              list(row["agreesWithKernel"]) == KERNEL[:5] and
-                              row["kernel"]["smt"] in ("on", "off", "notsupported", None))
-        if list(row) != keys or not (numbers if row["counted"] else nulls) or not kernel:
+    out = subprocess.run([tool] + args, capture_output=True, check=True).stdout.decode()
+    rows = [json.loads(line) for line in out.splitlines()]
+    for row in rows:
+        live = row["input"] == "live"
+        numbers = all(type(row[key]) is int for key in COUNTS)
+        nulls = all(row[key] is None for key in COUNTS) and row["note"]
+        words = not row["counted"] or (
+            row["smt"] == SMT.get(row["smtCode"], "?") and
+            row["virtualMachine"] == VM.get(row["virtualMachineCode"],
+                                            "other" if row["endedBy"] == "cpuid" else None))
+        kernel = (list(row["kernel"]) == KERNEL and list(row["agreesWithKernel"]) == KERNEL[:5]
+                  and row["kernel"]["smt"] in ("on", "off", "notsupported", None)) if live else (
+                      row["kernel"] is None and row["agreesWithKernel"] is None
+                      and row["hostname"] is None and row["source"] == "file")
+        summary = ("--summary" in args) == (row["summary"] is not None) or not row["counted"]
+        if (list(row) != KEYS or row["schemaVersion"] != 2 or len(out.splitlines()) != len(rows)
+                or not (numbers if row["counted"] else nulls) or not words or not kernel
+                or not summary):
             print("xrprocdetect", *args, "gave", row)
             wrong += 1
 
@@ -58,9 +73,9 @@ with tempfile.TemporaryDirectory() as scratch:
     error = subprocess.run([tool, "--snapshot", tree + b"-gone"], capture_output=True).stderr
     (text + error).decode("utf-8")  # as strictly
     if (row["kernel"]["container"] != "\xff\xfe\x1b[2J\x80x" or b"\x1b" in text + error
-            or row["file"] != scratch + "/tree\x1b[31m\x9b\xe9" or b"\xc2\x9b" in text + error
+            or row["input"] != scratch + "/tree\x1b[31m\x9b\xe9" or b"\xc2\x9b" in text + error
             or b"tree\\x1b[31m\\xc2\\x9b\\xe9 (a snapshot)" not in text
             or b"tree\\x1b[31m\\xc2\\x9b\\xe9-gone:" not in error):
-        print("not UTF-8, or moves the cursor:", row["kernel"]["container"], row["file"], text, error)
+        print("not UTF-8, or moves the cursor:", row["kernel"]["container"], row["input"], text, error)
         wrong += 1
 sys.exit(1 if wrong else 0)

@@ -29,7 +29,8 @@ check --al -- --algorithm --all
 check --v -- --version-index --version
 check --s -- --snapshot --save --summary
 check --t -- --tally
-check --json -- --json --json-lines
+check --json -- --json --json-lines --json-schema
+check --json-schema = '' -- 1 2
 check --ch -- --check
 check -a '' -- default 7.0 6.1 6.0 5.3
 check --algorithm 6 -- 6.1 6.0

@@ -13,6 +13,10 @@ namespace {
 namespace dt = xrprocdetector::detail;
 using xrprocdetector::Topology;
 
+void topologyOf(dt::Machine& m) {
+  dt::readTopology(m);
+}
+
 // As nodes-caches.txt writes it.
 std::string shown(const Topology& t) {
   std::string out = "nodes:";
@@ -60,7 +64,8 @@ TEST(NodesAndCaches, OfEachTreeAsWorkedOutByHand) {
     const std::string name = block.substr(1, block.find('\n') - 1);
     dt::SavedMachine saved;
     dt::Error error;
-    ASSERT_TRUE(dt::loadSnapshot(testsupport::fixture(name), &saved, &error)) << error.message();
+    ASSERT_TRUE(dt::loadSnapshot(testsupport::fixture(name), &saved, &error, topologyOf))
+        << error.message();
     dt::ReplayMachine machine(saved);
     const Topology t = dt::readTopology(machine);
     EXPECT_EQ(shown(t), block.substr(name.size() + 2)) << name;
@@ -77,8 +82,8 @@ TEST(NodesAndCaches, OfEachTreeAsWorkedOutByHand) {
 TEST(NodesAndCaches, EachInstanceIsReadOnce) {
   dt::SavedMachine saved;
   dt::Error error;
-  ASSERT_TRUE(
-      dt::loadSnapshot(testsupport::fixture("sysroots/numa-two-node-smt-16"), &saved, &error))
+  ASSERT_TRUE(dt::loadSnapshot(testsupport::fixture("sysroots/numa-two-node-smt-16"), &saved,
+                               &error, topologyOf))
       << error.message();
   saved.affinity = xrprocdetector::CpuSet({0});
   dt::ReplayMachine tree(saved);

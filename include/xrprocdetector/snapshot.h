@@ -46,8 +46,9 @@ class Source {
     xrpd_source* s = xrpd_source_open(XRPD_SOURCE_CPUINFO, path.c_str(), nullptr, 0, &why);
     return Source(Kind::kCpuinfo, std::move(path), s, bridge::takeError(why));
   }
-  /// The snapshot or system root in `dir`, read now, its whole tree (at
-  /// most 256 MiB): what the tree becomes afterwards changes nothing.
+  /// The snapshot or system root in `dir`, read now: what the library's
+  /// readers read of it (at most 256 MiB). What the tree becomes afterwards
+  /// changes nothing.
   /// Nothing when it cannot be read or is malformed, with `error` naming the
   /// file to blame.
   static std::optional<Source> snapshot(const std::string& dir, Error& error) {

@@ -2,6 +2,7 @@
 #include <fcntl.h>
 
 #include "api/api.h"
+#include "kernel/kernel.h"
 #include "snapshot/snapshot.h"
 
 namespace xrprocdetector {
@@ -15,7 +16,7 @@ std::string readCpuinfo(const std::string& path, std::string* text) {
   const std::string shown = standardInput ? "standard input" : "'" + path + "'";
   std::string why;
   const Read r =
-      readWholeFile(AT_FDCWD, standardInput ? "/dev/stdin" : path, kCpuinfoCap, text, &why, true);
+      readWholeFile(AT_FDCWD, standardInput ? "/dev/stdin" : path, kCpuinfoCap, text, &why);
   if (r == Read::kAbsent) return "cannot open " + shown + ": No such file or directory";
   if (r == Read::kOk) return "";
   if (why.compare(0, 11, "larger than") == 0)
@@ -53,7 +54,9 @@ std::shared_ptr<SourceData> snapshotSource(const std::string& dir, Error* error)
   auto data = std::make_shared<SourceData>();
   data->kind = Source::Kind::kSnapshot;
   data->name = dir;
-  if (!loadSnapshot(dir, &data->saved, error)) return nullptr;
+  // What the topology reads is all any reader on a source reads besides
+  // the parts (the budget reads the same control groups).
+  if (!loadSnapshot(dir, &data->saved, error, [](Machine& m) { readTopology(m); })) return nullptr;
   return data;
 }
 

@@ -2,8 +2,9 @@
 // CPUID on a processor, the thread's affinity and pinning, the operating
 // system's processor counts and the VMware port, through one interface.
 //   LiveMachine       this machine;
-//   ReplayMachine     a saved machine: a snapshot or a system root, its
-//                     whole tree read once, replayed from memory;
+//   TreeMachine       a snapshot or a system root on disk, keeping what the
+//                     readers read of it when a source is made;
+//   ReplayMachine     a saved machine, replayed from memory;
 //   RecordingMachine  this machine, keeping all that was read, so that a
 //                     snapshot is what the readers read and nothing else.
 // The calling thread's machine is the innermost MachineScope's, or the live
@@ -116,11 +117,11 @@ class LiveMachine : public Machine {
   // than giving the scans a source that never ends.
   explicit LiveMachine(bool strict = false) : strict_(strict) {}
   // This machine's /proc and /sys hold regular files alone, each read as
-  // it is opened (4 system calls); a tree from elsewhere may hold anything,
-  // so each of its files is opened only once it is known to be a regular one.
+  // it is opened (4 system calls); a tree from elsewhere may hold anything
+  // (TreeMachine).
   Read file(const std::string& path, std::size_t cap, std::string* text,
             std::string* why) override {
-    return readWholeFile(AT_FDCWD, "/" + path, cap, text, why, true);
+    return readWholeFile(AT_FDCWD, "/" + path, cap, text, why);
   }
   Read entries(const std::string& path, std::vector<std::string>* names) override {
     return listFolder(AT_FDCWD, "/" + path, names);
@@ -142,12 +143,12 @@ class LiveMachine : public Machine {
 // the snapshot loader or a recording found besides.
 struct SavedMachine {
   std::string dir;  // where it was read, as messages name it; empty for a text alone
-  // The tree, by paths from its top ("" the top): each file's bytes, or why
-  // it could not be read; each folder's names; each link's target.
+  // What was read of the tree, by the paths asked for from its top ("" the
+  // top): each file's bytes, or why it could not be read; each folder's
+  // names.
   std::map<std::string, std::string> files;
   std::map<std::string, std::string> failures;
   std::map<std::string, std::vector<std::string>> folders;
-  std::map<std::string, std::string> links;
   std::optional<std::string> cpuinfo;  // proc/cpuinfo
   std::optional<long> configured;      // sysconf's counts
   std::optional<long> online;
@@ -160,22 +161,11 @@ struct SavedMachine {
   std::string holder = "the snapshot";
 };
 
-// Reads the whole tree under the directory open as `fd` into `into`'s
-// files, failures, folders and links: each file once, however many names
-// lead to it (a second name is kept as a link to the first), links as they
-// are (resolved inside the tree when a reader asks), within kTreeCap in all;
-// not what another file system mounted inside it holds (/proc under "/").
-// False with *error naming `into->dir` past the cap, or a folder that cannot
-// be listed.
-bool readTree(int fd, SavedMachine* into, Error* error);
-
-// A saved machine answering in this one's place, from memory alone. Its
-// paths are resolved inside its tree, as if it were the machine's root: ".."
-// stops at its top, and a link's absolute target starts from there. A link
-// that leads to nothing in the tree is a broken file. Its affinity starts as
-// the saved one; pinning succeeds where the set meets it, and CPUID answers
-// from the dump of the lowest processor of the thread's set. What it lacks
-// throws Missing.
+// A saved machine answering in this one's place, from memory alone: the
+// files, failures and folder listings kept under the paths the readers
+// asked for. Its affinity starts as the saved one; pinning succeeds where
+// the set meets it, and CPUID answers from the dump of the lowest processor
+// of the thread's set. What it lacks throws Missing.
 class ReplayMachine : public Machine {
  public:
   explicit ReplayMachine(const SavedMachine& saved);
@@ -184,9 +174,6 @@ class ReplayMachine : public Machine {
   std::string shown(const std::string& path) const override {
     return saved_.dir + (saved_.dir.empty() || saved_.dir.back() == '/' ? "" : "/") + path;
   }
-  // file() without a copy: *text points into the saved machine.
-  Read find(const std::string& path, std::size_t cap, const std::string** text,
-            std::string* why) const;
   CpuinfoStream cpuinfo() override;
   CpuidRegisters cpuid(std::uint32_t leaf, std::uint32_t subleaf) override;
   std::uint32_t backdoor() override;
@@ -194,9 +181,55 @@ class ReplayMachine : public Machine {
   bool affinity(CpuSet* set) override;
   bool pin(const CpuSet& set) override;
 
+ protected:
+  // The thread's set taken again from the saved affinity.
+  void restart() { current_ = saved_.affinity; }
+
  private:
   const SavedMachine& saved_;
   std::optional<CpuSet> current_;
+};
+
+// The tree of a snapshot or a system root on disk, open as `fd`, read as
+// the readers ask and kept in `saved` under the paths they asked for, so
+// that a replay of `saved` answers them alike; the rest as ReplayMachine.
+// Each path is resolved inside the tree (openInRoot); a link that leads to
+// nothing there (dangling, round in a loop, or to /dev/zero, which names
+// nothing inside the tree) is a broken file, as the kernel's files are
+// never such links. Each file is read once, however many names lead to it,
+// and all kept within kTreeCap, past which every read fails and error()
+// says so.
+class TreeMachine : public ReplayMachine {
+ public:
+  TreeMachine(int fd, dev_t device, SavedMachine& saved)
+      : ReplayMachine(saved), fd_(fd), device_(device), saved_(saved) {}
+  ~TreeMachine() override;
+  TreeMachine(const TreeMachine&) = delete;
+  TreeMachine& operator=(const TreeMachine&) = delete;
+  // The file at `path` within `cap`, read once: *text stays valid as long
+  // as this machine. Not kept in `saved`.
+  Read find(const std::string& path, std::size_t cap, const std::string** text, std::string* why);
+  Read file(const std::string& path, std::size_t cap, std::string* text, std::string* why) override;
+  Read entries(const std::string& path, std::vector<std::string>* names) override;
+  // The affinity as saved now, after the metadata that holds it.
+  using ReplayMachine::restart;
+  const Error& error() const { return error_; }
+
+ private:
+  bool hold(std::size_t bytes);
+  Read unopened(const std::string& path, std::string* why);
+  // The folder `path`, opened with O_PATH: the last one asked for is kept.
+  int folder(const std::string& path);
+
+  int fd_;
+  dev_t device_;  // the tree's file system: files on others are not its own
+  SavedMachine& saved_;
+  std::string folderPath_;
+  int folderFd_ = -2;  // -2 none yet; -1 it could not be opened, for folderErrno_
+  int folderErrno_ = 0;
+  std::map<std::pair<dev_t, ino_t>, std::string> read_;  // each file read, by its identity
+  std::size_t held_ = 0;
+  Error error_;
 };
 
 // Another machine (this one, when saving), keeping what was read through

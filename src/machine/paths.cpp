@@ -1,13 +1,17 @@
-// Reading a whole file within its cap, and listing a folder: live files by
-// their paths, or a name in a folder of a saved tree.
+// Paths under a root: opening a file or a folder resolved inside a
+// directory, reading a whole file within its cap, listing a folder.
 #include "machine/paths.h"
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <linux/openat2.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 
 namespace xrprocdetector {
@@ -23,54 +27,75 @@ const char* kindOf(mode_t mode) {
   return "not a regular file";
 }
 
-// `path` opened with `flags` under the folder `dir`, where it is a name that
-// is never followed when a link; or with AT_FDCWD, the path itself.
-int openAt(int dir, const std::string& path, int flags) {
-  return ::openat(dir, path.c_str(), flags | O_CLOEXEC | (dir == AT_FDCWD ? 0 : O_NOFOLLOW));
-}
-
-// What `path` names under `root`, opened for reading without blocking
-// when it is of `type` (S_IFREG or S_IFDIR), *st saying what it is. It is
-// found first as an O_PATH descriptor, so that nothing else, a device or a
-// FIFO, is ever opened, and then that very file is opened. -1 with errno set
-// when it cannot be (ENOTDIR when it is of another type).
-int openChecked(int root, const std::string& path, mode_t type, struct stat* st) {
-  const int at = openAt(root, path, O_PATH);
-  if (at < 0) return -1;
-  const int flags = O_RDONLY | O_NONBLOCK | (type == S_IFDIR ? O_DIRECTORY : 0);
-  struct stat again {};
+// openInRoot without openat2: one component at a time, each opened with
+// O_PATH|O_NOFOLLOW from the folder before it, a link's target put in the
+// link's place (from the root when it is absolute), ".." going back up the
+// folders entered but never above the root. The last component is opened
+// again with `flags`.
+int byComponents(int root, std::string rest, int flags) {
+  std::vector<int> entered;  // the folders entered, from the root down
+  const auto up = [&entered] { ::close(entered.back()), entered.pop_back(); };
+  int links = 0;
   int fd = -1;
-  errno = ENOTDIR;
-  if (::fstat(at, st) == 0 && (st->st_mode & S_IFMT) == type) {
-    fd = ::open(("/proc/self/fd/" + std::to_string(at)).c_str(), flags | O_CLOEXEC);
-    // Without /proc: found again, and taken only if it is still that file.
-    if (fd < 0 && errno == ENOENT && (fd = openAt(root, path, flags)) >= 0 &&
-        (::fstat(fd, &again) != 0 || again.st_ino != st->st_ino || again.st_dev != st->st_dev))
-      ::close(fd), fd = -1, errno = ESTALE;
+  for (bool last = false; !last;) {
+    const std::size_t from = rest.find_first_not_of('/');
+    const std::size_t to = rest.find('/', from);
+    std::string name = from == std::string::npos ? "." : rest.substr(from, to - from);
+    rest.erase(0, to);
+    last = rest.find_first_not_of('/') == std::string::npos;
+    if (name == ".." && !entered.empty()) up();
+    if (name == "..") name = ".";
+    const int at = entered.empty() ? root : entered.back();
+    const int next = ::openat(at, name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC);
+    if (next < 0) break;
+    entered.push_back(next);
+    char target[4096];
+    const ssize_t n = ::readlinkat(next, "", target, sizeof target);  // -1 but for a link
+    if (n > 0 || name == ".") up();  // a link gives way to its target; "." was entered
+    while (n > 0 && target[0] == '/' && !entered.empty())
+      up();
+    if (n > 0 && ++links > 40) break;  // as many links as the kernel follows in one path
+    if (n > 0) rest = std::string(target, static_cast<std::size_t>(n)) + "/" + rest;
+    last = last && (n <= 0 || (flags & O_NOFOLLOW) != 0);
+    if (last) fd = ::openat(at, name.c_str(), flags | O_NOFOLLOW | O_CLOEXEC);
   }
-  ::close(at);
+  if (links > 40) errno = ELOOP;
+  for (const int dir : entered)
+    ::close(dir);  // errno is kept: close changes it only when it fails
   return fd;
 }
 
 }  // namespace
 
+int openInRoot(int root, const std::string& path, int flags) {
+  if (root == AT_FDCWD) return ::open(path.c_str(), flags | O_CLOEXEC);
+  open_how how{static_cast<std::uint64_t>(flags | O_CLOEXEC), 0,
+               RESOLVE_IN_ROOT | RESOLVE_NO_MAGICLINKS | RESOLVE_NO_XDEV};
+  const long fd = ::syscall(SYS_openat2, root, path.c_str(), &how, sizeof how);
+  // openat2 is missing before Linux 5.6, and refused by some containers' filters.
+  if (fd < 0 && (errno == ENOSYS || errno == EPERM)) return byComponents(root, path, flags);
+  return static_cast<int>(fd);
+}
+
+std::string notRegular(mode_t mode) {
+  return std::string(kindOf(mode)) + ", not a regular file";
+}
+
 Read readWholeFile(int dirFd, const std::string& path, std::size_t cap, std::string* text,
-                   std::string* error, bool anyKind) {
+                   std::string* error) {
   text->clear();
-  struct stat st {};
   // A pipe is opened as it is, to wait for what it will be given.
-  const int fd = anyKind ? openAt(dirFd, path, O_RDONLY) : openChecked(dirFd, path, S_IFREG, &st);
-  if (fd < 0) {
-    const bool other = st.st_mode != 0 && !S_ISREG(st.st_mode);  // found, of another kind
-    if (!other && errno == ENOENT) return Read::kAbsent;
-    *error = other ? std::string(kindOf(st.st_mode)) + ", not a regular file"
-                   : std::string("cannot open: ") + std::strerror(errno);
-    return Read::kFailed;
-  }
+  const int fd = openInRoot(dirFd, path, O_RDONLY);
+  if (fd < 0 && errno == ENOENT) return Read::kAbsent;
+  if (fd < 0) *error = std::string("cannot open: ") + std::strerror(errno);
+  return fd < 0 ? Read::kFailed : readOpen(fd, 0, cap, text, error);
+}
+
+Read readOpen(int fd, std::size_t expected, std::size_t cap, std::string* text,
+              std::string* error) {
   // Straight into the text, sized by what the file says it holds (sysfs
   // files say 4096 whatever they hold; a pipe says 0), growing as needed.
   // A file that gave all it says it holds is done without another read.
-  const std::size_t expected = anyKind ? 0 : static_cast<std::size_t>(st.st_size);
   text->resize(std::min(expected > 0 ? expected + 1 : 4096, cap + 1));
   std::size_t size = 0;
   for (;;) {
@@ -103,14 +128,13 @@ std::size_t capOf(const std::string& path) {
 Read listFolder(int dirFd, const std::string& path, std::vector<std::string>* names) {
   names->clear();
   if (dirFd == -1) return Read::kAbsent;
-  struct stat st {};
-  const int fd = openChecked(dirFd, path, S_IFDIR, &st);
+  const int fd = openInRoot(dirFd, path.empty() ? "." : path, O_RDONLY | O_DIRECTORY);
   DIR* listing = fd < 0 ? nullptr : ::fdopendir(fd);
   if (listing == nullptr) {
     const int why = errno;
     if (fd >= 0) ::close(fd);
     errno = why;
-    return why == ENOENT ? Read::kAbsent : Read::kFailed;
+    return why == ENOENT || why == ENOTDIR || why == EXDEV ? Read::kAbsent : Read::kFailed;
   }
   while (const dirent* entry = ::readdir(listing)) {
     if (std::strcmp(entry->d_name, ".") != 0 && std::strcmp(entry->d_name, "..") != 0)

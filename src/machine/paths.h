@@ -1,13 +1,12 @@
-// Reading a machine's files: the live machine's, by their paths, and the
-// names in a saved tree's folders as it is read whole. A file is opened,
-// without blocking, only once it is known to be a regular file, and taken
-// only when no larger than its cap, so a FIFO, a device or a runaway file
-// among collected directories is named as broken instead of hanging or
-// exhausting the reader. Live /proc and /sys files are regular files and
-// read as usual.
+// Reading a machine's files: the live machine's, by their paths, and a
+// saved tree's, each path resolved inside the tree so that one collected
+// elsewhere is never read beyond. A file is taken only when no larger than
+// its cap, so a runaway file among collected directories is named as
+// broken instead of exhausting the reader.
 #ifndef XRPROCDETECTOR_SRC_MACHINE_PATHS_H
 #define XRPROCDETECTOR_SRC_MACHINE_PATHS_H
 
+#include <sys/types.h>
 #include <unistd.h>
 
 #include <cstddef>
@@ -56,19 +55,33 @@ std::size_t capOf(const std::string& path);
 // The kernel's own limit on processor numbers (NR_CPUS at its largest).
 constexpr unsigned kKernelMaxProcessors = 8192;
 
-// Reads `path` into *text: with `dirFd` AT_FDCWD, the path itself (a live
-// file, or one the user named); otherwise a name in the folder open as
-// `dirFd`, never followed when it is a link. Only a regular file is read,
-// and opened only once it is known to be one, unless `anyKind` (a saved
-// text the user names, which may be a pipe); never more than `cap` bytes.
-// kAbsent when there is no such file; kFailed with *error saying why
-// otherwise ("a FIFO, not a regular file", "larger than 65536 bytes", ...).
-Read readWholeFile(int dirFd, const std::string& path, std::size_t cap, std::string* text,
-                   std::string* error, bool anyKind = false);
+// Opens `path` (not empty: "." is the root itself) under the directory
+// `root` with `flags` (and O_CLOEXEC), resolved inside it as openat2's
+// RESOLVE_IN_ROOT resolves: ".." stops at the root, an absolute path or
+// link target starts from it, and no other file system mounted inside is
+// entered (EXDEV). Where openat2 is missing (ENOSYS, or EPERM from a
+// container's filter) the path is walked one component at a time to the
+// same effect, following at most 40 links (then ELOOP). With AT_FDCWD, the
+// path itself. -1 with errno set when it cannot be opened.
+int openInRoot(int root, const std::string& path, int flags);
 
-// The names in the folder `path` (as readWholeFile finds it), without "."
-// and "..". kAbsent when there is no such folder (or `dirFd` is -1),
-// kFailed with errno set when it cannot be listed.
+// "a FIFO, not a regular file", and so on for each kind of file.
+std::string notRegular(mode_t mode);
+
+// Reads the file at `path` under `dirFd` (AT_FDCWD: the path itself, a
+// live file or one the user named, which may be a pipe) into *text, never
+// more than `cap` bytes. kAbsent when there is no such file; kFailed with
+// *error saying why otherwise ("cannot open: ...", "larger than 65536
+// bytes").
+Read readWholeFile(int dirFd, const std::string& path, std::size_t cap, std::string* text,
+                   std::string* error);
+// Reads the file open as `fd`, which says it holds `expected` bytes (0 when
+// it cannot say), into *text as readWholeFile does, and closes it.
+Read readOpen(int fd, std::size_t expected, std::size_t cap, std::string* text, std::string* error);
+
+// The names in the folder `path` under `dirFd` (resolved as openInRoot
+// resolves it), without "." and "..". kAbsent when there is no such folder
+// (or `dirFd` is -1), kFailed with errno set when it cannot be listed.
 Read listFolder(int dirFd, const std::string& path, std::vector<std::string>* names);
 
 }  // namespace detail

@@ -6,78 +6,24 @@
 namespace xrprocdetector {
 namespace detail {
 
-namespace {
-
-// `path` resolved in the saved tree as the kernel resolves it inside a root
-// (openat2's RESOLVE_IN_ROOT), into *at: ".." stops at the top, and a
-// link's target takes its place (from the top when absolute). *broken says
-// whether the last name was a link's, or the links went round past 40 (as
-// many as the kernel follows; *at is then nothing). A name under what is no
-// folder ends it: nothing is there.
-void resolve(const SavedMachine& s, std::string path, std::string* at, bool* broken) {
-  at->clear();
-  *broken = false;
-  for (int links = 0; links <= 40;) {
-    path.erase(0, path.find_first_not_of('/'));
-    const std::string name = path.substr(0, path.find('/'));
-    path.erase(0, name.size());
-    const bool more = path.find_first_not_of('/') != std::string::npos;
-    const std::size_t parent = at->size();
-    if (name == "..") at->resize(at->rfind('/') == std::string::npos ? 0 : at->rfind('/'));
-    if (name.empty()) return;
-    if (name == "." || name == "..") continue;
-    *at += (parent == 0 ? "" : "/") + name;
-    const auto link = s.links.find(*at);
-    if (link == s.links.end() && more && s.folders.count(*at) == 0) {
-      *at += path;  // below what is no folder: nothing
-      return;
-    }
-    if (link == s.links.end()) continue;
-    ++links;
-    *broken = *broken || !more;
-    at->resize(link->second[0] == '/' ? 0 : parent);
-    path = link->second + "/" + path;
-  }
-  *at = "/";  // no such path
-  *broken = true;
-}
-
-}  // namespace
-
 ReplayMachine::ReplayMachine(const SavedMachine& saved) : saved_(saved), current_(saved.affinity) {}
-
-Read ReplayMachine::find(const std::string& path, std::size_t cap, const std::string** text,
-                         std::string* why) const {
-  std::string at;
-  bool broken = false;
-  resolve(saved_, path, &at, &broken);
-  const auto file = saved_.files.find(at);
-  const auto failed = saved_.failures.find(at);
-  if (file != saved_.files.end() && file->second.size() <= cap) {
-    *text = &file->second;
-    return Read::kOk;
-  }
-  *why = file != saved_.files.end()        ? largerThan(cap)
-         : failed != saved_.failures.end() ? failed->second
-         : saved_.folders.count(at) != 0   ? "a directory, not a regular file"
-         : broken                          ? "a link to nothing in " + saved_.holder
-                                           : "";
-  return why->empty() ? Read::kAbsent : Read::kFailed;
-}
 
 Read ReplayMachine::file(const std::string& path, std::size_t cap, std::string* text,
                          std::string* why) {
-  const std::string* found = nullptr;
-  const Read r = find(path, cap, &found, why);
-  *text = r == Read::kOk ? *found : "";
-  return r;
+  text->clear();
+  const auto file = saved_.files.find(path);
+  const auto failed = saved_.failures.find(path);
+  if (file != saved_.files.end() && file->second.size() <= cap) *text = file->second;
+  *why = file != saved_.files.end()        ? (file->second.size() <= cap ? "" : largerThan(cap))
+         : failed != saved_.failures.end() ? failed->second
+                                           : "";
+  return file != saved_.files.end() && why->empty() ? Read::kOk
+         : why->empty()                             ? Read::kAbsent
+                                                    : Read::kFailed;
 }
 
 Read ReplayMachine::entries(const std::string& path, std::vector<std::string>* names) {
-  std::string at;
-  bool broken = false;
-  resolve(saved_, path, &at, &broken);
-  const auto folder = saved_.folders.find(at);
+  const auto folder = saved_.folders.find(path);
   *names = folder != saved_.folders.end() ? folder->second : std::vector<std::string>();
   return folder != saved_.folders.end() ? Read::kOk : Read::kAbsent;
 }

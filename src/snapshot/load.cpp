@@ -1,6 +1,6 @@
 // Loading a snapshot directory, or a system root recorded for other
-// topology tools: its whole tree read into memory once, then its parts read
-// from there through the system-root reader.
+// topology tools: its parts, then what the readers read of its tree, kept
+// in memory so that the tree may change or go.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -31,7 +31,7 @@ Read readPart(Machine& root, const std::string& path, std::size_t cap, std::stri
 // other name ("pu0.txt", "info") is no dump; a dump whose number is not in
 // canonical form or above the limit is refused. One file under several
 // names is parsed once.
-bool loadDumps(ReplayMachine& root, const std::string& folder, SavedMachine* s, Error* error) {
+bool loadDumps(TreeMachine& root, const std::string& folder, SavedMachine* s, Error* error) {
   std::vector<std::string> names;
   const Read listed = root.entries(folder, &names);
   if (listed == Read::kFailed) fail(error, root.shown(folder), std::strerror(errno));
@@ -84,7 +84,7 @@ bool loadLists(Machine& tree, SavedMachine* s, Error* error) {
   return false;
 }
 
-bool load(const std::string& dir, SavedMachine* s, Error* error) {
+bool load(const std::string& dir, SavedMachine* s, Error* error, void (*readers)(Machine&)) {
   *s = SavedMachine();
   s->dir = dir;
   struct stat st;
@@ -106,9 +106,8 @@ bool load(const std::string& dir, SavedMachine* s, Error* error) {
                     " holds none of proc/cpuinfo, sys/devices/system/cpu, cpuid/ and "
                     "xrprocdetect.json");
   }
-  // Only then read whole: what is not a snapshot (/proc, a home folder) never is.
-  if (!readTree(fd.get(), s, error)) return false;
-  ReplayMachine root(*s);  // its files alone
+  // Only then read: what is not a snapshot (/proc, a home folder) never is.
+  TreeMachine root(fd.get(), st.st_dev, *s);
   std::string text;
   Read r = readPart(root, "proc/cpuinfo", kCpuinfoCap, &text, error);
   if (r == Read::kFailed) return false;
@@ -119,14 +118,23 @@ bool load(const std::string& dir, SavedMachine* s, Error* error) {
   if (metadata ? !loadMetadata(root, text, s, error) : !loadLists(root, s, error)) return false;
   // A CPUID folder given by itself (as its gathering tool writes it) is a
   // snapshot of CPUID alone.
-  return loadDumps(root, cpuidAlone && !metadata ? "" : "cpuid", s, error);
+  if (!loadDumps(root, cpuidAlone && !metadata ? "" : "cpuid", s, error)) return false;
+  // The parts are held; the readers' own files now, and nothing else.
+  s->files.clear(), s->failures.clear(), s->folders.clear();
+  root.restart();
+  try {
+    if (readers != nullptr) readers(root);
+  } catch (const Missing&) {
+  }
+  return root.error().empty() || (*error = root.error(), false);
 }
 
 }  // namespace
 
-bool loadSnapshot(const std::string& dir, SavedMachine* snapshot, Error* error) noexcept {
+bool loadSnapshot(const std::string& dir, SavedMachine* snapshot, Error* error,
+                  void (*readers)(Machine&)) noexcept {
   try {
-    return load(dir, snapshot, error);
+    return load(dir, snapshot, error, readers);
   } catch (const std::bad_alloc&) {
     return fail(error, dir, "out of memory");
   }

@@ -19,11 +19,16 @@
 namespace xrprocdetector {
 namespace detail {
 
-// Reads the snapshot in `dir`. Returns false, with *error naming the file
-// (and the line) that is to blame, when a part that is there cannot be read
-// or is malformed, when the directory holds no part of a snapshot, or when
-// it is a save that did not finish. Never throws.
-bool loadSnapshot(const std::string& dir, SavedMachine* saved, Error* error) noexcept;
+// Reads the snapshot in `dir`: its /proc/cpuinfo, metadata (or the
+// processor lists) and CPUID dumps, then the files and folders that
+// `readers` read on it, and nothing else, so that a replay of *saved
+// answers those readers as the tree did. Returns false, with *error naming
+// the file (and the line) that is to blame, when a part that is there
+// cannot be read or is malformed, when the directory holds no part of a
+// snapshot, when it is a save that did not finish, or when the readers
+// would hold more than any snapshot. Never throws.
+bool loadSnapshot(const std::string& dir, SavedMachine* saved, Error* error,
+                  void (*readers)(Machine&) = nullptr) noexcept;
 
 // Writes into `dir` (new, or an empty directory; never a symbolic link)
 // what `recording` read; `savedBy` goes into the metadata. A save that

@@ -85,9 +85,13 @@ for v1 in "0 100000" "-2 100000" "1e5 100000" "50000 0" "50000 1000001"; do
 done
 bad too-big 'head -c 4194305 /dev/zero | tr "\0" "#" >cpuid/pu1' \
   "cannot read the snapshot: s/cpuid/pu1: larger than 4 MiB"
-# A tree of more than any snapshot holds (256 MiB in all, of files within
-# their cap, 60 MiB of holes each) is refused whole, named.
-bad too-much 'mkdir -p sys && for n in 1 2 3 4 5; do truncate -s 60M sys/big$n; done' \
+# A tree whose files the readers read, each within its cap, that comes to
+# more than any snapshot holds (256 MiB in all: 1,024 processors of 64 KiB
+# topology files, holes) is refused whole, named.
+bad too-much 'mkdir -p sys/devices/system/cpu && cd sys/devices/system/cpu && echo 0-1023 >online &&
+  seq -f cpu%g/topology 0 1023 | xargs mkdir -p && for f in physical_package_id core_id die_id \
+  thread_siblings_list core_siblings_list core_cpus_list package_cpus_list; do
+  seq -f "cpu%g/topology/$f" 0 1023 | xargs truncate -s 64K; done' \
   "cannot read the snapshot: s: larger than 256 MiB in all, more than any snapshot"
 bad not-a-snapshot 'rm -rf ./* && mkdir other' "cannot read the snapshot: not a snapshot: s holds none"
 

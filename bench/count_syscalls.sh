@@ -5,8 +5,9 @@
 #   hwloc        hwloc_topology_load() with HWLOC_FSROOT=DIR (--once=hwloc)
 #   xrprocdetect xrprocdetect --snapshot DIR --cpus
 #   lstopo       lstopo-no-graphics -i DIR --if fsroot
-# For each: all its system calls, the files it opened (open, openat and
-# openat2 that succeeded) and calls per file opened. The first two are net
+# For each: all its system calls, the files and folders it opened (open,
+# openat and openat2 that succeeded), its reads (read, pread64), and the
+# calls per opening and per read. The first two are net
 # of the same program reading nothing (--once=none), so that they count the
 # read alone; the last two are whole processes. Run by hand:
 #
@@ -35,28 +36,30 @@ fi
 work=$(mktemp -d "${TMPDIR:-/tmp}/xrprocdetector-strace-XXXXXX")
 trap 'rm -rf "$work"' EXIT
 
-# "CALLS OPENED" of one command, from strace's summary: the total, and the
-# opening calls less their errors.
+# "CALLS OPENED READS" of one command, from strace's summary: the total,
+# the opening calls less their errors, and the reads.
 count() {
   strace -f -c -o "$work/summary" "$@" >/dev/null 2>&1
   awk '$NF == "total" { calls = $4 }
        $NF ~ /^(open|openat|openat2)$/ { opened += $4 - (NF == 6 ? $5 : 0) }
-       END { print calls, opened + 0 }' "$work/summary"
+       $NF ~ /^(read|pread64)$/ { reads += $4 }
+       END { print calls, opened + 0, reads + 0 }' "$work/summary"
 }
 
 row() {
-  awk -v name="$1" -v calls="$2" -v opened="$3" 'BEGIN {
-    printf "%-14s %10d %10d %12.2f\n", name, calls, opened, (opened > 0 ? calls / opened : 0) }'
+  awk -v name="$1" -v calls="$2" -v opened="$3" -v reads="$4" 'BEGIN {
+    printf "%-14s %8d %8d %8d %12.2f %10.2f\n", name, calls, opened, reads,
+           (opened > 0 ? calls / opened : 0), (reads > 0 ? calls / reads : 0) }'
 }
 
-read -r none_calls none_opened < <(count "$bench" --once=none "$dir")
-printf '%-14s %10s %10s %12s\n' "reader" "calls" "files" "calls/file"
+read -r none_calls none_opened none_reads < <(count "$bench" --once=none "$dir")
+printf '%-14s %8s %8s %8s %12s %10s\n' reader calls opened reads calls/opened calls/read
 for how in xrprocdetector hwloc; do
-  read -r calls opened < <(count "$bench" --once=$how "$dir")
+  read -r calls opened reads < <(count "$bench" --once=$how "$dir")
   row "$([[ $how == hwloc ]] && echo hwloc || echo "topology()")" \
-    $((calls - none_calls)) $((opened - none_opened))
+    $((calls - none_calls)) $((opened - none_opened)) $((reads - none_reads))
 done
-read -r calls opened < <(count "$tool" --snapshot "$dir" --cpus)
-row xrprocdetect "$calls" "$opened"
-read -r calls opened < <(count lstopo-no-graphics -i "$dir" --if fsroot)
-row lstopo "$calls" "$opened"
+read -r calls opened reads < <(count "$tool" --snapshot "$dir" --cpus)
+row xrprocdetect "$calls" "$opened" "$reads"
+read -r calls opened reads < <(count lstopo-no-graphics -i "$dir" --if fsroot)
+row lstopo "$calls" "$opened" "$reads"

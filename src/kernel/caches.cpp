@@ -232,10 +232,14 @@ void readCaches(SystemRoot& root, Topology& t) {
   };
   std::stable_sort(t.caches.begin(), t.caches.end(),
                    [&order](const Cache& a, const Cache& b) { return order(a) < order(b); });
-  for (Processor& p : t.processors) {
-    for (std::size_t i = 0; i < t.caches.size(); ++i) {
-      if (t.caches[i].type != CacheType::kInstruction && t.caches[i].processors.contains(p.cpu))
-        p.lastLevelCache = static_cast<std::int32_t>(i);
+  // Each processor's last-level cache: the last in that order holding it.
+  // The processors are in increasing order of number.
+  for (std::size_t i = 0; i < t.caches.size(); ++i) {
+    for (const unsigned cpu : t.caches[i].processors) {
+      const auto p = std::lower_bound(t.processors.begin(), t.processors.end(), cpu,
+                                      [](const Processor& q, unsigned n) { return q.cpu < n; });
+      if (p != t.processors.end() && p->cpu == cpu && t.caches[i].type != CacheType::kInstruction)
+        p->lastLevelCache = static_cast<std::int32_t>(i);
     }
   }
 }

@@ -16,14 +16,6 @@ bool contains(const std::string& text, const char* word) {
   return text.find(word) != std::string::npos;
 }
 
-// The first flags line of a /proc/cpuinfo text, between blanks; "" where
-// there is none.
-std::string flagsLine(const std::string& cpuinfo) {
-  const std::size_t at = ("\n" + cpuinfo).find("\nflags");
-  if (at == std::string::npos) return "";
-  return " " + cpuinfo.substr(at, cpuinfo.find('\n', at) - at) + " ";
-}
-
 // The vendors of the virtual PCI devices that hypervisors give their
 // guests, by PCI vendor id; virtio's (0x1af4) names no one hypervisor.
 const char* pciVendor(unsigned long vendor) {
@@ -105,17 +97,17 @@ const char* dmiVendor(const std::string& dmi) {
 // that name it, or in its PCI devices (a guest whose flags lack the
 // hypervisor flag still has them). "None" needs a flags line without the
 // flag and no other hint; with neither flags nor hints nothing is known.
-void hypervisor(SystemRoot& root, Topology& t) {
-  std::string vendor, product, type, cpuinfo;
+void hypervisor(SystemRoot& root, const std::string& cpuinfo, Topology& t) {
+  std::string vendor, product, type;
   std::vector<std::string> xen;
   root.text("sys/class/dmi/id/sys_vendor", &vendor);
   root.text("sys/class/dmi/id/product_name", &product);
   root.text("sys/hypervisor/type", &type);
-  root.text("proc/cpuinfo", &cpuinfo);
   const bool xenfs = root.entries("proc/xen", &xen) == Read::kOk;
   const char* dmi = dmiVendor(vendor + "\n" + product);
   const char* pci = pciHint(root);
-  const std::string flags = flagsLine(cpuinfo);
+  std::string flags = firstValue(cpuinfo, "flags");  // between blanks, or "" with none
+  if (!flags.empty()) flags = " " + flags + " ";
   const bool flag = contains(flags, " hypervisor ");
   const bool isXen = xenfs || type == "xen";
   const char* named = cpuidVendor(root);
@@ -169,8 +161,26 @@ std::optional<std::string> container(SystemRoot& root) {
 
 }  // namespace
 
-void readVirtualization(SystemRoot& root, Topology& t) {
-  hypervisor(root, t);
+std::string firstValue(const std::string& cpuinfo, const char* key) {
+  const std::size_t length = std::strlen(key);
+  for (std::size_t at = 0; at < cpuinfo.size();) {
+    const std::size_t end = std::min(cpuinfo.find('\n', at), cpuinfo.size());
+    const std::size_t colon = cpuinfo.compare(at, length, key) == 0 &&
+                                      cpuinfo.find_first_not_of(" \t", at + length) < end
+                                  ? cpuinfo.find_first_not_of(" \t", at + length)
+                                  : end;
+    if (colon < end && cpuinfo[colon] == ':') {
+      const std::size_t from = cpuinfo.find_first_not_of(" \t", colon + 1);
+      const std::size_t last = cpuinfo.find_last_not_of(" \t", end - 1);
+      return from < end ? cpuinfo.substr(from, last + 1 - from) : "";
+    }
+    at = end + 1;
+  }
+  return "";
+}
+
+void readVirtualization(SystemRoot& root, const std::string& cpuinfo, Topology& t) {
+  hypervisor(root, cpuinfo, t);
   t.container = container(root);
 }
 

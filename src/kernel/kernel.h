@@ -85,7 +85,11 @@ void readNumaNodes(SystemRoot& root, Topology& t);
 void readCaches(SystemRoot& root, Topology& t);
 
 // The hypervisor and the container, into `t`.
-void readVirtualization(SystemRoot& root, Topology& t);
+void readVirtualization(SystemRoot& root, const std::string& cpuinfo, Topology& t);
+// The value of the first line of a /proc/cpuinfo text that starts with
+// `key` ("flags", "model name"), without the blanks around it; "" where
+// there is none.
+std::string firstValue(const std::string& cpuinfo, const char* key);
 
 }  // namespace detail
 }  // namespace xrprocdetector

@@ -159,19 +159,13 @@ void processors(SystemRoot& cpus, Topology& t) {
 
 // What names the machine: its host name, kernel release, processor model
 // and vendor (the first processor's, as lscpu shows them).
-void identity(SystemRoot& root, Topology& t) {
+void identity(SystemRoot& root, const std::string& cpuinfo, Topology& t) {
   std::string text;
   if (root.text("proc/sys/kernel/hostname", &text) == Read::kOk) t.hostname = text;
   if (root.text("proc/sys/kernel/osrelease", &text) == Read::kOk) t.kernelRelease = text;
-  if (root.text("proc/cpuinfo", &text) != Read::kOk) return;
-  text.insert(0, "\n");
-  for (const auto& [key, into] :
-       {std::pair{"\nmodel name", &t.cpuModel}, {"\nvendor_id", &t.cpuVendor}}) {
-    const std::size_t at = text.find(key);
-    const std::size_t from =
-        std::min(text.find_first_not_of(" \t:", text.find(':', at)), text.size());
-    if (at != std::string::npos) *into = text.substr(from, text.find('\n', from) - from);
-  }
+  if (cpuinfo.empty()) return;
+  if (!(text = firstValue(cpuinfo, "model name")).empty()) t.cpuModel = text;
+  if (!(text = firstValue(cpuinfo, "vendor_id")).empty()) t.cpuVendor = text;
 }
 
 }  // namespace
@@ -213,8 +207,10 @@ Topology readTopology(Machine& machine) {
     }
   }
   t.smt = smtState(cpus, maxThreads);
-  readVirtualization(root, t);
-  identity(root, t);
+  std::string cpuinfo;  // read once, for the hypervisor flag and the model
+  root.text("proc/cpuinfo", &cpuinfo);
+  readVirtualization(root, cpuinfo, t);
+  identity(root, cpuinfo, t);
   t.error = !cpus.error().empty() ? cpus.error() : root.error();
   return t;
 }

@@ -97,6 +97,7 @@ void fromFolders(SystemRoot& cpus, const CpuSet& online, std::vector<Cache>* cac
   std::map<unsigned, std::vector<std::size_t>> holding;  // by processor, the instances holding it
   std::vector<std::size_t> from;                         // by instance, its folder's number
   Kinds kinds;
+  caches->reserve(4 * online.count());  // each a set of 1 KiB: moved no more than once
   for (const unsigned cpu : online) {
     const std::size_t before = caches->size();
     const std::vector<std::size_t>& held = holding[cpu];

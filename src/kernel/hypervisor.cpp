@@ -165,10 +165,10 @@ std::string firstValue(const std::string& cpuinfo, const char* key) {
   const std::size_t length = std::strlen(key);
   for (std::size_t at = 0; at < cpuinfo.size();) {
     const std::size_t end = std::min(cpuinfo.find('\n', at), cpuinfo.size());
-    const std::size_t colon = cpuinfo.compare(at, length, key) == 0 &&
-                                      cpuinfo.find_first_not_of(" \t", at + length) < end
-                                  ? cpuinfo.find_first_not_of(" \t", at + length)
-                                  : end;
+    const std::size_t colon =
+        cpuinfo.compare(at, length, key) == 0 && cpuinfo.find_first_not_of(" \t", at + length) < end
+            ? cpuinfo.find_first_not_of(" \t", at + length)
+            : end;
     if (colon < end && cpuinfo[colon] == ':') {
       const std::size_t from = cpuinfo.find_first_not_of(" \t", colon + 1);
       const std::size_t last = cpuinfo.find_last_not_of(" \t", end - 1);

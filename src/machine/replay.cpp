@@ -11,6 +11,9 @@ ReplayMachine::ReplayMachine(const SavedMachine& saved) : saved_(saved), current
 Read ReplayMachine::file(const std::string& path, std::size_t cap, std::string* text,
                          std::string* why) {
   text->clear();
+  // The saved /proc/cpuinfo, kept once, is the file's text too.
+  if (path == "proc/cpuinfo" && saved_.cpuinfo && saved_.files.count(path) == 0)
+    return *text = *saved_.cpuinfo, Read::kOk;
   const auto file = saved_.files.find(path);
   const auto failed = saved_.failures.find(path);
   if (file != saved_.files.end() && file->second.size() <= cap) *text = file->second;

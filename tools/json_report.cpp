@@ -141,7 +141,8 @@ JsonObject header(const Input& in) {
 // beside them. Schema 1: the detectors' names and codes, the input as
 // source and file, "kernel" and "agreesWithKernel" only with a kernel row
 // and "summary" only `withSummary`.
-std::string jsonRow(const Detection& row, const Input& in, bool withSummary, int schema) {
+std::string jsonRow(const Detection& row, const Input& in, bool withSummary, int schema,
+                    const std::string& kernel) {
   JsonObject o = schema == 2 ? header(in) : JsonObject();
   if (schema == 1) o.number("schemaVersion", 1);
   o.string("generation", generationName(row.generation));
@@ -174,7 +175,7 @@ std::string jsonRow(const Detection& row, const Input& in, bool withSummary, int
   if (schema == 2 || withSummary)
     o.stringOrNull("summary", withSummary && row.counted, row.summary);
   if (schema == 2 || in.kernel) {
-    o.add("kernel", in.kernel ? kernelObject(*in.kernel, *in.topology) : "null");
+    o.add("kernel", kernel);
     o.add("agreesWithKernel", in.kernel ? agreement(row, *in.kernel) : "null");
   }
   return o.done();
@@ -203,12 +204,15 @@ std::string budgetLine(const Budget& b, bool json, const Input* in) {
 
 std::string json(const std::vector<Detection>& rows, const Input& source, bool asArray,
                  bool withSummary, bool lines, int schema) {
+  // The kernel row, the largest part of each row, made once for them all.
+  const std::string kernel =
+      source.kernel ? kernelObject(*source.kernel, *source.topology) : "null";
   std::string out;
   for (const Detection& row : rows)
     out += (out.empty()            ? ""
             : lines || schema == 2 ? "\n"
                                    : ", ") +
-           jsonRow(row, source, withSummary, schema);
+           jsonRow(row, source, withSummary, schema, kernel);
   if (schema == 1 && !lines && asArray) return "[" + out + "]\n";
   return out.empty() && schema == 1 && !lines ? "null\n" : out + (out.empty() ? "" : "\n");
 }

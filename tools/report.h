@@ -99,7 +99,9 @@ inline std::string quoted(const std::string& text) {
 class JsonObject {
  public:
   void add(const char* key, const std::string& rawValue) {
-    text_ += std::string(text_.empty() ? "\"" : ", \"") + key + "\": " + rawValue;
+    // Appended part by part: a value may be a whole kernel row.
+    ((text_ += text_.empty() ? "\"" : ", \"") += key) += "\": ";
+    text_ += rawValue;
   }
   void number(const char* key, long long value) { add(key, std::to_string(value)); }
   void string(const char* key, const std::string& value) { add(key, quoted(value)); }

@@ -8,6 +8,7 @@
 #include <xrprocdetector/detect.h>
 
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "machine/machine.h"
@@ -20,7 +21,8 @@ struct SourceData {
   Source::Kind kind = Source::Kind::kLive;
   std::string name;
   Error error;
-  SavedMachine saved;  // a saved /proc/cpuinfo text, or a snapshot
+  SavedMachine saved;                // a saved /proc/cpuinfo text, or a snapshot
+  std::optional<Topology> topology;  // a snapshot's, read when it was made
 
   // The machine to read for one call: this one, strict about an unreadable
   // /proc/cpuinfo, or the saved one.

@@ -222,6 +222,7 @@ Detection detect(Generation generation, const SourceData& source, const DetectOp
 
 Topology topologyOf(const SourceData& source) {
   if (source.kind == Source::Kind::kCpuinfo) return {};
+  if (source.topology) return *source.topology;
   const std::unique_ptr<Machine> m = source.machine();
   return readTopology(*m);
 }

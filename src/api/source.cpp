@@ -55,8 +55,10 @@ std::shared_ptr<SourceData> snapshotSource(const std::string& dir, Error* error)
   data->kind = Source::Kind::kSnapshot;
   data->name = dir;
   // What the topology reads is all any reader on a source reads besides
-  // the parts (the budget reads the same control groups).
-  if (!loadSnapshot(dir, &data->saved, error, [](Machine& m) { readTopology(m); })) return nullptr;
+  // the parts (the budget reads the same control groups); the topology so
+  // read is the source's.
+  const auto readers = [&data](Machine& m) { data->topology = readTopology(m); };
+  if (!loadSnapshot(dir, &data->saved, error, readers)) return nullptr;
   return data;
 }
 

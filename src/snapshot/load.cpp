@@ -84,7 +84,8 @@ bool loadLists(Machine& tree, SavedMachine* s, Error* error) {
   return false;
 }
 
-bool load(const std::string& dir, SavedMachine* s, Error* error, void (*readers)(Machine&)) {
+bool load(const std::string& dir, SavedMachine* s, Error* error,
+          const std::function<void(Machine&)>& readers) {
   *s = SavedMachine();
   s->dir = dir;
   struct stat st;
@@ -125,7 +126,7 @@ bool load(const std::string& dir, SavedMachine* s, Error* error, void (*readers)
   if (metadata) s->files["xrprocdetect.json"] = std::move(text);
   root.restart();
   try {
-    if (readers != nullptr) readers(root);
+    if (readers) readers(root);
   } catch (const Missing&) {
   }
   return root.error().empty() || (*error = root.error(), false);
@@ -134,7 +135,7 @@ bool load(const std::string& dir, SavedMachine* s, Error* error, void (*readers)
 }  // namespace
 
 bool loadSnapshot(const std::string& dir, SavedMachine* snapshot, Error* error,
-                  void (*readers)(Machine&)) noexcept {
+                  const std::function<void(Machine&)>& readers) noexcept {
   try {
     return load(dir, snapshot, error, readers);
   } catch (const std::bad_alloc&) {

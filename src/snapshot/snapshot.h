@@ -12,6 +12,7 @@
 #ifndef XRPROCDETECTOR_SRC_SNAPSHOT_SNAPSHOT_H
 #define XRPROCDETECTOR_SRC_SNAPSHOT_SNAPSHOT_H
 
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -30,7 +31,7 @@ namespace detail {
 // snapshot, when it is a save that did not finish, or when the readers
 // would hold more than any snapshot. Never throws.
 bool loadSnapshot(const std::string& dir, SavedMachine* saved, Error* error,
-                  void (*readers)(Machine&) = nullptr) noexcept;
+                  const std::function<void(Machine&)>& readers = {}) noexcept;
 
 // Writes into `dir` (new, or an empty directory; never a symbolic link)
 // what `recording` read; `savedBy` goes into the metadata. A save that

@@ -201,6 +201,41 @@ TEST(Budget, OnEverySystemRootAsTheTopology) {
   EXPECT_GE(compared, 40);
 }
 
+// A set the files do not tell is unknown, never "no processors": without
+// sys/ (a tree of CPUID dumps alone), with an empty online list, and for a
+// saved /proc/cpuinfo alone, every set; on an old kernel with neither a
+// present nor a possible list (online from the cpuN folders), the present
+// and offline ones. Through C, what is not known counts -1, never 0.
+TEST(Topology, SetsTheFilesDoNotTellAreUnknown) {
+  const std::uint32_t all = XRPD_SET_ONLINE | XRPD_SET_OFFLINE | XRPD_SET_USABLE | XRPD_SET_PRESENT;
+  const std::string data = XRPROCDETECTOR_TEST_DATA;
+  const std::pair<std::optional<Source>, std::uint32_t> cases[] = {
+      {Source::snapshot(data + "/snapshots/cpuid-only"), all},
+      {Source::snapshot(data + "/sysroots/empty-online-list"), all},
+      {Source::cpuinfoText(kTwoCores), all},
+      {Source::snapshot(data + "/sysroots/old-kernel-core-siblings-4"),
+       XRPD_SET_PRESENT | XRPD_SET_OFFLINE},
+      {Source::snapshot(data + "/sysroots/offline-7"), 0}};
+  for (const auto& [source, unknown] : cases) {
+    ASSERT_TRUE(source);
+    const Topology t = topology(*source);
+    EXPECT_EQ(t.unknownSets, unknown) << source->name();
+    for (const TopologySet set :
+         {TopologySet::kOnline, TopologySet::kOffline, TopologySet::kUsable, TopologySet::kPresent})
+      EXPECT_EQ(t.known(set), (unknown & static_cast<std::uint32_t>(set)) == 0) << source->name();
+    xrpd_topology* h = xrpd_topology_read(source->handle(), nullptr);
+    xrpd_topology_info i{};
+    i.size = sizeof i;
+    ASSERT_EQ(xrpd_topology_get(h, &i), 0);
+    xrpd_topology_close(h);
+    EXPECT_EQ(i.unknown_sets, unknown) << source->name();
+    EXPECT_TRUE(unknown != all || (i.packages == -1 && i.cores == -1 && i.smt == -1 &&
+                                   i.effective_processors == -1 && i.processors == 0))
+        << source->name();
+  }
+  EXPECT_EQ(topology(*cases[3].first).online.toList(), "0-3");
+}
+
 TEST(Parsers, MasksAndJsonStrings) {
   namespace dt = xrprocdetector::detail;
   CpuSet cpus;

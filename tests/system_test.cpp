@@ -1,6 +1,8 @@
 // The real library on this machine: the CPUID estimate with the real
 // instructions, affinity calls and VMware probe, the factory's detector, and
 // scans of a /proc/cpuinfo that cannot be opened.
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 
@@ -161,6 +163,40 @@ TEST(RealMachine, ABudgetFollowsItsProcessIntoAForkedChild) {
   int status = -1;
   waitpid(child, &status, 0);
   ::rmdir(group.c_str());
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+}
+
+// With cgroup v2, a group's cpu.max appears only once its parent enables
+// the cpu controller, which systemd does when a unit is first given a
+// quota: a budget opened before finds it within 50 ms. Played in a child's
+// own mount namespace: a v2 hierarchy of plain files on a tmpfs, named by
+// files mounted over the child's /proc/self/mountinfo and cgroup.
+TEST(RealMachine, ABudgetFindsACpuMaxThatAppearsLater) {
+  const pid_t child = fork();
+  if (child == 0) {
+    const auto write = [](const std::string& file, const std::string& text) {
+      return static_cast<bool>(std::ofstream(file) << text);
+    };
+    if (::unshare(CLONE_NEWNS) != 0 ||
+        ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        ::mount("none", "/tmp", "tmpfs", 0, nullptr) != 0 || ::mkdir("/tmp/v2", 0755) != 0 ||
+        ::mkdir("/tmp/v2/unit", 0755) != 0 ||
+        !write("/tmp/mountinfo", "30 24 0:30 / /tmp/v2 rw - cgroup2 cgroup2 rw\n") ||
+        !write("/tmp/cgroup", "0::/unit\n") ||
+        ::mount("/tmp/mountinfo", "/proc/self/mountinfo", nullptr, MS_BIND, nullptr) != 0 ||
+        ::mount("/tmp/cgroup", "/proc/self/cgroup", nullptr, MS_BIND, nullptr) != 0)
+      _exit(77);
+    auto budget = xrprocdetector::ProcessorBudget::open();
+    const xrprocdetector::Budget before = budget ? budget->read() : xrprocdetector::Budget();
+    write("/tmp/v2/unit/cpu.max", "50000 100000\n");
+    usleep(60 * 1000);
+    const xrprocdetector::Budget after = budget ? budget->read() : xrprocdetector::Budget();
+    _exit(budget && !before.cpuQuota && after.cpuQuota == 0.5 && after.error.empty() ? 0 : 1);
+  }
+  int status = -1;
+  waitpid(child, &status, 0);
+  if (WIFEXITED(status) && WEXITSTATUS(status) == 77)
+    GTEST_SKIP() << "needs root and a mount namespace of its own (unshare)";
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
 }
 

@@ -87,9 +87,9 @@ void addPlacement(JsonObject& kernel, const Topology& t) {
 // The topology's sets and names, as keys of the kernel object.
 void addSets(JsonObject& kernel, const Topology& t) {
   const auto text = [](const std::string& v) { return quoted(v); };
-  kernel.string("onlineCpus", t.online.toList());
-  kernel.string("offlineCpus", t.offline.toList());
-  kernel.string("usableCpus", t.usable.toList());
+  kernel.stringOrNull("onlineCpus", t.known(TopologySet::kOnline), t.online.toList());
+  kernel.stringOrNull("offlineCpus", t.known(TopologySet::kOffline), t.offline.toList());
+  kernel.stringOrNull("usableCpus", t.known(TopologySet::kUsable), t.usable.toList());
   kernel.maybe("hypervisorVendor", t.hypervisorVendor, text);
   kernel.maybe("virtualizationType", t.virtualizationType, text);
   kernel.maybe("container", t.container, text);

@@ -256,7 +256,7 @@ int xrpd_topology_get(const xrpd_topology* topology, xrpd_topology_info* out) {
                  t.hypervisor ? static_cast<std::int32_t>(*t.hypervisor) : -1,
                  text(t.hypervisorVendor), text(t.virtualizationType), text(t.container),
                  topology->error.empty() ? nullptr : topology->error.c_str(), t.present.c(),
-                 t.missing.empty() ? nullptr : t.missing.c_str()})
+                 t.missing.empty() ? nullptr : t.missing.c_str(), t.unknownSets})
              ? 0
              : -1;
 }

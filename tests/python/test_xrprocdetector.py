@@ -15,7 +15,9 @@ TREES = sorted(os.listdir(SYSROOTS))
 
 
 def cpus(text):
-    """The set of a kernel list such as 0-3,8."""
+    """The set of a kernel list such as 0-3,8; None for null, a set not known."""
+    if text is None:
+        return None
     ranges = [part.split("-") for part in text.split(",") if part]
     return {cpu for r in ranges for cpu in range(int(r[0]), int(r[-1]) + 1)}
 
@@ -53,6 +55,13 @@ def test_trees_as_the_cpp_api_reads_them(tree):
         if d.counted:
             assert (d.packages, d.cores, d.logical_processors) == \
                 (row["physicalCount"], row["coreCount"], row["logicalCount"])
+
+
+def test_sets_the_files_do_not_tell_are_none():
+    old = xr.topology(snapshot=os.path.join(SYSROOTS, "old-kernel-core-siblings-4"))
+    assert (old.online, old.offline, old.usable) == ({0, 1, 2, 3}, None, {0, 1, 2, 3})
+    empty = xr.topology(snapshot=os.path.join(SYSROOTS, "empty-online-list"))
+    assert (empty.online, empty.offline, empty.usable) == (None, None, None)
 
 
 def test_bad_input_raises_and_leaks_nothing(tmp_path):

@@ -29,19 +29,7 @@ const char kTwoCores[] =
     "processor\t: 0\nphysical id\t: 0\ncore id\t\t: 0\ncpu cores\t: 2\n\n"
     "processor\t: 1\nphysical id\t: 0\ncore id\t\t: 1\ncpu cores\t: 2\n\n";
 
-// A scratch directory, removed with all it holds.
-struct Scratch {
-  Scratch() : path(fs::temp_directory_path() / ("api-test-" + std::to_string(getpid()))) {
-    fs::remove_all(path);
-    fs::create_directories(path);
-  }
-  ~Scratch() { fs::remove_all(path); }
-  void write(const std::string& name, const std::string& text) const {
-    fs::create_directories((path / name).parent_path());
-    std::ofstream(path / name) << text;
-  }
-  fs::path path;
-};
+using testsupport::Scratch;
 
 // One class carries 6.0 and 6.1: index 1 selects 6.0, which 6.1 does not
 // take, and 6.0 always has it.

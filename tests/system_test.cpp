@@ -118,18 +118,33 @@ TEST(RealMachine, ABudgetReadsWhatTheTopologyReads) {
   EXPECT_EQ(differ, 0);
 }
 
+// Writes `text` into `file`, as echo does into the kernel's files; false
+// where it cannot.
+bool put(const std::string& file, const std::string& text) {
+  return static_cast<bool>(std::ofstream(file) << text);
+}
+
+// The exit status of a child forked to run `body`, which returns it.
+template <class Body>
+int inChild(Body body) {
+  const pid_t child = fork();
+  if (child == 0) _exit(body());
+  int status = -1;
+  waitpid(child, &status, 0);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
 // A group removed under a budget (the process moved out, the group
 // removed, before the budget looks where the process is) is an error that
 // names the file, never the old limits presented as fresh.
 TEST(RealMachine, ABudgetWhoseGroupIsRemovedNamesTheFile) {
   const std::string group = "/sys/fs/cgroup/cpu/xrprocdetect-vanish-" + std::to_string(getpid());
   if (::mkdir(group.c_str(), 0755) != 0) GTEST_SKIP() << "no writable cgroup v1 cpu hierarchy";
-  const auto write = [](const std::string& file, auto text) { std::ofstream(file) << text; };
-  write(group + "/cpu.cfs_quota_us", "50000");
-  write(group + "/cgroup.procs", std::to_string(getpid()));
+  put(group + "/cpu.cfs_quota_us", "50000");
+  put(group + "/cgroup.procs", std::to_string(getpid()));
   auto budget = xrprocdetector::ProcessorBudget::open();
   const xrprocdetector::Budget before = budget ? budget->read() : xrprocdetector::Budget();
-  write("/sys/fs/cgroup/cpu/cgroup.procs", std::to_string(getpid()));
+  put("/sys/fs/cgroup/cpu/cgroup.procs", std::to_string(getpid()));
   ::rmdir(group.c_str());
   const xrprocdetector::Budget after = budget ? budget->read() : xrprocdetector::Budget();
   EXPECT_EQ(before.cpuQuota, 0.5);
@@ -138,10 +153,10 @@ TEST(RealMachine, ABudgetWhoseGroupIsRemovedNamesTheFile) {
   // The group made again under its name, the process put back: the read
   // after the failure finds the files anew, and the error lasts no longer.
   ::mkdir(group.c_str(), 0755);
-  write(group + "/cpu.cfs_quota_us", "25000");
-  write(group + "/cgroup.procs", std::to_string(getpid()));
+  put(group + "/cpu.cfs_quota_us", "25000");
+  put(group + "/cgroup.procs", std::to_string(getpid()));
   const xrprocdetector::Budget again = budget ? budget->read() : xrprocdetector::Budget();
-  write("/sys/fs/cgroup/cpu/cgroup.procs", std::to_string(getpid()));
+  put("/sys/fs/cgroup/cpu/cgroup.procs", std::to_string(getpid()));
   ::rmdir(group.c_str());
   EXPECT_TRUE(again.error.empty() && again.cpuQuota == 0.25) << again.error.message();
 }
@@ -151,19 +166,16 @@ TEST(RealMachine, ABudgetWhoseGroupIsRemovedNamesTheFile) {
 TEST(RealMachine, ABudgetFollowsItsProcessIntoAForkedChild) {
   const std::string group = "/sys/fs/cgroup/cpu/xrprocdetect-child-" + std::to_string(getpid());
   if (::mkdir(group.c_str(), 0755) != 0) GTEST_SKIP() << "no writable cgroup v1 cpu hierarchy";
-  std::ofstream(group + "/cpu.cfs_quota_us") << 50000;
+  put(group + "/cpu.cfs_quota_us", "50000");
   auto budget = xrprocdetector::ProcessorBudget::open();
   ASSERT_TRUE(budget && budget->read().error.empty());
-  const pid_t child = fork();
-  if (child == 0) {
-    std::ofstream(group + "/cgroup.procs") << getpid();
+  const int status = inChild([&] {
+    put(group + "/cgroup.procs", std::to_string(getpid()));
     const xrprocdetector::Budget b = budget->read();
-    _exit(b.error.empty() && b.cpuQuota == 0.5 && b.effectiveProcessors == 1 ? 0 : 1);
-  }
-  int status = -1;
-  waitpid(child, &status, 0);
+    return b.error.empty() && b.cpuQuota == 0.5 && b.effectiveProcessors == 1 ? 0 : 1;
+  });
   ::rmdir(group.c_str());
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+  EXPECT_EQ(status, 0);
 }
 
 // With cgroup v2, a group's cpu.max appears only once its parent enables
@@ -172,32 +184,25 @@ TEST(RealMachine, ABudgetFollowsItsProcessIntoAForkedChild) {
 // own mount namespace: a v2 hierarchy of plain files on a tmpfs, named by
 // files mounted over the child's /proc/self/mountinfo and cgroup.
 TEST(RealMachine, ABudgetFindsACpuMaxThatAppearsLater) {
-  const pid_t child = fork();
-  if (child == 0) {
-    const auto write = [](const std::string& file, const std::string& text) {
-      return static_cast<bool>(std::ofstream(file) << text);
-    };
+  const int status = inChild([] {
     if (::unshare(CLONE_NEWNS) != 0 ||
         ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
         ::mount("none", "/tmp", "tmpfs", 0, nullptr) != 0 || ::mkdir("/tmp/v2", 0755) != 0 ||
         ::mkdir("/tmp/v2/unit", 0755) != 0 ||
-        !write("/tmp/mountinfo", "30 24 0:30 / /tmp/v2 rw - cgroup2 cgroup2 rw\n") ||
-        !write("/tmp/cgroup", "0::/unit\n") ||
+        !put("/tmp/mountinfo", "30 24 0:30 / /tmp/v2 rw - cgroup2 cgroup2 rw\n") ||
+        !put("/tmp/cgroup", "0::/unit\n") ||
         ::mount("/tmp/mountinfo", "/proc/self/mountinfo", nullptr, MS_BIND, nullptr) != 0 ||
         ::mount("/tmp/cgroup", "/proc/self/cgroup", nullptr, MS_BIND, nullptr) != 0)
-      _exit(77);
+      return 77;
     auto budget = xrprocdetector::ProcessorBudget::open();
     const xrprocdetector::Budget before = budget ? budget->read() : xrprocdetector::Budget();
-    write("/tmp/v2/unit/cpu.max", "50000 100000\n");
+    put("/tmp/v2/unit/cpu.max", "50000 100000\n");
     usleep(60 * 1000);
     const xrprocdetector::Budget after = budget ? budget->read() : xrprocdetector::Budget();
-    _exit(budget && !before.cpuQuota && after.cpuQuota == 0.5 && after.error.empty() ? 0 : 1);
-  }
-  int status = -1;
-  waitpid(child, &status, 0);
-  if (WIFEXITED(status) && WEXITSTATUS(status) == 77)
-    GTEST_SKIP() << "needs root and a mount namespace of its own (unshare)";
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    return budget && !before.cpuQuota && after.cpuQuota == 0.5 && after.error.empty() ? 0 : 1;
+  });
+  if (status == 77) GTEST_SKIP() << "needs root and a mount namespace of its own (unshare)";
+  EXPECT_EQ(status, 0);
 }
 
 // A crash reporter that the host installs while another thread detects stays

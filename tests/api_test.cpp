@@ -119,19 +119,14 @@ TEST(Parsers, PathsInASavedTreeResolveInsideIt) {
   fs::create_symlink(scratch.path / "outside/cpu.max", tree / "escape");
   fs::create_symlink("loop", tree / "loop");
   fs::create_hard_link(tree / "sys/fs/cgroup/cpu.max", tree / "hard");
+  // clang-format off
   const std::pair<const char*, const char*> cases[] = {
-      {"sys/fs/cgroup/cpu.max", "in"},
-      {"../../sys/fs/cgroup/cpu.max", "in"},
-      {"/sys/fs/cgroup/cpu.max", "in"},
-      {"sys/fs/cgroup/../../../../outside/cpu.max", "in"},
-      {"rooted", "in"},
-      {"up", "in"},
-      {"sys/fs/cgroup/self/./cpu.max", "in"},
-      {"hard", "in"},
-      {"escape", "a link to nothing in the snapshot"},
-      {"loop/x", "a link to nothing in the snapshot"},
-      {"/proc/sys/kernel/pid_max", "absent"},
-      {"sys/fs/cgroup/cpu.max/x", "absent"}};
+      {"sys/fs/cgroup/cpu.max", "in"}, {"../../sys/fs/cgroup/cpu.max", "in"},
+      {"/sys/fs/cgroup/cpu.max", "in"}, {"sys/fs/cgroup/../../../../outside/cpu.max", "in"},
+      {"rooted", "in"}, {"up", "in"}, {"sys/fs/cgroup/self/./cpu.max", "in"}, {"hard", "in"},
+      {"escape", "a link to nothing in the snapshot"}, {"loop/x", "a link to nothing in the snapshot"},
+      {"/proc/sys/kernel/pid_max", "absent"}, {"sys/fs/cgroup/cpu.max/x", "absent"}};
+  // clang-format on
   dt::SavedMachine saved;
   dt::Error error;
   ASSERT_TRUE(dt::loadSnapshot(tree.string(), &saved, &error)) << error.message();

@@ -145,7 +145,8 @@ def test_nodes_caches_and_places_of_a_two_node_machine():
     assert [(c.type, c.size_bytes, c.cpus) for c in l3] == \
         [("unified", 5632 * 1024, halves[0]), ("unified", 5632 * 1024, halves[1])]
     assert t.processors[9].numa_node == 0 and t.caches[t.processors[9].last_level_cache] == l3[0]
-    assert xr.places(t, "ll_caches") == xr.places(t, "numa_domains") == halves
+    assert xr.places(t, "ll_caches") == xr.places(t, "numa_domains") == xr.places(t, "sockets") \
+        == halves
     assert xr.places(t, "cores")[:2] == [{0, 8}, {1, 9}] and len(xr.places(t, "threads")) == 16
     with pytest.raises(xr.XrProcDetectorError):
         xr.places(t, "numa")

@@ -124,7 +124,8 @@ TEST(Parsers, PathsInASavedTreeResolveInsideIt) {
       {"sys/fs/cgroup/cpu.max", "in"}, {"../../sys/fs/cgroup/cpu.max", "in"},
       {"/sys/fs/cgroup/cpu.max", "in"}, {"sys/fs/cgroup/../../../../outside/cpu.max", "in"},
       {"rooted", "in"}, {"up", "in"}, {"sys/fs/cgroup/self/./cpu.max", "in"}, {"hard", "in"},
-      {"escape", "a link to nothing in the snapshot"}, {"loop/x", "a link to nothing in the snapshot"},
+      {"escape", "a link to nothing in the snapshot"},
+      {"loop/x", "a link to nothing in the snapshot"},
       {"/proc/sys/kernel/pid_max", "absent"}, {"sys/fs/cgroup/cpu.max/x", "absent"}};
   // clang-format on
   dt::SavedMachine saved;

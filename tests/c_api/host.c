@@ -25,7 +25,6 @@ static void snapshot(const char* dir) {
   xrpd_source* source = xrpd_source_snapshot(dir, &error);
   xrpd_topology_info info;
   xrpd_topology* t;
-  xrpd_cpuset set;
   char* list;
   check(source != NULL && error == NULL, "the snapshot is read");
   t = xrpd_topology_read(source, &error);
@@ -35,9 +34,6 @@ static void snapshot(const char* dir) {
   list = xrpd_cpuset_to_list(&info.usable);
   check(strcmp(list, "0-7") == 0 && xrpd_cpuset_count(&info.online) == 8, "its sets");
   xrpd_free(list);
-  check(xrpd_topology_set(t, XRPD_PACKAGES, 0, &set, NULL) == 0 && xrpd_cpuset_count(&set) == 4 &&
-            xrpd_topology_set(t, XRPD_CORES, 4, &set, NULL) == -1,
-        "two packages of four processors, four cores");
   check(xrpd_topology_numa_node(t, 0, NULL) == -1 && xrpd_topology_cache(t, 0, NULL) == -1,
         "no struct to fill, no answer");
   xrpd_topology_close(t);

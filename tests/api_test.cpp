@@ -29,19 +29,7 @@ const char kTwoCores[] =
     "processor\t: 0\nphysical id\t: 0\ncore id\t\t: 0\ncpu cores\t: 2\n\n"
     "processor\t: 1\nphysical id\t: 0\ncore id\t\t: 1\ncpu cores\t: 2\n\n";
 
-// A scratch directory, removed with all it holds.
-struct Scratch {
-  Scratch() : path(fs::temp_directory_path() / ("api-test-" + std::to_string(getpid()))) {
-    fs::remove_all(path);
-    fs::create_directories(path);
-  }
-  ~Scratch() { fs::remove_all(path); }
-  void write(const std::string& name, const std::string& text) const {
-    fs::create_directories((path / name).parent_path());
-    std::ofstream(path / name) << text;
-  }
-  fs::path path;
-};
+using testsupport::Scratch;
 
 // One class carries 6.0 and 6.1: index 1 selects 6.0, which 6.1 does not
 // take, and 6.0 always has it.
@@ -131,19 +119,15 @@ TEST(Parsers, PathsInASavedTreeResolveInsideIt) {
   fs::create_symlink(scratch.path / "outside/cpu.max", tree / "escape");
   fs::create_symlink("loop", tree / "loop");
   fs::create_hard_link(tree / "sys/fs/cgroup/cpu.max", tree / "hard");
+  // clang-format off
   static const std::pair<const char*, const char*> cases[] = {
-      {"sys/fs/cgroup/cpu.max", "in"},
-      {"../../sys/fs/cgroup/cpu.max", "in"},
-      {"/sys/fs/cgroup/cpu.max", "in"},
-      {"sys/fs/cgroup/../../../../outside/cpu.max", "in"},
-      {"rooted", "in"},
-      {"up", "in"},
-      {"sys/fs/cgroup/self/./cpu.max", "in"},
-      {"hard", "in"},
+      {"sys/fs/cgroup/cpu.max", "in"}, {"../../sys/fs/cgroup/cpu.max", "in"},
+      {"/sys/fs/cgroup/cpu.max", "in"}, {"sys/fs/cgroup/../../../../outside/cpu.max", "in"},
+      {"rooted", "in"}, {"up", "in"}, {"sys/fs/cgroup/self/./cpu.max", "in"}, {"hard", "in"},
       {"escape", "a link to nothing in the snapshot"},
       {"loop/x", "a link to nothing in the snapshot"},
-      {"/proc/sys/kernel/pid_max", "absent"},
-      {"sys/fs/cgroup/cpu.max/x", "absent"}};
+      {"/proc/sys/kernel/pid_max", "absent"}, {"sys/fs/cgroup/cpu.max/x", "absent"}};
+  // clang-format on
   dt::SavedMachine saved;
   dt::Error error;
   // Each path read through the tree when it is loaded, then from memory.
@@ -208,6 +192,39 @@ TEST(Budget, OnEverySystemRootAsTheTopology) {
   EXPECT_GE(compared, 40);
 }
 
+// A set the files do not tell is unknown, never "no processors": without
+// sys/ (a tree of CPUID dumps alone), with an empty online list, and for a
+// saved /proc/cpuinfo alone, every set; on an old kernel with neither a
+// present nor a possible list (online from the cpuN folders), the present
+// and offline ones. Through C, what is not known counts -1, never 0.
+TEST(Topology, SetsTheFilesDoNotTellAreUnknown) {
+  const std::uint32_t all = XRPD_SET_ONLINE | XRPD_SET_OFFLINE | XRPD_SET_USABLE | XRPD_SET_PRESENT;
+  const std::string data = XRPROCDETECTOR_TEST_DATA;
+  const std::pair<std::optional<Source>, std::uint32_t> cases[] = {
+      {Source::snapshot(data + "/snapshots/cpuid-only"), all},
+      {Source::snapshot(data + "/sysroots/empty-online-list"), all},
+      {Source::cpuinfoText(kTwoCores), all},
+      {Source::snapshot(data + "/sysroots/old-kernel-core-siblings-4"),
+       XRPD_SET_PRESENT | XRPD_SET_OFFLINE},
+      {Source::snapshot(data + "/sysroots/offline-7"), 0}};
+  for (const auto& [source, unknown] : cases) {
+    ASSERT_TRUE(source);
+    const Topology t = topology(*source);
+    EXPECT_EQ(t.unknownSets, unknown) << source->name();
+    EXPECT_EQ(t.known(TopologySet::kOffline), (unknown & XRPD_SET_OFFLINE) == 0) << source->name();
+    xrpd_topology* h = xrpd_topology_read(source->handle(), nullptr);
+    xrpd_topology_info i{};
+    i.size = sizeof i;
+    ASSERT_EQ(xrpd_topology_get(h, &i), 0);
+    xrpd_topology_close(h);
+    EXPECT_EQ(i.unknown_sets, unknown) << source->name();
+    EXPECT_TRUE(unknown != all || (i.packages == -1 && i.cores == -1 && i.smt == -1 &&
+                                   i.effective_processors == -1 && i.processors == 0))
+        << source->name();
+  }
+  EXPECT_EQ(topology(*cases[3].first).online.toList(), "0-3");
+}
+
 TEST(Parsers, MasksAndJsonStrings) {
   namespace dt = xrprocdetector::detail;
   CpuSet cpus;
@@ -237,10 +254,10 @@ TEST(Parsers, MasksAndJsonStrings) {
 
 namespace {
 
-// The places of every kind on two packages of four cores of two threads,
-// each package a node and an L3 (processors n and n+8 share a core), as
-// the public layer reads them through the C interface; and with the
-// process's cpuset narrowed, places of usable processors only.
+// Two packages of four cores of two threads, each package a node and an
+// L3 (processors n and n+8 share a core), as the public layer reads them
+// through the C interface (the places of each kind: tests/kernel); with
+// the process's cpuset narrowed, places of usable processors only.
 TEST(Places, OfEveryKindOnATwoNodeMachine) {
   const auto source = Source::snapshot(XRPROCDETECTOR_TEST_DATA "/sysroots/numa-two-node-smt-16");
   ASSERT_TRUE(source);
@@ -253,20 +270,6 @@ TEST(Places, OfEveryKindOnATwoNodeMachine) {
   const Cache& l3 = t.caches[static_cast<std::size_t>(t.processors[12].lastLevelCache)];
   EXPECT_TRUE(l3.level == 3 && l3.sizeBytes == 5632u * 1024 && l3.ways == 11);
   EXPECT_EQ(l3.processors.toList(), "4-7,12-15");
-  const std::string halves = "{0,1,2,3,8,9,10,11},{4,5,6,7,12,13,14,15}";
-  const struct {
-    PlaceKind kind;
-    std::string places;
-  } cases[] = {
-      {PlaceKind::kThreads,
-       "{0},{1},{2},{3},{4},{5},{6},{7},{8},{9},{10},{11},{12},{13},{14},{15}"},
-      {PlaceKind::kCores, "{0,8},{1,9},{2,10},{3,11},{4,12},{5,13},{6,14},{7,15}"},
-      {PlaceKind::kLlCaches, halves},
-      {PlaceKind::kNumaDomains, halves},
-      {PlaceKind::kSockets, halves},
-  };
-  for (const auto& c : cases)
-    EXPECT_EQ(ompPlaces(places(t, c.kind)), c.places) << static_cast<int>(c.kind);
   t.usable = *CpuSet::fromList("5-9");
   EXPECT_EQ(ompPlaces(places(t, PlaceKind::kCores)), "{5},{6},{7},{8},{9}");  // 8 and 9 apart
   EXPECT_EQ(ompPlaces(places(t, PlaceKind::kSockets)), "{5,6,7},{8,9}");

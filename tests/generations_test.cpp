@@ -81,18 +81,15 @@ TEST(CpuidProbes, AnswerFromTheLeavesTheirRulesName) {
     std::uint32_t maxLeaf, vendorWord, ebx1, edx1, eax4;
     unsigned want[5];
   } cases[] = {
+      // clang-format off
       // Leaf 0 alone: no other leaf is asked.
       {"highest leaf 0", 0, 0x756e6547, 0x05080000, 0x10000000, 0x1C000000, {0, 1, 0, 0, 1}},
-      {"leaf 1 and leaf 4",
-       5,
-       0x756e6547,
-       0x05080000,
-       0x10000000,
-       0x1C000000,
+      {"leaf 1 and leaf 4", 5, 0x756e6547, 0x05080000, 0x10000000, 0x1C000000,
        {5, 8, 0x10000000, 5, 8}},
       {"no processors per package, no flag", 5, 0x756e6547, 0x2A000000, 0, 0, {5, 1, 0, 42, 1}},
       // The guard meant for a highest leaf below 4 tests the vendor word.
       {"vendor word below 4", 5, 3, 0, 0, 0x1C000000, {5, 1, 0, 0, 1}},
+      // clang-format on
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);

@@ -102,6 +102,18 @@ TEST(WordReader, FileWordsStraddleRefillsAndOutgrowTheBuffer) {
   }
 }
 
+// Nothing past the end of a text is read, even where the bytes after it
+// would start a trigger word: every prefix of one text, as a view into it.
+TEST(WordReader, ReadsNothingPastTheEndOfItsText) {
+  const std::string memory = "x processor : 1 cpu cores : 2";
+  for (std::size_t n = 0; n <= memory.size(); ++n) {
+    WordReader reader(std::string_view(memory.data(), n));
+    EXPECT_EQ(testsupport::transcript(reader, "\1\1\1"),
+              referenceTranscript(memory.substr(0, n), "\1\1\1"))
+        << n;
+  }
+}
+
 TEST(WordReader, ClosesOnlyWhatItOpened) {
   // A text reader has no file: standard input (descriptor 0) stays open.
   ASSERT_TRUE(fcntl(0, F_GETFD) != -1 || open("/dev/null", O_RDONLY) == 0);

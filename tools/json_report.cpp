@@ -92,9 +92,9 @@ std::string kernelObject(const KernelTopology& k, const Topology& t) {
                                   one.number("cores", kind.cores);
                                   one.number("logicalProcessors", kind.logicalProcessors);
                                 }));
-  kernel.string("onlineCpus", t.online.toList());
-  kernel.string("offlineCpus", t.offline.toList());
-  kernel.string("usableCpus", t.usable.toList());
+  kernel.stringOrNull("onlineCpus", t.known(TopologySet::kOnline), t.online.toList());
+  kernel.stringOrNull("offlineCpus", t.known(TopologySet::kOffline), t.offline.toList());
+  kernel.stringOrNull("usableCpus", t.known(TopologySet::kUsable), t.usable.toList());
   kernel.maybe("hypervisorVendor", t.hypervisorVendor, text);
   kernel.maybe("virtualizationType", t.virtualizationType, text);
   kernel.maybe("container", t.container, text);

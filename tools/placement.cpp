@@ -148,8 +148,9 @@ std::string drawing(const Topology& t) {
       levels[3].push_back({"Processor:", CpuSet({cpu})});
   for (std::size_t l = 3; l-- > 0;)
     if (levels[l].empty()) levels.erase(levels.begin() + static_cast<std::ptrdiff_t>(l));
-  std::string out =
-      "Machine (" + t.online.toList() + " online; * marks what this process may use)\n";
+  const std::string online =
+      t.known(TopologySet::kOnline) ? t.online.toList() + " online" : "online processors not known";
+  std::string out = "Machine (" + online + "; * marks what this process may use)\n";
   if (!t.online.empty()) draw(t, levels, 0, t.online, &out);
   if (!t.offline.empty()) out += "  Offline: " + t.offline.toList() + "\n";
   return out;

@@ -204,7 +204,16 @@ typedef struct xrpd_topology_info {
   const char* kernel_release; /**< proc/sys/kernel/osrelease */
   const char* cpu_model;      /**< /proc/cpuinfo's first "model name" */
   const char* cpu_vendor;     /**< /proc/cpuinfo's first "vendor_id" */
+  uint32_t unknown_sets; /**< XRPD_SET_* bits of the sets above the files do not tell (empty) */
 } xrpd_topology_info;
+
+/** Bits of xrpd_topology_info's unknown_sets (since 2.2.0). */
+typedef enum xrpd_set_bit {
+  XRPD_SET_ONLINE = 1,
+  XRPD_SET_OFFLINE = 2,
+  XRPD_SET_USABLE = 4,
+  XRPD_SET_PRESENT = 8
+} xrpd_set_bit;
 
 XRPROCDETECTOR_API int xrpd_topology_get(const xrpd_topology* topology, xrpd_topology_info* out);
 

@@ -88,6 +88,14 @@ struct CoreKindSet {
   CpuSet processors;
 };
 
+/// A set of Topology that the kernel's files may not tell.
+enum class TopologySet : std::uint32_t {
+  kOnline = XRPD_SET_ONLINE,
+  kOffline = XRPD_SET_OFFLINE,
+  kUsable = XRPD_SET_USABLE,
+  kPresent = XRPD_SET_PRESENT
+};
+
 /// The machine as processor sets: what is online, what the process may use,
 /// which processors share a package or a core, and which cores are fast.
 struct Topology {
@@ -135,6 +143,15 @@ struct Topology {
   /// osrelease, /proc/cpuinfo's first "model name" and "vendor_id";
   /// nothing where the machine does not tell.
   std::optional<std::string> hostname, kernelRelease, cpuModel, cpuVendor;
+  /// The sets that the files do not tell, as TopologySet bits (no sys/, a
+  /// saved /proc/cpuinfo alone): each is empty, which says nothing. Nothing
+  /// is known of a topology not yet read.
+  std::uint32_t unknownSets =
+      XRPD_SET_ONLINE | XRPD_SET_OFFLINE | XRPD_SET_USABLE | XRPD_SET_PRESENT;
+  /// Whether `set` is what the files tell, rather than empty for want of them.
+  bool known(TopologySet set) const noexcept {
+    return (unknownSets & static_cast<std::uint32_t>(set)) == 0;
+  }
 };
 
 /// Reads the live machine (its /sys, /proc and CPUID, and the calling
@@ -349,6 +366,7 @@ inline Topology topology(const Source& source) noexcept {
   t.kernelRelease = bridge::text(i.kernel_release);
   t.cpuModel = bridge::text(i.cpu_model);
   t.cpuVendor = bridge::text(i.cpu_vendor);
+  t.unknownSets = i.unknown_sets;
   xrpd_topology_close(h);
   return t;
 }

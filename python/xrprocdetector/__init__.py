@@ -83,7 +83,10 @@ _InfoC = _struct("_InfoC", [
     ("cores", _i32), ("core_kinds", _i32), ("processors", _i32), ("cpu_quota", ctypes.c_double),
     ("effective_processors", _i32), ("smt", _i32), ("hypervisor", _i32),
     ("hypervisor_vendor", ctypes.c_char_p), ("virtualization_type", ctypes.c_char_p),
-    ("container", ctypes.c_char_p), ("error", ctypes.c_char_p)])
+    ("container", ctypes.c_char_p), ("error", ctypes.c_char_p), ("present", _CpuSet),
+    ("missing", ctypes.c_char_p), ("hostname", ctypes.c_char_p),
+    ("kernel_release", ctypes.c_char_p), ("cpu_model", ctypes.c_char_p),
+    ("cpu_vendor", ctypes.c_char_p), ("unknown_sets", ctypes.c_uint32)])
 _ProcessorC = _struct("_ProcessorC", [
     ("cpu", ctypes.c_uint32), ("package", _i32), ("die", _i32), ("core", _i32),
     ("thread", _i32), ("kind", _i32), ("online", ctypes.c_int), ("usable", ctypes.c_int),
@@ -249,10 +252,11 @@ def _text(value: Optional[bytes]) -> Optional[str]:
 
 @dataclasses.dataclass
 class Topology:
-    """The machine as processor sets (see Topology in detect.h)."""
-    online: Set[int]
-    offline: Set[int]
-    usable: Set[int]
+    """The machine as processor sets (see Topology in detect.h); None for a set the kernel's
+    files do not tell."""
+    online: Optional[Set[int]]
+    offline: Optional[Set[int]]
+    usable: Optional[Set[int]]
     packages: List[Set[int]]
     cores: List[Set[int]]
     core_kinds: List[Set[int]]
@@ -338,7 +342,9 @@ def topology(snapshot: Optional[str] = None) -> Topology:
             processors.append(Processor(p.cpu, p.package, p.die, p.core, p.thread, p.kind,
                                         bool(p.online), bool(p.usable), p.numa_node,
                                         p.last_level_cache))
-        return Topology(info.online.to_set(), info.offline.to_set(), info.usable.to_set(),
+        sets = [None if info.unknown_sets & bit else cpus.to_set()
+                for bit, cpus in ((1, info.online), (2, info.offline), (4, info.usable))]
+        return Topology(*sets,
                         _sets(handle, 0), _sets(handle, 1), _sets(handle, 2), processors,
                         info.cpu_quota or None,
                         None if info.effective_processors < 0 else info.effective_processors,

@@ -194,6 +194,7 @@ Topology readTopology(Machine& machine) {
   if (r == Read::kOk && !online.empty()) {
     t.online = online;
     processors(cpus, t);
+    t.unknownSets = t.present.empty() ? XRPD_SET_PRESENT | XRPD_SET_OFFLINE : 0;
     placeAll(cpus, t, &maxThreads);
     usable(root, t);
     t.coreKinds = coreKinds(root, t);

@@ -61,12 +61,4 @@ taskset -p -c "$second" "$pid" >/dev/null
 expect "the affinity" "\"usableCpus\": \"$second\", \"usableProcessors\": 1, \"cpuQuota\": 1,"
 for h in cpu cpuset; do echo "$pid" >"$v1/$h/$top/other/cgroup.procs"; done
 expect "a move to another group" '"cpuQuota": 0.2, "effectiveProcessors": 1'
-if [ -n "${XRPROCDETECTOR_PYTHON:-}" ] && [ -n "${XRPROCDETECTOR_LIBRARY:-}" ]; then
-  # shellcheck disable=SC2016
-  got=$(sh -c 'for h in cpu cpuset; do echo $$ >"$1/$h/$2/other/cgroup.procs"; done
-    exec "$3" -c "import xrprocdetector as x; r = x.Budget().read(); print(r.cpu_quota, r.effective_processors)"' \
-    sh "$v1" "$top" "$XRPROCDETECTOR_PYTHON")
-  [ "$got" = "0.2 1" ] && echo "ok: the Python module's budget: $got" ||
-    { echo "FAILED: the Python module's budget: got '$got', expected '0.2 1'"; failed=1; }
-fi
 exit $failed

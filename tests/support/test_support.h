@@ -70,6 +70,21 @@ inline std::string counts(const XrProcDetector& d) {
          std::to_string(d.coreCount);
 }
 
+// A scratch directory, removed with all it holds.
+struct Scratch {
+  Scratch()
+      : path(std::filesystem::temp_directory_path() / ("scratch-" + std::to_string(getpid()))) {
+    std::filesystem::remove_all(path);
+    std::filesystem::create_directories(path);
+  }
+  ~Scratch() { std::filesystem::remove_all(path); }
+  void write(const std::string& name, const std::string& text) const {
+    std::filesystem::create_directories((path / name).parent_path());
+    std::ofstream(path / name) << text;
+  }
+  std::filesystem::path path;
+};
+
 // Unblocks SIGSEGV in the calling thread, as a VMware probe that faulted
 // leaves it blocked by design.
 inline void unblockSegv() {

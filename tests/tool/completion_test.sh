@@ -25,13 +25,10 @@ check() {
   [ "$got" = "$want" ] || { echo "xrprocdetect ${words[*]}: got '$got', expected '$want'" && failed=1; }
 }
 
-check --al -- --algorithm --all
-check --v -- --version-index --version
+# The options by prefix (every option is in the completion's list: options_agree.sh).
 check --s -- --snapshot --save --summary
-check --t -- --tally
 check --json -- --json --json-lines --json-schema
 check --json-schema = '' -- 1 2
-check --ch -- --check
 check -a '' -- default 7.0 6.1 6.0 5.3
 check --algorithm 6 -- 6.1 6.0
 check --algorithm = 7 -- 7.0

@@ -11,7 +11,7 @@ while IFS= read -r entry; do
   case "$entry" in '' | '#'*) continue ;; esac
   args=${entry%% => *}
   # shellcheck disable=SC2086  # the arguments are meant to be split
-  got=$("$tool" $args 2>&1 </dev/null; echo "status $?")
+  got=$(timeout 10 "$tool" $args 2>&1 </dev/null; echo "status $?")
   want="${entry#* => }
 status 2"
   [ "$got" = "$want" ] || { printf 'xrprocdetect %s\n  got: %s\n want: %s\n' "$args" "$got" "$want"; failed=1; }

@@ -67,13 +67,14 @@ int byComponents(int root, std::string rest, int flags) {
 
 }  // namespace
 
-int openInRoot(int root, const std::string& path, int flags) {
+int openInRoot(int root, const std::string& path, int flags, bool componentwise) {
   if (root == AT_FDCWD) return ::open(path.c_str(), flags | O_CLOEXEC);
   open_how how{static_cast<std::uint64_t>(flags | O_CLOEXEC), 0,
                RESOLVE_IN_ROOT | RESOLVE_NO_MAGICLINKS | RESOLVE_NO_XDEV};
-  const long fd = ::syscall(SYS_openat2, root, path.c_str(), &how, sizeof how);
+  const long fd = componentwise ? -1 : ::syscall(SYS_openat2, root, path.c_str(), &how, sizeof how);
   // openat2 is missing before Linux 5.6, and refused by some containers' filters.
-  if (fd < 0 && (errno == ENOSYS || errno == EPERM)) return byComponents(root, path, flags);
+  if (componentwise || (fd < 0 && (errno == ENOSYS || errno == EPERM)))
+    return byComponents(root, path, flags);
   return static_cast<int>(fd);
 }
 

@@ -61,9 +61,10 @@ constexpr unsigned kKernelMaxProcessors = 8192;
 // link target starts from it, and no other file system mounted inside is
 // entered (EXDEV). Where openat2 is missing (ENOSYS, or EPERM from a
 // container's filter) the path is walked one component at a time to the
-// same effect, following at most 40 links (then ELOOP). With AT_FDCWD, the
-// path itself. -1 with errno set when it cannot be opened.
-int openInRoot(int root, const std::string& path, int flags);
+// same effect, following at most 40 links (then ELOOP), as it is always
+// with `componentwise`. With AT_FDCWD, the path itself. -1 with errno set
+// when it cannot be opened.
+int openInRoot(int root, const std::string& path, int flags, bool componentwise = false);
 
 // "a FIFO, not a regular file", and so on for each kind of file.
 std::string notRegular(mode_t mode);

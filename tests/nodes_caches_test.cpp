@@ -76,24 +76,52 @@ TEST(NodesAndCaches, OfEachTreeAsWorkedOutByHand) {
   EXPECT_EQ(trees, 12);
 }
 
-// Each instance's sharers and size are read once, not once for each of its
-// processors, and each kind's level, type, line size and ways once (L1d,
-// L1i, L2, L3).
-TEST(NodesAndCaches, EachInstanceIsReadOnce) {
+// The files a reader asks for, there or not.
+struct Asking : dt::ReplayMachine {
+  using dt::ReplayMachine::ReplayMachine;
+  dt::Read file(const std::string& path, std::size_t cap, std::string* text,
+                std::string* why) override {
+    asked.push_back(path);
+    return dt::ReplayMachine::file(path, cap, text, why);
+  }
+  std::size_t count(const char* part) const {
+    return static_cast<std::size_t>(std::count_if(
+        asked.begin(), asked.end(), [&](auto& p) { return p.find(part) != std::string::npos; }));
+  }
+  std::vector<std::string> asked;
+};
+
+// What is read of 16 processors, 2 packages of 4 cores of 2 threads, with
+// sibling lists and no masks (each list asked for after the two masks). A
+// sibling list is read once, not once for each processor it names, and
+// die_id, absent, once: 8 cores' and 2 packages' 3 names, and die_id. Each
+// cache instance's sharers and size once (26: L1d, L1i and L2 of each core,
+// L3 of each package), each kind's level, type, line size and ways once;
+// only the first processor of each package, which holds no cache read
+// before, looks for an index4 (mask and list). A save keeps each
+// processor's own lists, for other readers.
+TEST(NodesAndCaches, EachListAndInstanceIsReadOnce) {
   dt::SavedMachine saved;
   dt::Error error;
   ASSERT_TRUE(dt::loadSnapshot(testsupport::fixture("sysroots/numa-two-node-smt-16"), &saved,
                                &error, topologyOf))
       << error.message();
   saved.affinity = xrprocdetector::CpuSet({0});
-  dt::ReplayMachine tree(saved);
-  dt::RecordingMachine machine(tree);
-  EXPECT_EQ(dt::readTopology(machine).caches.size(), 26u);
-  const auto& read = machine.files();
-  EXPECT_EQ(
-      std::count_if(read.begin(), read.end(),
-                    [](const auto& f) { return f.first.find("/cache/") != std::string::npos; }),
-      26 * 2 + 4 * 4);
+  Asking tree(saved);
+  const Topology t = dt::readTopology(tree);
+  EXPECT_EQ(t.caches.size(), 26u);
+  EXPECT_EQ(t.cores.size(), 8u);
+  EXPECT_EQ(tree.count("/topology/"), 8 * 3 + 2 * 3 + 1u);
+  EXPECT_EQ(tree.count("/cache/"), 26 * 2 + 4 * 4 + 2 * 2u);
+  std::size_t lists = 0;
+  ASSERT_TRUE(dt::loadSnapshot(testsupport::fixture("sysroots/numa-two-node-smt-16"), &saved,
+                               &error, [&](dt::Machine& m) {
+                                 dt::RecordingMachine saving(m);
+                                 dt::readTopology(saving);
+                                 for (const auto& f : saving.files())
+                                   lists += f.first.find("/topology/") != std::string::npos;
+                               }));
+  EXPECT_EQ(lists, 16 * 2u);
 }
 
 }  // namespace

@@ -96,14 +96,24 @@ Read readIndex(SystemRoot& cpus, const std::string& dir, std::size_t m, Kinds& k
 void fromFolders(SystemRoot& cpus, const CpuSet& online, std::vector<Cache>* caches) {
   std::map<unsigned, std::vector<std::size_t>> holding;  // by processor, the instances holding it
   std::vector<std::size_t> from;                         // by instance, its folder's number
+  std::vector<std::size_t> folders;                      // by instance, how many its processor has
   Kinds kinds;
   caches->reserve(4 * online.count());  // each a set of 1 KiB: moved no more than once
   for (const unsigned cpu : online) {
     const std::size_t before = caches->size();
     const std::vector<std::size_t>& held = holding[cpu];
-    for (std::size_t m = 0; m < 64; ++m) {
+    // Held from others only: none of them has a folder m, so neither has
+    // this processor, which numbers the same caches alike.
+    const auto past = [&](std::size_t m) {
+      return !held.empty() && held.front() < before &&
+             std::all_of(held.begin(), held.end(),
+                         [&](std::size_t i) { return i >= before || folders[i] == m; });
+    };
+    std::size_t m = 0;
+    for (; m < 64; ++m) {
       if (std::any_of(held.begin(), held.end(), [&](std::size_t i) { return from[i] == m; }))
         continue;
+      if (past(m)) break;
       Cache c;
       const std::string dir =
           "cpu" + std::to_string(cpu) + "/cache/index" + std::to_string(m) + "/";
@@ -122,6 +132,7 @@ void fromFolders(SystemRoot& cpus, const CpuSet& online, std::vector<Cache>* cac
         holding[s].push_back(caches->size());
       caches->push_back(c);
     }
+    folders.resize(caches->size(), m);
   }
 }
 

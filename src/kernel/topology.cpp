@@ -27,13 +27,14 @@ const char* const kPackageFiles[] = {"topology/core_siblings", "topology/package
                                      "topology/core_siblings_list", "topology/package_cpus_list"};
 
 // The lowest processor sharing a core (or a package) with `cpu`, by the
-// first of `files` that is there: what tells the core (or package) apart.
-Read lowestSibling(SystemRoot& cpus, unsigned cpu, const char* const (&files)[4], long* lowest) {
-  CpuSet siblings;
+// first of `files` that is there: what tells the core (or package) apart;
+// *siblings the whole list.
+Read lowestSibling(SystemRoot& cpus, unsigned cpu, const char* const (&files)[4], long* lowest,
+                   CpuSet* siblings) {
   for (std::size_t i = 0; i < 4; ++i) {
-    const Read r = cpus.list(cpuFile(cpu, files[i]), &siblings, i < 2);
+    const Read r = cpus.list(cpuFile(cpu, files[i]), siblings, i < 2);
     if (r == Read::kAbsent) continue;
-    if (r == Read::kOk) *lowest = siblings.empty() ? cpu : *siblings.begin();
+    if (r == Read::kOk) *lowest = siblings->empty() ? cpu : *siblings->begin();
     return r;
   }
   return Read::kAbsent;
@@ -46,46 +47,82 @@ int indexOf(std::map<Key, int>& seen, const Key& key) {
   return seen.emplace(key, static_cast<int>(seen.size())).first->second;
 }
 
+// What the files read so far placed. A sibling list places every processor
+// it names: the kernel's lists are the same on each processor they name, so
+// a later one's own list is not read, nor its die_id (a core's threads
+// share a die).
+struct Placed {
+  std::map<Key, int> packages;
+  std::map<Key, int> cores;
+  std::vector<int> packageOf;           // by processor number: -1 not yet named
+  std::vector<int> coreOf;              // likewise
+  std::vector<std::int32_t> dieOfCore;  // by core index
+  bool dies = true;                     // a kernel without die_id has none for any processor
+};
+
+// The index of `key`, given to each processor of `siblings` not yet named.
+int named(std::map<Key, int>& seen, const Key& key, const CpuSet& siblings, std::vector<int>& of) {
+  const int index = indexOf(seen, key);
+  for (const unsigned s : siblings) {
+    if (s < of.size() && of[s] < 0) of[s] = index;
+  }
+  return index;
+}
+
 // The package, die and core of the online processor `c`. A package is its
 // package siblings, as lscpu counts distinct core_siblings masks, or its
 // physical_package_id; a core is its core siblings, or its (package, die,
 // core_id).
-void place(SystemRoot& cpus, Processor& p, std::map<Key, int>& packages,
-           std::map<Key, int>& cores) {
+void place(SystemRoot& cpus, Processor& p, Placed& known) {
   long id = 0;
   long die = 0;
-  Read r = lowestSibling(cpus, p.cpu, kPackageFiles, &id);
-  if (r == Read::kOk) p.package = indexOf(packages, {0, id, 0, 0});
+  CpuSet siblings;
+  Read r = p.cpu < known.packageOf.size() && known.packageOf[p.cpu] >= 0
+               ? (p.package = known.packageOf[p.cpu], Read::kOk)
+               : lowestSibling(cpus, p.cpu, kPackageFiles, &id, &siblings);
+  if (r == Read::kOk && p.package < 0)
+    p.package = named(known.packages, {0, id, 0, 0}, siblings, known.packageOf);
   if (r == Read::kAbsent &&
       cpus.number(cpuFile(p.cpu, "topology/physical_package_id"), &id) == Read::kOk)
-    p.package = indexOf(packages, {1, id, 0, 0});
-  if (cpus.number(cpuFile(p.cpu, "topology/die_id"), &die) == Read::kOk)
-    p.die = static_cast<std::int32_t>(die);
-  r = lowestSibling(cpus, p.cpu, kCoreFiles, &id);
-  if (r == Read::kOk) p.core = indexOf(cores, {0, id, 0, 0});
+    p.package = indexOf(known.packages, {1, id, 0, 0});
+  if (p.cpu < known.coreOf.size() && known.coreOf[p.cpu] >= 0) {
+    p.core = known.coreOf[p.cpu];
+    p.die = known.dieOfCore[static_cast<std::size_t>(p.core)];
+    return;
+  }
+  r = known.dies ? cpus.number(cpuFile(p.cpu, "topology/die_id"), &die) : Read::kAbsent;
+  if (r == Read::kOk) p.die = static_cast<std::int32_t>(die);
+  known.dies = r != Read::kAbsent;
+  r = lowestSibling(cpus, p.cpu, kCoreFiles, &id, &siblings);
+  if (r == Read::kOk) p.core = named(known.cores, {0, id, 0, 0}, siblings, known.coreOf);
   if (r == Read::kAbsent && p.package >= 0 &&
       cpus.number(cpuFile(p.cpu, "topology/core_id"), &id) == Read::kOk)
-    p.core = indexOf(cores, {1, p.package, std::max(p.die, 0), id});
+    p.core = indexOf(known.cores, {1, p.package, std::max(p.die, 0), id});
+  known.dieOfCore.resize(known.cores.size());
+  if (p.core >= 0) known.dieOfCore[static_cast<std::size_t>(p.core)] = p.die;
 }
 
 // Packages and cores as sets, each processor's place in them; *maxThreads
 // the most threads of one core.
 void placeAll(SystemRoot& cpus, Topology& t, int* maxThreads) {
-  std::map<Key, int> packageKeys;
-  std::map<Key, int> coreKeys;
+  Placed known;
+  const bool each = cpus.machine().keepsAll() || t.processors.empty();
+  const std::size_t numbers = each ? 0 : t.processors.back().cpu + 1;
+  known.packageOf.assign(numbers, -1);
+  known.coreOf.assign(numbers, -1);
   bool packagesKnown = true;
   bool coresKnown = true;
   std::vector<CpuSet> packages;
   std::vector<CpuSet> cores;
   for (Processor& p : t.processors) {
     if (!p.online) continue;
-    place(cpus, p, packageKeys, coreKeys);
+    place(cpus, p, known);
     packagesKnown = packagesKnown && p.package >= 0;
     coresKnown = coresKnown && p.core >= 0;
-    packages.resize(packageKeys.size());
+    packages.resize(known.packages.size());
     if (p.package >= 0) packages[static_cast<std::size_t>(p.package)].add(p.cpu);
     if (p.core < 0) continue;
-    cores.resize(coreKeys.size());
+    cores.resize(known.cores.size());
     CpuSet& threads = cores[static_cast<std::size_t>(p.core)];
     p.thread = static_cast<std::int32_t>(threads.count());
     threads.add(p.cpu);

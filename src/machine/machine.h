@@ -92,6 +92,9 @@ class Machine {
   // reader that keeps it (and closes it); -1 where the machine keeps no
   // descriptors (a saved machine: read it with file()).
   virtual int keep(const std::string& /*path*/) { return -1; }
+  // True where what is read is kept for other readers too (a save): each
+  // processor's own files are then read, even those a sibling's tell.
+  virtual bool keepsAll() const { return false; }
 };
 
 // The calling thread's machine.
@@ -248,6 +251,7 @@ class RecordingMachine : public Machine {
   long processorCount(int name) override;
   bool affinity(CpuSet* set) override { return inner_.affinity(set); }
   bool pin(const CpuSet& set) override;
+  bool keepsAll() const override { return true; }
 
   // Adds every processor's whole CPUID dump (pinned to each of the saved
   // affinity in turn). False with *error when a pinning fails.

@@ -208,11 +208,10 @@ std::string json(const std::vector<Detection>& rows, const Input& source, bool a
   const std::string kernel =
       source.kernel ? kernelObject(*source.kernel, *source.topology) : "null";
   std::string out;
-  for (const Detection& row : rows)
-    out += (out.empty()            ? ""
-            : lines || schema == 2 ? "\n"
-                                   : ", ") +
-           jsonRow(row, source, withSummary, schema, kernel);
+  for (const Detection& row : rows) {
+    if (!out.empty()) out += lines || schema == 2 ? "\n" : ", ";
+    out += jsonRow(row, source, withSummary, schema, kernel);
+  }
   if (schema == 1 && !lines && asArray) return "[" + out + "]\n";
   return out.empty() && schema == 1 && !lines ? "null\n" : out + (out.empty() ? "" : "\n");
 }

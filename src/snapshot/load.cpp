@@ -17,12 +17,14 @@ namespace detail {
 
 namespace {
 
-// Reads `path` under the root into *text. kFailed sets *error, naming the
-// file.
-Read readPart(Machine& root, const std::string& path, std::size_t cap, std::string* text,
+// Reads `path` under the root into *text, copied once. kFailed sets
+// *error, naming the file.
+Read readPart(TreeMachine& root, const std::string& path, std::size_t cap, std::string* text,
               Error* error) {
   std::string why;
-  const Read r = root.file(path, cap, text, &why);
+  const std::string* found = nullptr;
+  const Read r = root.find(path, cap, &found, &why);
+  if (r == Read::kOk) *text = *found;
   if (r == Read::kFailed) fail(error, root.shown(path), why);
   return r;
 }

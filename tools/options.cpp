@@ -231,82 +231,11 @@ Parsed parseOptions(int argc, char** argv) {
   return parsed;
 }
 
-const char kUsage[] = R"(Usage: xrprocdetect [OPTION]... [--cpuinfo FILE... | --snapshot DIR...]
-Count the processor packages, cores and logical processors of this machine
-(or of a saved /proc/cpuinfo or snapshot) with one or every detector
-generation, or save a snapshot of this machine.
-
-  -a, --algorithm NAME    the generation to run: default (the platform's
-                          detector), 7.0, 6.1, 6.0 or 5.3; default: default
-      --all               run every generation and print one row each
-      --cpuinfo FILE      count FILE as a saved /proc/cpuinfo instead of this
-                          machine (- reads standard input); generations that
-                          would go on to CPUID or to the operating system's
-                          counts say so instead of giving numbers
-      --snapshot DIR      run on the snapshot (or system root) in DIR instead
-                          of this machine: every generation sees its
-                          /proc/cpuinfo, processor counts, affinity, CPUID
-                          answers and VMware answer; rows that need a part
-                          DIR lacks say so
-                          Both may be repeated, and the operands after them
-                          are more inputs of the same kind: --snapshot a b c
-      --check             exit with status 3 when a selected generation's
-                          packages, cores or logical processors differ from
-                          the kernel's (live or on snapshots), 4 when they
-                          could not all be compared
-      --tally             print, per generation and field, how many inputs
-                          agree with the kernel and which do not, instead of
-                          each input's report
-      --cpus              print one line a processor, as lscpu's parsable
-                          output does:
-                          number, package, die, core, thread, kind of core,
-                          online and usable (Y or N), NUMA node, L3 cache;
-                          empty where not known
-      --places=KIND       print OMP_PLACES for the processors this process
-                          may use: KIND is threads, cores, ll_caches,
-                          numa_domains or sockets
-                          (export OMP_PLACES=$(xrprocdetect --places=cores))
-      --caches            print one line a kind of cache, as lscpu does,
-                          with the count of its instances
-      --draw              print a picture of the machine: packages, NUMA
-                          nodes, last-level caches, cores and processors, *
-                          marking what this process may use
-      --watch[=SECONDS]   print what this process may use (the usable
-                          processors, the CPU quota, the effective
-                          processors) once, then again each time it
-                          changes, looking every SECONDS (1 by default),
-                          until interrupted; JSON Lines with -J
-      --json-lines        the same as -J
-      --json-schema=N     -J of schema 2 (the default) or 1, the shape of
-                          version 2.1, kept for this version only
-      --save DIR          save a snapshot of this machine into DIR (new or
-                          empty) and exit; give it alone
-      --version-index N   the version index (0 to 6) given to the detectors'
-                          constructors; 6.0 always runs with 1, and 6.1 with
-                          N unless N is 1
-  -d, --debug[=LEVEL]     write the detectors' own debug lines to standard
-                          error at LEVEL (1 by default; 2 adds the scans'
-                          entry trace)
-      --echo              have the detectors echo their debug lines to
-                          standard output instead (at LEVEL, or 1)
-      --summary           also call printSummary after detection and show
-                          what it writes
-  -J, --json              print JSON Lines: an object a line for each input
-                          and generation (or with --tally, generation and
-                          field), each naming its input and machine
-  -h, --help              print this help and exit
-  -V, --version           print the version and exit
-
-Each text report of a live run or a snapshot opens with the machine as the
-kernel gives it (/sys/devices/system/cpu): packages, cores, processors, NUMA
-nodes, what this process may use, the hypervisor and the container; then
-each generation's counts, with what differs from the machine marked.
-
-Exit status: 0 on success, 1 when a detector's getProcData is negative,
-2 on a usage error, an unreadable input or snapshot (the others are still
-run), or a failed save, 3 with --check when a count differs from the
-kernel's, 4 with --check when the counts could not be compared.
-)";
+// The help, kept as text beside the manual page (usage.txt), made into a
+// string by the build.
+const char kUsage[] =
+#include "usage.inc"
+    ;
 
 std::string usageText() {
   return kUsage;

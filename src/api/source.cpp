@@ -41,11 +41,11 @@ const SourceData& liveSource() {
 std::shared_ptr<SourceData> cpuinfoSource(std::string text, const char* file) {
   auto data = std::make_shared<SourceData>();
   data->kind = Source::Kind::kCpuinfo;
-  data->saved.cpuinfo = std::move(text);
+  std::string& cpuinfo = data->saved.files["proc/cpuinfo"] = std::move(text);
   data->saved.holder = "the file";
   if (file != nullptr) {
     data->name = file;
-    data->error.why = readCpuinfo(file, &*data->saved.cpuinfo);
+    data->error.why = readCpuinfo(file, &cpuinfo);
   }
   return data;
 }

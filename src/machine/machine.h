@@ -152,8 +152,7 @@ struct SavedMachine {
   std::map<std::string, std::string> files;
   std::map<std::string, std::string> failures;
   std::map<std::string, std::vector<std::string>> folders;
-  std::optional<std::string> cpuinfo;  // proc/cpuinfo
-  std::optional<long> configured;      // sysconf's counts
+  std::optional<long> configured;  // sysconf's counts
   std::optional<long> online;
   std::optional<CpuSet> affinity;  // the thread's
   bool vmwareBackdoor = false;     // the port answered with the magic

@@ -99,10 +99,8 @@ CpuinfoStream RecordingMachine::cpuinfo() {
         std::string(s.fd < 0 ? "cannot open: " : "cannot read: ") + std::strerror(why);
     throw Missing{"/proc/cpuinfo"};
   }
-  saved_.files["proc/cpuinfo"] = text;
-  saved_.cpuinfo = std::move(text);
   CpuinfoStream out;
-  out.text = &*saved_.cpuinfo;
+  out.text = &(saved_.files["proc/cpuinfo"] = std::move(text));
   return out;
 }
 

@@ -11,9 +11,6 @@ ReplayMachine::ReplayMachine(const SavedMachine& saved) : saved_(saved), current
 Read ReplayMachine::file(const std::string& path, std::size_t cap, std::string* text,
                          std::string* why) {
   text->clear();
-  // The saved /proc/cpuinfo, kept once, is the file's text too.
-  if (path == "proc/cpuinfo" && saved_.cpuinfo && saved_.files.count(path) == 0)
-    return *text = *saved_.cpuinfo, Read::kOk;
   const auto file = saved_.files.find(path);
   const auto failed = saved_.failures.find(path);
   if (file != saved_.files.end() && file->second.size() <= cap) *text = file->second;
@@ -32,9 +29,10 @@ Read ReplayMachine::entries(const std::string& path, std::vector<std::string>* n
 }
 
 CpuinfoStream ReplayMachine::cpuinfo() {
-  if (!saved_.cpuinfo) throw Missing{"/proc/cpuinfo"};
+  const auto file = saved_.files.find("proc/cpuinfo");
+  if (file == saved_.files.end()) throw Missing{"/proc/cpuinfo"};
   CpuinfoStream s;
-  s.text = &*saved_.cpuinfo;
+  s.text = &file->second;
   return s;
 }
 

@@ -111,11 +111,11 @@ bool load(const std::string& dir, SavedMachine* s, Error* error,
   }
   // Only then read: what is not a snapshot (/proc, a home folder) never is.
   TreeMachine root(fd.get(), st.st_dev, *s);
+  std::string cpuinfo;
+  const Read found = readPart(root, "proc/cpuinfo", kCpuinfoCap, &cpuinfo, error);
+  if (found == Read::kFailed) return false;
   std::string text;
-  Read r = readPart(root, "proc/cpuinfo", kCpuinfoCap, &text, error);
-  if (r == Read::kFailed) return false;
-  if (r == Read::kOk) s->cpuinfo = std::move(text);
-  r = readPart(root, "xrprocdetect.json", kSmallFileCap, &text, error);
+  Read r = readPart(root, "xrprocdetect.json", kSmallFileCap, &text, error);
   if (r == Read::kFailed) return false;
   const bool metadata = r == Read::kOk;
   if (metadata ? !loadMetadata(root, text, s, error) : !loadLists(root, s, error)) return false;
@@ -126,6 +126,7 @@ bool load(const std::string& dir, SavedMachine* s, Error* error,
   // when); the readers' own files now, and nothing else.
   s->files.clear(), s->failures.clear(), s->folders.clear();
   if (metadata) s->files["xrprocdetect.json"] = std::move(text);
+  if (found == Read::kOk) s->files["proc/cpuinfo"] = std::move(cpuinfo);
   root.restart();
   try {
     if (readers) readers(root);

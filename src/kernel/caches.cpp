@@ -102,18 +102,13 @@ void fromFolders(SystemRoot& cpus, const CpuSet& online, std::vector<Cache>* cac
   for (const unsigned cpu : online) {
     const std::size_t before = caches->size();
     const std::vector<std::size_t>& held = holding[cpu];
-    // Held from others only: none of them has a folder m, so neither has
-    // this processor, which numbers the same caches alike.
-    const auto past = [&](std::size_t m) {
-      return !held.empty() && held.front() < before &&
-             std::all_of(held.begin(), held.end(),
-                         [&](std::size_t i) { return i >= before || folders[i] == m; });
-    };
     std::size_t m = 0;
     for (; m < 64; ++m) {
       if (std::any_of(held.begin(), held.end(), [&](std::size_t i) { return from[i] == m; }))
         continue;
-      if (past(m)) break;
+      // The processor that read the first cache this one holds had m
+      // folders: so has this one, which numbers the caches alike.
+      if (!held.empty() && held.front() < before && folders[held.front()] == m) break;
       Cache c;
       const std::string dir =
           "cpu" + std::to_string(cpu) + "/cache/index" + std::to_string(m) + "/";

@@ -200,7 +200,6 @@ void identity(SystemRoot& root, const std::string& cpuinfo, Topology& t) {
   std::string text;
   if (root.text("proc/sys/kernel/hostname", &text) == Read::kOk) t.hostname = text;
   if (root.text("proc/sys/kernel/osrelease", &text) == Read::kOk) t.kernelRelease = text;
-  if (cpuinfo.empty()) return;
   if (!(text = firstValue(cpuinfo, "model name")).empty()) t.cpuModel = text;
   if (!(text = firstValue(cpuinfo, "vendor_id")).empty()) t.cpuVendor = text;
 }

@@ -205,7 +205,6 @@ class TreeMachine : public ReplayMachine {
  public:
   TreeMachine(int fd, dev_t device, SavedMachine& saved)
       : ReplayMachine(saved), fd_(fd), device_(device), saved_(saved) {}
-  ~TreeMachine() override;
   TreeMachine(const TreeMachine&) = delete;
   TreeMachine& operator=(const TreeMachine&) = delete;
   // The file at `path` within `cap`, read once: *text stays valid as long
@@ -220,15 +219,10 @@ class TreeMachine : public ReplayMachine {
  private:
   bool hold(std::size_t bytes);
   Read unopened(const std::string& path, std::string* why);
-  // The folder `path`, opened with O_PATH: the last one asked for is kept.
-  int folder(const std::string& path);
 
   int fd_;
   dev_t device_;  // the tree's file system: files on others are not its own
   SavedMachine& saved_;
-  std::string folderPath_;
-  int folderFd_ = -2;  // -2 none yet; -1 it could not be opened, for folderErrno_
-  int folderErrno_ = 0;
   std::map<std::pair<dev_t, ino_t>, std::string> read_;  // each file read, by its identity
   std::size_t held_ = 0;
   Error error_;

@@ -78,6 +78,12 @@ int openInRoot(int root, const std::string& path, int flags, bool componentwise)
   return static_cast<int>(fd);
 }
 
+int openWithoutLinks(int root, const std::string& path, int flags) {
+  open_how how{static_cast<std::uint64_t>(flags | O_NOFOLLOW | O_CLOEXEC), 0,
+               RESOLVE_IN_ROOT | RESOLVE_NO_MAGICLINKS | RESOLVE_NO_XDEV | RESOLVE_NO_SYMLINKS};
+  return static_cast<int>(::syscall(SYS_openat2, root, path.c_str(), &how, sizeof how));
+}
+
 std::string notRegular(mode_t mode) {
   return std::string(kindOf(mode)) + ", not a regular file";
 }

@@ -33,49 +33,32 @@ Read TreeMachine::unopened(const std::string& path, std::string* why) {
   return Read::kFailed;
 }
 
-TreeMachine::~TreeMachine() {
-  if (folderFd_ >= 0) ::close(folderFd_);
-}
-
-int TreeMachine::folder(const std::string& path) {
-  if (path == folderPath_ && folderFd_ != -2) return errno = folderErrno_, folderFd_;
-  if (folderFd_ >= 0) ::close(folderFd_);
-  folderPath_ = path;
-  folderFd_ = openInRoot(fd_, path.empty() ? "." : path, O_PATH | O_DIRECTORY);
-  folderErrno_ = errno;
-  return folderFd_;
-}
-
 Read TreeMachine::find(const std::string& path, std::size_t cap, const std::string** text,
                        std::string* why) {
   if (!error_.empty()) return *why = error_.why, Read::kFailed;
-  // Looked at in its folder before it is opened, so that a FIFO or a device
-  // put in a tree is never opened, let alone read: a file of a folder whose
-  // files are read one after another costs four system calls, and a file
-  // read already under another name one. A link is followed inside the tree.
-  const std::size_t slash = path.rfind('/');
-  const std::string name = path.substr(slash + 1);
-  const int dir = folder(slash == std::string::npos ? "" : path.substr(0, slash));
+  // A file is looked at before it is opened, so that a FIFO or a device put
+  // in a tree is never opened, let alone read. A path with no link on it is
+  // looked at and opened from the tree's top: four system calls a file
+  // (fstatat, openat2, read, close). Any other is resolved inside the tree,
+  // and looked at through what that gives. A file read already under
+  // another name is not read again.
   struct stat st {};
-  // Under no folder, nothing; through a link to nothing, a broken file.
-  if (dir < 0 && (errno == ENOENT || errno == ENOTDIR || errno == EXDEV)) return Read::kAbsent;
-  const bool plain = dir >= 0 && name != "." && name != ".." && !name.empty();
-  if (plain && ::fstatat(dir, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0)
-    return errno == ENOENT ? Read::kAbsent : unopened(path, why);
-  Fd linked(plain && !S_ISLNK(st.st_mode) ? -1 : openInRoot(fd_, path, O_PATH));
-  if (!plain || S_ISLNK(st.st_mode)) {
+  const auto read = [&] { return read_.count({st.st_dev, st.st_ino}) != 0; };
+  const bool plain = path.find("..") == std::string::npos &&
+                     ::fstatat(fd_, path.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 &&
+                     S_ISREG(st.st_mode) && st.st_dev == device_;
+  const int flags = O_RDONLY | O_NONBLOCK | O_NOCTTY;
+  int fd = plain && !read() ? openWithoutLinks(fd_, path, flags) : -1;
+  if (fd < 0 && !(plain && read())) {  // a link on the way, or no openat2
+    const Fd linked(openInRoot(fd_, path, O_PATH));
     if (linked.get() < 0 || ::fstat(linked.get(), &st) != 0) return unopened(path, why);
+    if (!S_ISREG(st.st_mode) || st.st_dev != device_)
+      return S_ISREG(st.st_mode) ? Read::kAbsent : (*why = notRegular(st.st_mode), Read::kFailed);
+    if (!read() && (fd = openInRoot(fd_, path, flags)) < 0) return unopened(path, why);
   }
-  if (!S_ISREG(st.st_mode) || st.st_dev != device_)
-    return S_ISREG(st.st_mode) ? Read::kAbsent : (*why = notRegular(st.st_mode), Read::kFailed);
   auto known = read_.find({st.st_dev, st.st_ino});
   if (known == read_.end()) {
-    const int fd = linked.get() >= 0
-                       ? openInRoot(fd_, path, O_RDONLY | O_NONBLOCK | O_NOCTTY)
-                       : ::openat(dir, name.c_str(),
-                                  O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC);
     std::string bytes;
-    if (fd < 0) return unopened(path, why);
     const Read r = readOpen(fd, static_cast<std::size_t>(st.st_size), cap, &bytes, why);
     if (r != Read::kOk) return r;
     if (!hold(bytes.size())) return *why = error_.why, Read::kFailed;

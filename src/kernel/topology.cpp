@@ -1,6 +1,8 @@
 // The kernel's own topology of a machine, as processor sets, read from
 // sys/devices/system/cpu (live, or under a snapshot's or a system root's
 // directory).
+#include <unistd.h>
+
 #include <algorithm>
 #include <cmath>
 #include <map>
@@ -204,6 +206,22 @@ void identity(SystemRoot& root, const std::string& cpuinfo, Topology& t) {
   if (!(text = firstValue(cpuinfo, "vendor_id")).empty()) t.cpuVendor = text;
 }
 
+// The start of /proc/cpuinfo, where the first processor's lines are: a
+// saved one as it is held, not copied; a live one's first 64 KiB (into
+// *read); "" where there is none.
+const std::string& cpuinfoStart(Machine& machine, std::string* read) {
+  try {
+    const CpuinfoStream s = machine.cpuinfo();
+    if (s.text != nullptr) return *s.text;
+    read->resize(s.fd < 0 ? 0 : 1 << 16);
+    const ssize_t n = s.fd < 0 ? 0 : ::pread(s.fd, &(*read)[0], read->size(), 0);
+    if (s.fd >= 0) ::close(s.fd);
+    read->resize(n > 0 ? static_cast<std::size_t>(n) : 0);
+  } catch (const Missing&) {
+  }
+  return *read;
+}
+
 }  // namespace
 
 Read onlineProcessors(SystemRoot& cpus, CpuSet* online) {
@@ -244,8 +262,8 @@ Topology readTopology(Machine& machine) {
     }
   }
   t.smt = smtState(cpus, maxThreads);
-  std::string cpuinfo;  // read once, for the hypervisor flag and the model
-  root.text("proc/cpuinfo", &cpuinfo);
+  std::string read;  // the hypervisor flag and the model, from the first processor's lines
+  const std::string& cpuinfo = cpuinfoStart(machine, &read);
   readVirtualization(root, cpuinfo, t);
   identity(root, cpuinfo, t);
   t.error = !cpus.error().empty() ? cpus.error() : root.error();

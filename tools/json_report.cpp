@@ -208,6 +208,7 @@ std::string json(const std::vector<Detection>& rows, const Input& source, bool a
   const std::string kernel =
       source.kernel ? kernelObject(*source.kernel, *source.topology) : "null";
   std::string out;
+  out.reserve(rows.size() * (kernel.size() + 4096));
   for (const Detection& row : rows) {
     if (!out.empty()) out += lines || schema == 2 ? "\n" : ", ";
     out += jsonRow(row, source, withSummary, schema, kernel);

@@ -100,7 +100,7 @@ class JsonObject {
  public:
   void add(const char* key, const std::string& rawValue) {
     // Appended part by part: a value may be a whole kernel row.
-    ((text_ += text_.empty() ? "\"" : ", \"") += key) += "\": ";
+    ((text_ += text_.size() == 1 ? "\"" : ", \"") += key) += "\": ";
     text_ += rawValue;
   }
   void number(const char* key, long long value) { add(key, std::to_string(value)); }
@@ -112,10 +112,11 @@ class JsonObject {
   void maybe(const char* key, const std::optional<T>& value, Show show) {
     add(key, value ? show(*value) : "null");
   }
-  std::string done() const { return "{" + text_ + "}"; }
+  // The object's text, taken: the object is done with.
+  std::string done() { return std::move(text_ += '}'); }
 
  private:
-  std::string text_;
+  std::string text_ = "{";
 };
 
 // A hyperThreadState in words: "not capable", "disabled", "enabled", ...

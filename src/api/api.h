@@ -21,8 +21,8 @@ struct SourceData {
   Source::Kind kind = Source::Kind::kLive;
   std::string name;
   Error error;
-  SavedMachine saved;                // a saved /proc/cpuinfo text, or a snapshot
-  std::optional<Topology> topology;  // a snapshot's, read when it was made
+  SavedMachine saved;                        // a saved /proc/cpuinfo text, or a snapshot
+  std::shared_ptr<const Topology> topology;  // a snapshot's, read when it was made
 
   // The machine to read for one call: this one, strict about an unreadable
   // /proc/cpuinfo, or the saved one.
@@ -42,7 +42,7 @@ std::shared_ptr<SourceData> snapshotSource(const std::string& dir, Error* error)
 // One generation's detector run on the source (detect.cpp).
 Detection detect(Generation generation, const SourceData& source, const DetectOptions& options);
 // The source's topology (none for a saved text alone).
-Topology topologyOf(const SourceData& source);
+std::shared_ptr<const Topology> topologyOf(const SourceData& source);
 // Saves this machine into `dir`; false and *error when it cannot.
 bool save(const std::string& dir, Error* error);
 

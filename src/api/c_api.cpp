@@ -17,7 +17,7 @@ struct xrpd_source {
   std::optional<std::string> savedAt, savedBy;  // a snapshot's, from its xrprocdetect.json
 };
 struct xrpd_topology {
-  xrprocdetector::Topology topology;
+  std::shared_ptr<const xrprocdetector::Topology> topology;  // shared with its source's
   std::string error;  // the error's message and parts, as xrpd_error_part reads them
 };
 struct xrpd_budget {
@@ -238,7 +238,7 @@ xrpd_topology* xrpd_topology_read(const xrpd_source* source, char** error) {
   return guarded(
       [&] {
         auto* t = new xrpd_topology{detail::topologyOf(sourceOf(source)), ""};
-        t->error = partsOf(t->topology.error);
+        t->error = partsOf(t->topology->error);
         return t;
       },
       static_cast<xrpd_topology*>(nullptr), error);
@@ -250,7 +250,7 @@ void xrpd_topology_close(xrpd_topology* topology) {
 
 int xrpd_topology_get(const xrpd_topology* topology, xrpd_topology_info* out) {
   if (topology == nullptr) return -1;
-  const Topology& t = topology->topology;
+  const Topology& t = *topology->topology;
   const auto count = [](std::size_t n) { return n == 0 ? -1 : static_cast<std::int32_t>(n); };
   const auto text = [](const std::optional<std::string>& s) { return s ? s->c_str() : nullptr; };
   // clang-format off
@@ -269,8 +269,8 @@ int xrpd_topology_get(const xrpd_topology* topology, xrpd_topology_info* out) {
 }
 
 int xrpd_topology_processor(const xrpd_topology* topology, size_t index, xrpd_processor* out) {
-  if (topology == nullptr || index >= topology->topology.processors.size()) return -1;
-  const Processor& p = topology->topology.processors[index];
+  if (topology == nullptr || index >= topology->topology->processors.size()) return -1;
+  const Processor& p = topology->topology->processors[index];
   return fill(out, xrpd_processor{0, p.cpu, p.package, p.die, p.core, p.thread, p.kind, p.online,
                                   p.usable, p.numaNode, p.lastLevelCache})
              ? 0
@@ -280,7 +280,7 @@ int xrpd_topology_processor(const xrpd_topology* topology, size_t index, xrpd_pr
 int xrpd_topology_set(const xrpd_topology* topology, xrpd_set_list list, size_t index,
                       xrpd_cpuset* out, const char** name) {
   if (topology == nullptr || out == nullptr) return -1;
-  const Topology& t = topology->topology;
+  const Topology& t = *topology->topology;
   const std::vector<CpuSet>& sets = list == XRPD_PACKAGES ? t.packages : t.cores;
   if (list == XRPD_CORE_KINDS ? index >= t.coreKinds.size() : index >= sets.size()) return -1;
   *out = (list == XRPD_CORE_KINDS ? t.coreKinds[index].processors : sets[index]).c();
@@ -289,8 +289,8 @@ int xrpd_topology_set(const xrpd_topology* topology, xrpd_set_list list, size_t 
 }
 
 int xrpd_topology_numa_node(const xrpd_topology* topology, size_t index, xrpd_numa_node* out) {
-  if (topology == nullptr || index >= topology->topology.numaNodes.size()) return -1;
-  const NumaNode& n = topology->topology.numaNodes[index];
+  if (topology == nullptr || index >= topology->topology->numaNodes.size()) return -1;
+  const NumaNode& n = topology->topology->numaNodes[index];
   const auto memory = n.memoryBytes ? static_cast<std::int64_t>(*n.memoryBytes) : -1;
   return fill(out, xrpd_numa_node{0, n.node, n.processors.c(), memory, n.distances.size(),
                                   n.distances.data()})
@@ -299,8 +299,8 @@ int xrpd_topology_numa_node(const xrpd_topology* topology, size_t index, xrpd_nu
 }
 
 int xrpd_topology_cache(const xrpd_topology* topology, size_t index, xrpd_cache* out) {
-  if (topology == nullptr || index >= topology->topology.caches.size()) return -1;
-  const Cache& c = topology->topology.caches[index];
+  if (topology == nullptr || index >= topology->topology->caches.size()) return -1;
+  const Cache& c = topology->topology->caches[index];
   return fill(out, xrpd_cache{0, c.level, static_cast<std::int32_t>(c.type), c.sizeBytes,
                               c.lineBytes, c.ways, c.processors.c()})
              ? 0
@@ -312,7 +312,7 @@ int xrpd_places(const xrpd_topology* topology, xrpd_place_kind kind, size_t inde
   if (topology == nullptr || kind < XRPD_PLACE_THREADS || kind > XRPD_PLACE_SOCKETS) return -1;
   return guarded(
       [&] {
-        const std::vector<CpuSet> sets = places(topology->topology, static_cast<PlaceKind>(kind));
+        const std::vector<CpuSet> sets = places(*topology->topology, static_cast<PlaceKind>(kind));
         if (out != nullptr && index < sets.size()) *out = sets[index].c();
         return static_cast<int>(sets.size());
       },

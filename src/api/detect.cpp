@@ -1,7 +1,5 @@
 // detect(): one detector of a generation's class, run on a source, with the
 // calling thread given back as it was found.
-#include <fcntl.h>
-#include <sched.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -220,11 +218,11 @@ Detection detect(Generation generation, const SourceData& source, const DetectOp
   return d;
 }
 
-Topology topologyOf(const SourceData& source) {
-  if (source.kind == Source::Kind::kCpuinfo) return {};
-  if (source.topology) return *source.topology;
+std::shared_ptr<const Topology> topologyOf(const SourceData& source) {
+  if (source.kind == Source::Kind::kCpuinfo) return std::make_shared<Topology>();
+  if (source.topology) return source.topology;
   const std::unique_ptr<Machine> m = source.machine();
-  return readTopology(*m);
+  return std::make_shared<Topology>(readTopology(*m));
 }
 
 namespace {

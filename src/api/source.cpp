@@ -57,7 +57,9 @@ std::shared_ptr<SourceData> snapshotSource(const std::string& dir, Error* error)
   // What the topology reads is all any reader on a source reads besides
   // the parts (the budget reads the same control groups); the topology so
   // read is the source's.
-  const auto readers = [&data](Machine& m) { data->topology = readTopology(m); };
+  const auto readers = [&data](Machine& m) {
+    data->topology = std::make_shared<Topology>(readTopology(m));
+  };
   if (!loadSnapshot(dir, &data->saved, error, readers)) return nullptr;
   return data;
 }

@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <sstream>
 #include <string>
 
 #include "legacy/word_reader.h"
@@ -14,13 +13,8 @@
 
 namespace {
 
+using testsupport::referenceTranscript;
 using xrprocdetector::detail::WordReader;
-
-std::string referenceTranscript(const std::string& bytes, const std::string& script) {
-  std::istringstream in(bytes);
-  testsupport::StreamWordReader reference(in);
-  return testsupport::transcript(reference, script);
-}
 
 // `bytes` bytes of words drawn from trigger words, their near misses and
 // other words, behind every kind of separator, the same for every run.

@@ -168,31 +168,6 @@ TEST(CpuSets, ListsReadBackAsWrittenAndSetsIntersect) {
   EXPECT_EQ((b - a).toList(), "0,2");
 }
 
-// A budget opened on a saved machine answers as topology() does on it, on
-// every system root kept for the tests: the same rule, read the same way.
-TEST(Budget, OnEverySystemRootAsTheTopology) {
-  int compared = 0;
-  for (const auto& root : fs::directory_iterator(XRPROCDETECTOR_TEST_DATA "/sysroots")) {
-    const std::optional<Source> source = Source::snapshot(root.path().string());
-    ASSERT_TRUE(source) << root.path();
-    const Topology t = topology(*source);
-    Error why;
-    std::optional<ProcessorBudget> budget = ProcessorBudget::open(*source, &why);
-    if (!t.error.empty()) {
-      EXPECT_TRUE(!budget || !budget->read().error.empty()) << root.path();
-    }
-    if (t.online.empty() || !t.error.empty()) continue;  // nothing known to compare
-    ASSERT_TRUE(budget) << root.path() << ": " << why.message();
-    const Budget b = budget->read();
-    EXPECT_TRUE(b.error.empty()) << root.path() << ": " << b.error.message();
-    EXPECT_EQ(b.usable, t.usable) << root.path();
-    EXPECT_EQ(b.cpuQuota, t.cpuQuota) << root.path();
-    EXPECT_EQ(b.effectiveProcessors, t.effectiveProcessors) << root.path();
-    ++compared;
-  }
-  EXPECT_GE(compared, 40);
-}
-
 // A set the files do not tell is unknown, never "no processors": without
 // sys/ (a tree of CPUID dumps alone), with an empty online list, and for a
 // saved /proc/cpuinfo alone, every set; on an old kernel with neither a

@@ -47,8 +47,8 @@ def test_trees_as_the_cpp_api_reads_them(tree):
         (k["hypervisorVendor"], k["virtualizationType"], k["container"])
     if t.online and t.error is None:  # a budget on the tree answers as its topology
         r = xr.Budget(snapshot=path).read()
-        assert (r.usable, r.cpu_quota, r.effective_processors) == \
-            (t.usable, t.cpu_quota, t.effective_processors)
+        assert (r.usable, r.cpu_quota, r.effective_processors, r.error) == \
+            (t.usable, t.cpu_quota, t.effective_processors, None)
     index = {None: -1}
     assert [(p.cpu, p.package, p.core, p.thread, p.online, p.usable, p.numa_node,
              p.last_level_cache) for p in t.processors] == \

@@ -21,17 +21,11 @@ try:
 except ImportError:
     jsonschema = None
 
-KEYS = ["schemaVersion", "input", "source", "hostname", "cpuModel", "cpuVendor", "kernelRelease",
-        "savedAt", "savedBy", "generation", "class", "procInfoIndex", "counted", "result",
-        "logicalProcessors", "packages", "cores", "smt", "smtCode", "virtualMachine",
-        "virtualMachineCode", "reportedVerdict", "endedBy", "note", "summary", "kernel",
-        "agreesWithKernel"]
-COUNTS = ["result", "logicalProcessors", "packages", "cores", "smtCode", "virtualMachineCode"]
-# Live rows have the kernel's topology beside them; a saved /proc/cpuinfo has none.
-KERNEL = ["packages", "cores", "logicalProcessors", "smt", "virtualMachine", "offlineProcessors",
-          "usableProcessors", "cpuQuota", "effectiveProcessors", "coreKinds", "onlineCpus",
-          "offlineCpus", "usableCpus", "hypervisorVendor", "virtualizationType", "container",
-          "cpus", "numaNodes", "caches"]
+LISTS = {"row": [], "counts": [], "kernel": []}  # json_keys.txt, a line a list's words
+with open(os.path.join(os.path.dirname(__file__), "json_keys.txt"), encoding="utf-8") as f:
+    for words in (line.split() for line in f if line[0] != "#"):
+        LISTS[words[0]] += words[1:]
+KEYS, COUNTS, KERNEL = LISTS["row"], LISTS["counts"], LISTS["kernel"]
 # A state's code and its word: hyperThreadState 0 is no SMT, 1 off, 2 and 3
 # on; vmState 0 none, 1 VMware (15 is a word only after the CPUID estimate).
 SMT = {0: "notsupported", 1: "off", 2: "on", 3: "on", 15: None}

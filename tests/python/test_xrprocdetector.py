@@ -86,9 +86,7 @@ def test_bad_input_raises_and_leaks_nothing(tmp_path, monkeypatch):
         with pytest.raises(xr.XrProcDetectorError) as raised:
             call()
         messages.append(str(raised.value))
-    assert "/no/such/snapshot" in messages[0]
-    assert '"format" is not "xrprocdetect-snapshot"' in messages[1]
-    assert "not empty" in messages[4]
+    assert "/no/such/snapshot" in messages[0]  # the library's words, as bad_snapshots.sh has them
     descriptors = len(os.listdir("/proc/self/fd"))
     with open("/proc/self/statm") as statm:
         resident = int(statm.read().split()[1])

@@ -114,21 +114,8 @@ TEST(RealMachine, ABudgetReadsWhatTheTopologyReads) {
   EXPECT_EQ(differ, 0);
 }
 
-// Writes `text` into `file`, as echo does into the kernel's files; false
-// where it cannot.
-bool put(const std::string& file, const std::string& text) {
-  return static_cast<bool>(std::ofstream(file) << text);
-}
-
-// The exit status of a child forked to run `body`, which returns it.
-template <class Body>
-int inChild(Body body) {
-  const pid_t child = fork();
-  if (child == 0) _exit(body());
-  int status = -1;
-  waitpid(child, &status, 0);
-  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
+using testsupport::inChild;
+using testsupport::put;
 
 // A group removed under a budget (the process moved out, the group
 // removed, before the budget looks where the process is) is an error that

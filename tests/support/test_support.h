@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -103,6 +104,23 @@ struct Scratch {
   }
   std::filesystem::path path;
 };
+
+// Writes `text` into `file`, as echo does into the kernel's files; false
+// where it cannot.
+inline bool put(const std::string& file, const std::string& text) {
+  return static_cast<bool>(std::ofstream(file) << text);
+}
+
+// The exit status of a child forked to run `body`, which returns it (128 +
+// the signal's number for a child that a signal ended).
+template <class Body>
+int inChild(Body body) {
+  const pid_t child = fork();
+  if (child == 0) _exit(body());
+  int status = -1;
+  waitpid(child, &status, 0);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
 
 // Unblocks SIGSEGV in the calling thread, as a VMware probe that faulted
 // leaves it blocked by design.

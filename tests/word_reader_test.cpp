@@ -2,14 +2,12 @@
 // the extraction, a file whose words straddle the buffer's refills, and a
 // text reader that leaves descriptor 0 alone.
 #include <fcntl.h>
-#include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <cstdio>
 #include <string>
 
 #include "legacy/word_reader.h"
 #include "support/stream_word_reader.h"
+#include "support/test_support.h"
 
 namespace {
 
@@ -82,17 +80,15 @@ TEST(WordReader, FileWordsStraddleRefillsAndOutgrowTheBuffer) {
   const std::string texts[] = {
       text, mixedWords(3 * WordReader::kBufferSize),
       mixedWords(100) + "last" + std::string(2 * WordReader::kBufferSize, '\n')};
+  const testsupport::Scratch scratch;
+  const std::string path = (scratch.path / "cpuinfo").string();
   for (const std::string& t : texts) {
-    char path[] = "/tmp/xrprocdetector-reader-XXXXXX";
-    const int fd = mkstemp(path);
-    ASSERT_GE(fd, 0);
-    ASSERT_EQ(write(fd, t.data(), t.size()), static_cast<ssize_t>(t.size()));
-    close(fd);
+    scratch.write("cpuinfo", t);
+    ASSERT_EQ(testsupport::readFile(path), t);
     for (const std::string script : {"", "\0\0\1\2\0\1"}) {
-      WordReader reader(path);
+      WordReader reader(path.c_str());
       EXPECT_EQ(testsupport::transcript(reader, script), referenceTranscript(t, script));
     }
-    unlink(path);
   }
 }
 

@@ -30,25 +30,14 @@ const std::uint32_t kLeaves[] = {0, 1, 4, 0xb, 0x80000000, 0x80000001, 0x8000000
                                  0x8000001d};
 // clang-format on
 
-struct InMemory : dt::ReplayMachine {
-  using dt::ReplayMachine::ReplayMachine;
-  std::map<std::string, std::string> files;
-  dt::Read file(const std::string& path, std::size_t, std::string* text, std::string*) override {
-    const auto f = files.find(path);
-    if (f == files.end()) return dt::Read::kAbsent;
-    *text = f->second;
-    return dt::Read::kOk;
-  }
-};
-
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   dt::SavedMachine saved;
   saved.affinity = xrprocdetector::CpuSet({0, 1, 2, 3});
-  InMemory m(saved);
-  m.files["sys/devices/system/cpu/online"] = "0-3";
-  m.files["sys/devices/system/node/online"] = "0-2";
+  dt::ReplayMachine m(saved);  // which answers from `saved` as it is when asked
+  saved.files["sys/devices/system/cpu/online"] = "0-3";
+  saved.files["sys/devices/system/node/online"] = "0-2";
   for (std::size_t i = 0; i + 2 <= size;) {
     const unsigned s = data[i];
     const std::string text(reinterpret_cast<const char*>(data + i + 2),
@@ -60,11 +49,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
       saved.cpuid[s & 3].push_back(
           {5, {kLeaves[(s >> 2 & 0xf) % 9], 0, text[0] & 7u, 0}, {out[0], out[1], out[2], out[3]}});
     } else if (s >= 0x80) {
-      m.files["sys/devices/system/node/node" + std::to_string(s % 3) + "/" +
-              kNodeFiles[(s >> 2) % 4]] = text;
+      saved.files["sys/devices/system/node/node" + std::to_string(s % 3) + "/" +
+                  kNodeFiles[(s >> 2) % 4]] = text;
     } else {
-      m.files["sys/devices/system/cpu/cpu" + std::to_string(s & 3) + "/cache/index" +
-              std::to_string(s >> 2 & 3) + "/" + kCacheFiles[(s >> 4) % 7]] = text;
+      saved.files["sys/devices/system/cpu/cpu" + std::to_string(s & 3) + "/cache/index" +
+                  std::to_string(s >> 2 & 3) + "/" + kCacheFiles[(s >> 4) % 7]] = text;
     }
   }
   const xrprocdetector::Topology t = dt::readTopology(m);

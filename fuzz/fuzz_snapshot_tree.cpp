@@ -17,44 +17,29 @@
 
 #include <cstdint>
 #include <cstdlib>
-#include <iterator>
+#include <fstream>
 #include <string>
+#include <vector>
 
 #include <xrprocdetector/detect.h>
 
 namespace {
 
-const char* const kPaths[] = {
-    "proc/cpuinfo", "xrprocdetect.json", "sys/devices/system/cpu/online",
-    "sys/devices/system/cpu/possible", "sys/devices/system/cpu/smt/control",
-    "sys/devices/system/cpu/smt/active", "sys/devices/system/cpu/cpu0/online",
-    "sys/devices/system/cpu/cpu0/topology/physical_package_id",
-    "sys/devices/system/cpu/cpu0/topology/core_cpus_list",
-    "sys/devices/system/cpu/cpu0/topology/thread_siblings",
-    "sys/devices/system/cpu/cpu0/topology/core_id",
-    "sys/devices/system/cpu/cpu1/topology/physical_package_id",
-    "sys/devices/system/cpu/cpu1/topology/thread_siblings_list", "sys/class/dmi/id/sys_vendor",
-    "sys/hypervisor/type", "proc/bus/pci/devices", "sys/bus/pci/devices/0000:00:02.0/vendor",
-    "sys/devices/cpu_core/cpus", "sys/devices/system/cpu/cpu0/cpufreq/base_frequency",
-    "proc/1/environ", "proc/xen/capabilities", "run/systemd/container", ".dockerenv",
-    // The control groups: where they are mounted, the process's own, and
-    // their limits at the top of a mount and one folder below it.
-    "proc/self/mountinfo", "proc/mounts", "proc/self/cgroup", "proc/self/cpuset",
-    "sys/fs/cgroup/cpu.max", "sys/fs/cgroup/cpuset.cpus.effective", "sys/fs/cgroup/a/cpu.max",
-    "sys/fs/cgroup/cpu/cpu.cfs_quota_us", "sys/fs/cgroup/cpu/cpu.cfs_period_us",
-    "sys/fs/cgroup/cpuset/cpuset.cpus", "cpuid/pu0", "cpuid/pu1", "cpuid/pu01", "pu0"};
-constexpr std::size_t kPathCount = sizeof kPaths / sizeof kPaths[0];
+// The lines of fuzz/NAME but its comments ("#").
+std::vector<std::string> lines(const char* name) {
+  std::ifstream in(std::string(XRPROCDETECTOR_FUZZ_DIR "/") + name);
+  std::vector<std::string> out;
+  for (std::string line; std::getline(in, line);)
+    if (!line.empty() && line[0] != '#') out.push_back(line);
+  if (out.empty()) std::abort();
+  return out;
+}
 
-// Numbers at and beyond the edges of the types and ranges that hold them.
-// clang-format off
-const char* const kEdges[] = {
-    "-9223372036854775808", "9223372036854775807", "9223372036854775808", "-2147483649",
-    "2147483648", "4294967296", "2147484000000", "17592186044416", "-1", "0", "1", "999", "1000",
-    "1000000", "1000001", "nan", "inf", "-0", "1e308", "max"};
-// clang-format on
+const std::vector<std::string> kPaths = lines("tree_paths.txt");
+const std::vector<std::string> kEdges = lines("edges.txt");
 
 std::string edge(const std::string& body, std::size_t i) {
-  return kEdges[(i < body.size() ? static_cast<std::uint8_t>(body[i]) : 0) % std::size(kEdges)];
+  return kEdges[(i < body.size() ? static_cast<std::uint8_t>(body[i]) : 0) % kEdges.size()];
 }
 
 // What every tree has unless an entry made it otherwise: two processors on
@@ -74,7 +59,8 @@ void makeParents(const std::string& root, const std::string& path) {
     ::mkdir((root + "/" + path.substr(0, at)).c_str(), 0755);
 }
 
-void place(const std::string& root, std::uint8_t kind, const char* path, const std::string& body) {
+void place(const std::string& root, std::uint8_t kind, const std::string& path,
+           const std::string& body) {
   makeParents(root, path);
   const std::string at = root + "/" + path;
   switch (kind % 7) {
@@ -97,13 +83,13 @@ void place(const std::string& root, std::uint8_t kind, const char* path, const s
       ::symlink(body.empty() ? "/dev/zero" : "/dev/null", at.c_str());
       return;
     case 5:  // a link to another part of the tree, or to itself
-      ::symlink(body.empty() ? path : kPaths[body.size() % kPathCount], at.c_str());
+      ::symlink((body.empty() ? path : kPaths[body.size() % kPaths.size()]).c_str(), at.c_str());
       return;
     default: {  // a number, a pair for cpu.max, or the metadata's counts
       const bool pair = at.size() > 7 && at.compare(at.size() - 7, 7, "cpu.max") == 0;
       const std::string number = edge(body, 0) + (pair ? " " + edge(body, 1) : "");
       return place(root, 0, path,
-                   std::string(path) != "xrprocdetect.json"
+                   path != "xrprocdetect.json"
                        ? number
                        : "{\"configuredProcessors\": " + edge(body, 0) +
                              ", \"onlineProcessors\": " + edge(body, 1) + "}");
@@ -122,7 +108,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   if (::mkdtemp(dir) == nullptr) return 0;
   for (std::size_t i = 0; i + 4 <= size;) {
     const std::uint8_t kind = data[i];
-    const char* path = kPaths[data[i + 1] % kPathCount];
+    const std::string& path = kPaths[data[i + 1] % kPaths.size()];
     const std::size_t length = std::min<std::size_t>(data[i + 2] | data[i + 3] << 8, size - i - 4);
     place(dir, kind, path, std::string(reinterpret_cast<const char*>(data + i + 4), length));
     i += 4 + length;

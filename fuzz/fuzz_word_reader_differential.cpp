@@ -9,21 +9,15 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <sstream>
 #include <string>
 
 #include "legacy/word_reader.h"
 #include "support/stream_word_reader.h"
 
+using testsupport::referenceTranscript;
 using xrprocdetector::detail::WordReader;
 
 namespace {
-
-std::string referenceTranscript(const std::string& bytes, const std::string& script) {
-  std::istringstream in(bytes);
-  testsupport::StreamWordReader reference(in);
-  return testsupport::transcript(reference, script);
-}
 
 void require(bool ok, const char* what) {
   if (ok) return;

@@ -7,21 +7,10 @@
 
 TEST(LogicalTable, RecordsByProcessorAndPackageCoresFromTheFirstRecord) {
   auto t = std::make_unique<xrLogicalTable>();
-  // Processor, core id, cpu cores and physical id of each block. Processor 2
-  // comes twice again: it keeps one record, which gathers core ids 0 and 1
-  // and moves to package c, leaving package b with no record. Package a
-  // counts its first record's 6 cores. Past 32 bits, cpu cores count the
-  // value of strtol, clamped to the range of long, narrowed.
-  // clang-format off
-  const char* blocks[][4] = {
-      {"0", "0", "6", "a"}, {"1", "0", "8", "a"}, {"2", "0", "5", "b"}, {"2", "1", "x", "c"},
-      {"2", "0", "x", "c"}, {"3", "0", "4abc", "d"}, {"4", "0", "-2", "e"}, {"5", "0", "+3", "f"},
-      {"6", "0", " 7", "g"}, {"7", "0", "0x10", "h"}, {"8", "0", "cores", "i"},
-      {"9", "0", "4294967297", "j"}, {"10", "0", "99999999999999999999", "k"},
-      {"11", "0", "-99999999999999999999", "l"}, {"12", "0", "2147483647", "m"},
-      {"13", "0", "2147483647", "n"}};
-  // clang-format on
-  for (const auto& b : blocks) {
+  // The blocks of tables/logical_table.txt, whose comments say what each
+  // tests.
+  for (const auto& b : testsupport::table("tables/logical_table.txt")) {
+    ASSERT_EQ(b.size(), 4u);
     t->findOrAddProcessor(b[0]);
     t->addCoreId(b[1]);
     t->setCpuCores(b[2]);

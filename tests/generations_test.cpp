@@ -72,33 +72,20 @@ TEST(Generations, WholeDetection) {
   }
 }
 
+// The probes on the leaves of each case of tables/cpuid_probes.txt.
 TEST(CpuidProbes, AnswerFromTheLeavesTheirRulesName) {
-  // Highest leaf, leaf 1 EBX and EDX, leaf 4 EAX; the probes' answers:
-  // CpuIDSupported, LogicalProcPerPhysicalProc, HWD_MTSupported, GetAPIC_ID,
-  // IsMultiCoreCapable.
-  const struct {
-    const char* name;
-    std::uint32_t maxLeaf, vendorWord, ebx1, edx1, eax4;
-    unsigned want[5];
-  } cases[] = {
-      // clang-format off
-      // Leaf 0 alone: no other leaf is asked.
-      {"highest leaf 0", 0, 0x756e6547, 0x05080000, 0x10000000, 0x1C000000, {0, 1, 0, 0, 1}},
-      {"leaf 1 and leaf 4", 5, 0x756e6547, 0x05080000, 0x10000000, 0x1C000000,
-       {5, 8, 0x10000000, 5, 8}},
-      {"no processors per package, no flag", 5, 0x756e6547, 0x2A000000, 0, 0, {5, 1, 0, 42, 1}},
-      // The guard meant for a highest leaf below 4 tests the vendor word.
-      {"vendor word below 4", 5, 3, 0, 0, 0x1C000000, {5, 1, 0, 0, 1}},
-      // clang-format on
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
-    scripted::setMachine({{{0, 0}, {c.maxLeaf, c.vendorWord, 0, 0}},
-                          {{1, 0}, {0, c.ebx1, 0, c.edx1}},
-                          {{4, 0}, {c.eax4, 0, 0, 0}}});
+  for (const auto& c : testsupport::table("tables/cpuid_probes.txt")) {
+    SCOPED_TRACE(c[0]);
+    std::vector<std::uint32_t> v;
+    for (std::size_t i = 1; i < c.size(); ++i)
+      v.push_back(std::uint32_t(std::stoul(c[i], nullptr, 0)));
+    ASSERT_EQ(v.size(), 10u);
+    scripted::setMachine(
+        {{{0, 0}, {v[0], v[1], 0, 0}}, {{1, 0}, {0, v[2], 0, v[3]}}, {{4, 0}, {v[4], 0, 0, 0}}});
     XrProcDetectorLinux32 d(tzDebugNone, 0, nullptr, nullptr);
-    const unsigned got[5] = {d.CpuIDSupported(), d.LogicalProcPerPhysicalProc(),
-                             d.HWD_MTSupported(), d.GetAPIC_ID(), d.IsMultiCoreCapable()};
-    EXPECT_EQ(std::vector<unsigned>(got, got + 5), std::vector<unsigned>(c.want, c.want + 5));
+    const std::uint32_t got[5] = {d.CpuIDSupported(), d.LogicalProcPerPhysicalProc(),
+                                  d.HWD_MTSupported(), d.GetAPIC_ID(), d.IsMultiCoreCapable()};
+    EXPECT_EQ(std::vector<std::uint32_t>(got, got + 5),
+              std::vector<std::uint32_t>(v.begin() + 5, v.end()));
   }
 }

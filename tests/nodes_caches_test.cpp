@@ -13,10 +13,6 @@ namespace {
 namespace dt = xrprocdetector::detail;
 using xrprocdetector::Topology;
 
-void topologyOf(dt::Machine& m) {
-  dt::readTopology(m);
-}
-
 // As nodes-caches.txt writes it.
 std::string shown(const Topology& t) {
   std::string out = "nodes:";
@@ -64,7 +60,7 @@ TEST(NodesAndCaches, OfEachTreeAsWorkedOutByHand) {
     const std::string name = block.substr(1, block.find('\n') - 1);
     dt::SavedMachine saved;
     dt::Error error;
-    ASSERT_TRUE(dt::loadSnapshot(testsupport::fixture(name), &saved, &error, topologyOf))
+    ASSERT_TRUE(dt::loadSnapshot(testsupport::fixture(name), &saved, &error, dt::readTopology))
         << error.message();
     dt::ReplayMachine machine(saved);
     const Topology t = dt::readTopology(machine);
@@ -104,7 +100,7 @@ TEST(NodesAndCaches, EachListAndInstanceIsReadOnce) {
   dt::SavedMachine saved;
   dt::Error error;
   ASSERT_TRUE(dt::loadSnapshot(testsupport::fixture("sysroots/numa-two-node-smt-16"), &saved,
-                               &error, topologyOf))
+                               &error, dt::readTopology))
       << error.message();
   saved.affinity = xrprocdetector::CpuSet({0});
   Asking tree(saved);

@@ -21,8 +21,6 @@ TEST(RealMachine, CpuidEstimateAndVMwareProbe) {
   mine.sa_handler = [](int) { _exit(3); };  // a fault that the probe did not take
   sigaction(SIGSEGV, &mine, nullptr);
   XrProcDetectorLinux32 detector(tzDebugNone, 0, nullptr, nullptr);
-  EXPECT_FALSE(detector.IsInsideVMware());  // this machine is no VMware guest
-  testsupport::unblockSegv();               // as the probe's fault left it blocked
   EXPECT_EQ(detector.getCPUIDProcData(), 0);
   testsupport::unblockSegv();  // its affinity given back: TheCallersOwnAffinityIsReadAndGivenBack
   EXPECT_EQ(detector.logicalCount, sysconf(_SC_NPROCESSORS_CONF));
@@ -114,21 +112,8 @@ TEST(RealMachine, ABudgetReadsWhatTheTopologyReads) {
   EXPECT_EQ(differ, 0);
 }
 
-// Writes `text` into `file`, as echo does into the kernel's files; false
-// where it cannot.
-bool put(const std::string& file, const std::string& text) {
-  return static_cast<bool>(std::ofstream(file) << text);
-}
-
-// The exit status of a child forked to run `body`, which returns it.
-template <class Body>
-int inChild(Body body) {
-  const pid_t child = fork();
-  if (child == 0) _exit(body());
-  int status = -1;
-  waitpid(child, &status, 0);
-  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
+using testsupport::inChild;
+using testsupport::put;
 
 // A group removed under a budget (the process moved out, the group
 // removed, before the budget looks where the process is) is an error that

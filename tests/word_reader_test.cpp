@@ -2,25 +2,17 @@
 // the extraction, a file whose words straddle the buffer's refills, and a
 // text reader that leaves descriptor 0 alone.
 #include <fcntl.h>
-#include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <cstdio>
-#include <sstream>
 #include <string>
 
 #include "legacy/word_reader.h"
 #include "support/stream_word_reader.h"
+#include "support/test_support.h"
 
 namespace {
 
+using testsupport::referenceTranscript;
 using xrprocdetector::detail::WordReader;
-
-std::string referenceTranscript(const std::string& bytes, const std::string& script) {
-  std::istringstream in(bytes);
-  testsupport::StreamWordReader reference(in);
-  return testsupport::transcript(reference, script);
-}
 
 // `bytes` bytes of words drawn from trigger words, their near misses and
 // other words, behind every kind of separator, the same for every run.
@@ -37,39 +29,25 @@ std::string mixedWords(std::size_t bytes) {
   return text;
 }
 
+// `text` with each \xHH replaced by the byte HH.
+std::string unescaped(std::string text) {
+  for (std::size_t at; (at = text.find("\\x")) != std::string::npos;)
+    text.replace(at, 4, 1, static_cast<char>(std::stoi(text.substr(at + 2, 2), nullptr, 16)));
+  return text;
+}
+
 TEST(WordReader, ReadsAsStreamExtractionDoes) {
-  // Script bytes: 0 read, 1 until a trigger word, 2 until a colon.
-  const struct {
-    const char* name;
-    std::string text;
-    std::string script;
-  } cases[] = {
-      {"empty", "", std::string(3, '\0')},
-      {"separators only", " \t\n\v\f\r", std::string(3, '\0')},
-      {"the six separators", "a b\tc\nd\ve\ff\rg", std::string(9, '\0')},
-      {"NUL and high bytes are word bytes", std::string("a\0b \x80\xff c", 8),
-       std::string(4, '\0')},
-      {"word at the very end sets end of file", "x y", std::string(3, '\0')},
-      {"reads after end of file keep the word", "last  \n", std::string(4, '\0')},
-      {"trigger words whole and exact", "cpuid Processor cores cpu, core physical processor",
-       std::string(4, '\1')},
-      {"trigger word last", "flags : fpu cpu", "\1\1"},
-      {"colon on a later line", "processor\n\nx\n:\n7", "\1\2\0"},
-      {"no colon", "processor a b", "\1\2\2"},
-      {"candidate letters inside words", "xcpu apcore ccc ppp cpu", "\1\1"},
-      {"no trigger word after the last", "processor : 0 flags : fpu sse\n", "\1\1"},
-      {"short texts", "x processor : 1", "\1"},
-      // Fewer than 16 bytes are searched one at a time: each trigger word's
-      // first two letters there.
-      {"core among the last bytes", "x core id", "\1\1"},
-      {"cpu among the last bytes", "x cpu cores", "\1\1\1"},
-      {"physical among the last bytes", "x physical id", "\1\1"},
-      {"mixed words", mixedWords(4096), "\1\2\0\1\1\0\2"},
-  };
+  // The texts of tables/word_reader.txt, and words of every kind mixed.
+  auto cases = testsupport::table("tables/word_reader.txt");
+  cases.push_back({"mixed words", mixedWords(4096), "1201102"});
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
-    WordReader reader(c.text);
-    EXPECT_EQ(testsupport::transcript(reader, c.script), referenceTranscript(c.text, c.script));
+    SCOPED_TRACE(c[0]);
+    const std::string text = unescaped(c.at(1));
+    std::string script = c.at(2);
+    for (char& step : script)
+      step = static_cast<char>(step - '0');
+    WordReader reader(text);
+    EXPECT_EQ(testsupport::transcript(reader, script), referenceTranscript(text, script));
   }
 }
 
@@ -88,17 +66,15 @@ TEST(WordReader, FileWordsStraddleRefillsAndOutgrowTheBuffer) {
   const std::string texts[] = {
       text, mixedWords(3 * WordReader::kBufferSize),
       mixedWords(100) + "last" + std::string(2 * WordReader::kBufferSize, '\n')};
+  const testsupport::Scratch scratch;
+  const std::string path = (scratch.path / "cpuinfo").string();
   for (const std::string& t : texts) {
-    char path[] = "/tmp/xrprocdetector-reader-XXXXXX";
-    const int fd = mkstemp(path);
-    ASSERT_GE(fd, 0);
-    ASSERT_EQ(write(fd, t.data(), t.size()), static_cast<ssize_t>(t.size()));
-    close(fd);
+    scratch.write("cpuinfo", t);
+    ASSERT_EQ(testsupport::readFile(path), t);
     for (const std::string script : {"", "\0\0\1\2\0\1"}) {
-      WordReader reader(path);
+      WordReader reader(path.c_str());
       EXPECT_EQ(testsupport::transcript(reader, script), referenceTranscript(t, script));
     }
-    unlink(path);
   }
 }
 

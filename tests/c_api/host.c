@@ -48,7 +48,6 @@ static void budget(void) {
   r.size = sizeof r;
   check(xrpd_budget_read(b, &r) == 0 && r.effective_processors >= 1, "a budget reads");
   check(r.usable_processors == xrpd_cpuset_count(&r.usable) && r.error == NULL, "its fields");
-  check(r.effective_processors == xrpd_effective_processors(), "the effective processors");
   xrpd_budget_close(b);
 }
 
@@ -56,12 +55,8 @@ int main(int argc, char** argv) {
   char* error = NULL;
   xrpd_detection old;
   check(argc == 2, "usage: host SNAPSHOT_DIR");
-  check(strlen(xrpd_version()) > 0, "a version");
   if (argc == 2) snapshot(argv[1]);
   budget();
-  check(xrpd_source_snapshot("/no/such/snapshot", &error) == NULL && error != NULL,
-        "a missing snapshot is an error");
-  xrpd_free(error);
   /* A caller that knows only the first fields gets only those. */
   memset(&old, 0x5a, sizeof old);
   old.size = offsetof(xrpd_detection, cores);

@@ -47,12 +47,20 @@ def test_trees_as_the_cpp_api_reads_them(tree):
         (k["hypervisorVendor"], k["virtualizationType"], k["container"])
     if t.online and t.error is None:  # a budget on the tree answers as its topology
         r = xr.Budget(snapshot=path).read()
-        assert (r.usable, r.cpu_quota, r.effective_processors) == \
-            (t.usable, t.cpu_quota, t.effective_processors)
+        assert (r.usable, r.cpu_quota, r.effective_processors, r.error) == \
+            (t.usable, t.cpu_quota, t.effective_processors, None)
     index = {None: -1}
-    assert [(p.cpu, p.package, p.core, p.thread, p.online, p.usable) for p in t.processors] == \
+    assert [(p.cpu, p.package, p.core, p.thread, p.online, p.usable, p.numa_node,
+             p.last_level_cache) for p in t.processors] == \
         [(c["cpu"], index.get(c["package"], c["package"]), index.get(c["core"], c["core"]),
-          index.get(c["thread"], c["thread"]), c["online"], c["usable"]) for c in k["cpus"]]
+          index.get(c["thread"], c["thread"]), c["online"], c["usable"],
+          index.get(c["numaNode"], c["numaNode"]), index.get(c["lastLevelCache"],
+                                                             c["lastLevelCache"])) for c in k["cpus"]]
+    assert [(n.node, n.cpus, n.memory_bytes, n.distances) for n in t.numa_nodes] == \
+        [(n["node"], cpus(n["cpus"]), n["memoryBytes"], n["distances"]) for n in k["numaNodes"]]
+    assert [(c.level, c.type, c.size_bytes, c.line_bytes, c.ways, c.cpus) for c in t.caches] == \
+        [(c["level"], c["type"], c["sizeBytes"], c["lineBytes"], c["ways"], cpus(c["cpus"]))
+         for c in k["caches"]]
     for row in rows:
         d = xr.detect(row["generation"], snapshot=path)
         assert (d.counted, d.note) == (row["counted"], row["note"])
@@ -78,9 +86,7 @@ def test_bad_input_raises_and_leaks_nothing(tmp_path, monkeypatch):
         with pytest.raises(xr.XrProcDetectorError) as raised:
             call()
         messages.append(str(raised.value))
-    assert "/no/such/snapshot" in messages[0]
-    assert '"format" is not "xrprocdetect-snapshot"' in messages[1]
-    assert "not empty" in messages[4]
+    assert "/no/such/snapshot" in messages[0]  # the library's words, as bad_snapshots.sh has them
     descriptors = len(os.listdir("/proc/self/fd"))
     with open("/proc/self/statm") as statm:
         resident = int(statm.read().split()[1])
@@ -126,15 +132,10 @@ def test_paths_the_library_cannot_take_raise_its_error(tmp_path, bad):
     assert os.listdir(tmp_path) == []
 
 
-def test_nodes_caches_and_places_of_a_two_node_machine():
+def test_places_of_a_two_node_machine():
+    """Its nodes and caches are the tool's (test_trees_as_the_cpp_api_reads_them)."""
     t = xr.topology(snapshot=os.path.join(SYSROOTS, "numa-two-node-smt-16"))
     halves = [set(range(0, 4)) | set(range(8, 12)), set(range(4, 8)) | set(range(12, 16))]
-    assert [(n.node, n.cpus, n.distances) for n in t.numa_nodes] == \
-        [(0, halves[0], [10, 21]), (1, halves[1], [21, 10])]
-    l3 = [c for c in t.caches if c.level == 3]
-    assert [(c.type, c.size_bytes, c.cpus) for c in l3] == \
-        [("unified", 5632 * 1024, halves[0]), ("unified", 5632 * 1024, halves[1])]
-    assert t.processors[9].numa_node == 0 and t.caches[t.processors[9].last_level_cache] == l3[0]
     assert xr.places(t, "ll_caches") == xr.places(t, "numa_domains") == xr.places(t, "sockets") \
         == halves
     assert xr.places(t, "cores")[:2] == [{0, 8}, {1, 9}] and len(xr.places(t, "threads")) == 16
@@ -143,24 +144,19 @@ def test_nodes_caches_and_places_of_a_two_node_machine():
 
 
 def test_bind_thread_pins_or_says_why():
-    import threading
-    errors = []
+    """On a thread of its own, whose failures come back with its result."""
+    import concurrent.futures
 
     def pin():
-        try:
-            last = max(os.sched_getaffinity(0))
-            xr.bind_thread({last})
-            assert os.sched_getaffinity(0) == {last}
-            for bad in (set(), {8191}, {-1}):
-                with pytest.raises(xr.XrProcDetectorError):
-                    xr.bind_thread(bad)
-            assert os.sched_getaffinity(0) == {last}
-        except BaseException as e:  # pytest.raises fails with a BaseException; reported below
-            errors.append(e)
-    thread = threading.Thread(target=pin)
-    thread.start()
-    thread.join()
-    assert errors == []
+        last = max(os.sched_getaffinity(0))
+        xr.bind_thread({last})
+        assert os.sched_getaffinity(0) == {last}
+        for bad in (set(), {8191}, {-1}):
+            with pytest.raises(xr.XrProcDetectorError):
+                xr.bind_thread(bad)
+        assert os.sched_getaffinity(0) == {last}
+    with concurrent.futures.ThreadPoolExecutor(1) as thread:
+        thread.submit(pin).result()
 
 
 def test_effective_processors_without_sys_counts_the_affinity():

@@ -6,7 +6,6 @@
 #include <setjmp.h>
 #include <sys/mman.h>
 #include <sys/mount.h>
-#include <sys/wait.h>
 
 #include <atomic>
 #include <optional>
@@ -93,35 +92,29 @@ TEST(Reliability, RepeatedDetectionCountsAlikeEvenOnASmallStack) {
 // VMware. The process lives on, and after each call SIGSEGV is unblocked and
 // the handler set before is still the one in place.
 TEST(Reliability, RepeatedLiveDetectionGivesTheThreadBackAfterAFaultedProbe) {
-  if (geteuid() != 0) GTEST_SKIP() << "needs root for a mount namespace";
-  const pid_t child = fork();
-  ASSERT_GE(child, 0);
-  if (child == 0) {
-    char text[] = "/tmp/reliability-cpuinfo-XXXXXX";
-    const int fd = mkstemp(text);
-    const char cpuinfo[] = "processor\t: 0\nflags\t\t: fpu\n\nprocessor\t: 1\nflags\t\t: fpu\n\n";
-    if (fd < 0 || write(fd, cpuinfo, sizeof cpuinfo - 1) < 0 || unshare(CLONE_NEWNS) != 0 ||
+  const int status = testsupport::inChild([] {
+    const std::string text = "/tmp/reliability-cpuinfo-" + std::to_string(getpid());
+    if (!testsupport::put(text,
+                          "processor\t: 0\nflags\t\t: fpu\n\nprocessor\t: 1\nflags\t\t: fpu\n\n") ||
+        unshare(CLONE_NEWNS) != 0 ||
         mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-        mount(text, "/proc/cpuinfo", nullptr, MS_BIND, nullptr) != 0)
-      _exit(77);
-    unlink(text);
+        mount(text.c_str(), "/proc/cpuinfo", nullptr, MS_BIND, nullptr) != 0)
+      return 77;
+    unlink(text.c_str());
     const sighandler_t mine = [](int) { _exit(3); };
     signal(SIGSEGV, mine);
     for (int n = 0; n < 3; ++n) {
       const auto d = xrprocdetector::detect(xrprocdetector::Generation::kDefault);
-      if (!d.counted || d.endedBy == xrprocdetector::Strategy::kCpuinfo) _exit(4);
+      if (!d.counted || d.endedBy == xrprocdetector::Strategy::kCpuinfo) return 4;
       sigset_t mask;
       pthread_sigmask(SIG_SETMASK, nullptr, &mask);
-      if (signal(SIGSEGV, mine) != mine || sigismember(&mask, SIGSEGV)) _exit(5);
+      if (signal(SIGSEGV, mine) != mine || sigismember(&mask, SIGSEGV)) return 5;
     }
-    _exit(0);
-  }
-  int status = 0;
-  ASSERT_EQ(waitpid(child, &status, 0), child);
-  ASSERT_TRUE(WIFEXITED(status)) << "the child died of signal " << WTERMSIG(status);
-  if (WEXITSTATUS(status) == 77) GTEST_SKIP() << "no private mount namespace here";
-  EXPECT_EQ(WEXITSTATUS(status), 0) << "3: a fault reached the host's handler; 4: not the CPUID "
-                                       "strategy; 5: the handler or the mask not given back";
+    return 0;
+  });
+  if (status == 77) GTEST_SKIP() << "needs root and a mount namespace of its own (unshare)";
+  EXPECT_EQ(status, 0) << "3: a fault reached the host's handler; 4: not the CPUID strategy; 5: "
+                          "the handler or the mask not given back; 128 + N: killed by signal N";
 }
 
 // Another thread that blocks every signal saves this machine 200 times,

@@ -24,24 +24,15 @@ class ScriptedMachine : public dt::LiveMachine {
 
   bool affinity(xrprocdetector::CpuSet* set) override {
     if (scripted::affinityUnreadable) return false;
-    std::vector<unsigned> cpus;
-    for (unsigned c = 0; c < CPU_SETSIZE; ++c) {
-      if (CPU_ISSET(c, &scripted::affinity)) cpus.push_back(c);
-    }
-    *set = xrprocdetector::CpuSet(std::move(cpus));
+    *set = scripted::affinity;
     return true;
   }
 
   // A pinning that names none of the allowed processors is refused, as the
   // kernel refuses it.
   bool pin(const xrprocdetector::CpuSet& set) override {
-    cpu_set_t named;
-    CPU_ZERO(&named);
-    for (const unsigned c : set) {
-      if (c < CPU_SETSIZE && CPU_ISSET(c, &scripted::allowed)) CPU_SET(c, &named);
-    }
-    if (CPU_COUNT(&named) == 0) return false;
-    scripted::affinity = named;
+    if ((set & scripted::allowed).empty()) return false;
+    scripted::affinity = set & scripted::allowed;
     return true;
   }
 };

@@ -5,11 +5,10 @@
 #ifndef XRPROCDETECTOR_TESTS_SUPPORT_SCRIPTED_HARDWARE_H
 #define XRPROCDETECTOR_TESTS_SUPPORT_SCRIPTED_HARDWARE_H
 
-#include <sched.h>
-
 #include <cstdint>
 #include <cstring>
 #include <map>
+#include <vector>
 
 #include "machine/machine.h"
 #include "support/test_support.h"
@@ -24,7 +23,7 @@ enum class Backdoor { kFault, kMagic, kOtherAnswer };
 inline std::map<std::pair<std::uint32_t, std::uint32_t>, Registers> cpuid;  // by leaf, sub-leaf
 inline Backdoor backdoor;
 inline int cpuidQueries, backdoorQueries;
-inline cpu_set_t allowed, affinity;
+inline xrprocdetector::CpuSet allowed, affinity;
 inline bool affinityUnreadable;  // sched_getaffinity fails
 
 // The machine from now on: CPUID answers by (leaf, sub-leaf), all zeros for
@@ -37,10 +36,10 @@ inline void setMachine(std::map<std::pair<std::uint32_t, std::uint32_t>, Registe
   cpuid = std::move(answers);
   backdoor = port;
   cpuidQueries = backdoorQueries = 0;
-  CPU_ZERO(&allowed);
-  for (int cpu = 0; cpu < 32; ++cpu)
-    if (processors >> cpu & 1) CPU_SET(cpu, &allowed);
-  affinity = allowed;
+  std::vector<unsigned> cpus;
+  for (unsigned cpu = 0; cpu < 32; ++cpu)
+    if (processors >> cpu & 1) cpus.push_back(cpu);
+  affinity = allowed = xrprocdetector::CpuSet(cpus);
   affinityUnreadable = false;
   testsupport::unblockSegv();
 }
@@ -55,8 +54,8 @@ inline Registers vendor(std::uint32_t maxLeaf, const char* name) {
 // The thread's affinity, e.g. "0 1 2 3".
 inline std::string affinityText() {
   std::string cpus;
-  for (int cpu = 0; cpu < CPU_SETSIZE; ++cpu)
-    if (CPU_ISSET(cpu, &affinity)) cpus += (cpus.empty() ? "" : " ") + std::to_string(cpu);
+  for (const unsigned cpu : affinity)
+    cpus += (cpus.empty() ? "" : " ") + std::to_string(cpu);
   return cpus;
 }
 

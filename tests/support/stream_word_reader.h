@@ -4,7 +4,7 @@
 #ifndef XRPROCDETECTOR_TESTS_SUPPORT_STREAM_WORD_READER_H
 #define XRPROCDETECTOR_TESTS_SUPPORT_STREAM_WORD_READER_H
 
-#include <istream>
+#include <sstream>
 #include <string>
 #include <string_view>
 
@@ -61,6 +61,13 @@ std::string transcript(Reader& r, std::string_view script) {
   xrprocdetector::detail::walkCpuinfo(r, log);
   log.add('E', r.word());
   return log.text;
+}
+
+// The transcript of `stream >> word` over `bytes`.
+inline std::string referenceTranscript(const std::string& bytes, std::string_view script) {
+  std::istringstream in(bytes);
+  StreamWordReader reference(in);
+  return transcript(reference, script);
 }
 
 }  // namespace testsupport

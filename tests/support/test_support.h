@@ -1,11 +1,12 @@
-// What the test programs share: Google Test, the files of tests/data, a
-// detector of each generation, its counts, and a capture of what a detector
-// writes.
+// What the test programs share: Google Test, the files and tables of
+// tests/data, a detector of each generation, its counts, and a capture of
+// what a detector writes.
 #ifndef XRPROCDETECTOR_TESTS_SUPPORT_TEST_SUPPORT_H
 #define XRPROCDETECTOR_TESTS_SUPPORT_TEST_SUPPORT_H
 
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -13,6 +14,8 @@
 #include <iterator>
 #include <memory>
 #include <regex>
+#include <sstream>
+#include <vector>
 
 #include "support/cpuinfo_machine.h"
 #include "xrprocdetector/xrprocdetector_legacy_53.h"
@@ -43,6 +46,23 @@ inline std::string expected(const std::string& name) {
   text = std::regex_replace(text, std::regex("\n#[^\n]*(?=\n)"), "").substr(1);
   text = std::regex_replace(text, std::regex("@CONF@"), conf);
   return std::regex_replace(text, std::regex("@ONLN@"), online);
+}
+
+// The rows of the table tests/data/NAME: each line that is neither blank
+// nor a comment ("#"), split at each " | ". A table that cannot be read, or
+// holds no row, fails the test.
+inline std::vector<std::vector<std::string>> table(const std::string& name) {
+  std::vector<std::vector<std::string>> rows;
+  std::istringstream lines(readFile(fixture(name)));
+  for (std::string line; std::getline(lines, line);) {
+    if (line.empty() || line[0] == '#') continue;
+    rows.emplace_back();
+    for (std::size_t bar; (bar = line.find(" | ")) != std::string::npos; line.erase(0, bar + 3))
+      rows.back().push_back(line.substr(0, bar));
+    rows.back().push_back(line);
+  }
+  EXPECT_FALSE(rows.empty()) << name;
+  return rows;
 }
 
 template <class Detector>
@@ -84,6 +104,23 @@ struct Scratch {
   }
   std::filesystem::path path;
 };
+
+// Writes `text` into `file`, as echo does into the kernel's files; false
+// where it cannot.
+inline bool put(const std::string& file, const std::string& text) {
+  return static_cast<bool>(std::ofstream(file) << text);
+}
+
+// The exit status of a child forked to run `body`, which returns it (128 +
+// the signal's number for a child that a signal ended).
+template <class Body>
+int inChild(Body body) {
+  const pid_t child = fork();
+  if (child == 0) _exit(body());
+  int status = -1;
+  waitpid(child, &status, 0);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
 
 // Unblocks SIGSEGV in the calling thread, as a VMware probe that faulted
 // leaves it blocked by design.

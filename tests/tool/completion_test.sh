@@ -2,7 +2,7 @@
 # The bash completion of xrprocdetect: options, generation names, files and
 # directories, as bash would ask for them.
 #
-#   completion_test.sh COMPLETION_FILE
+#   completion_test.sh COMPLETION_FILE CASES (completion.txt)
 set -euo pipefail
 # shellcheck source=/dev/null
 source "$1"
@@ -25,18 +25,10 @@ check() {
   [ "$got" = "$want" ] || { echo "xrprocdetect ${words[*]}: got '$got', expected '$want'" && failed=1; }
 }
 
-# The options by prefix (every option is in the completion's list: options_agree.sh).
-check --s -- --snapshot --save --summary
-check --json -- --json --json-lines --json-schema
-check --json-schema = '' -- 1 2
-check -a '' -- default 7.0 6.1 6.0 5.3
-check --algorithm 6 -- 6.1 6.0
-check --algorithm = 7 -- 7.0
-check --cpuinfo "$dir/" -- "$dir/a.cpuinfo" "$dir/b.txt" "$dir/sub"
-check --snapshot "$dir/" -- "$dir/sub"
-check --all --save "$dir/s" -- "$dir/sub"
-# Operands after --snapshot or --cpuinfo are more inputs of the same kind.
-check --snapshot a "$dir/" -- "$dir/sub"
-check --cpuinfo a --all "$dir/" -- "$dir/a.cpuinfo" "$dir/b.txt" "$dir/sub"
-check --all "$dir/" --
+# The cases of completion.txt, each a line of words as the shell reads them
+# ("$dir" the scratch directory, which holds a.cpuinfo, b.txt and sub/).
+while IFS= read -r line; do
+  case "$line" in '' | '#'*) continue ;; esac
+  eval "check $line"
+done <"$2"
 exit $failed

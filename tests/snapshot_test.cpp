@@ -154,8 +154,10 @@ std::size_t cgroupWork(int lines) {
   tree.write("proc/self/mountinfo", mounts);
   tree.write("proc/self/cgroup", groups);
   tree.write("sys/devices/system/cpu/online", "0-3\n");
-  const auto source = xrprocdetector::Source::snapshot(tree.path.string());
-  return allocatedBy([&] { EXPECT_EQ(xrprocdetector::topology(*source).usable.count(), 4u); });
+  return allocatedBy([&] {  // the Source reads its topology when it is made
+    const auto source = xrprocdetector::Source::snapshot(tree.path.string());
+    EXPECT_EQ(xrprocdetector::topology(*source).usable.count(), 4u);
+  });
 }
 
 // Four times the mounts and lines, at most four times the work, where

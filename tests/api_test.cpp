@@ -195,6 +195,9 @@ TEST(Topology, SetsTheFilesDoNotTellAreUnknown) {
     ASSERT_EQ(xrpd_topology_get(h, &i), 0);
     xrpd_topology_close(h);
     EXPECT_EQ(i.unknown_sets, unknown) << source->name();
+    // The counts of the entries the C interface serves.
+    EXPECT_EQ(i.caches, static_cast<std::int32_t>(t.caches.size())) << source->name();
+    EXPECT_EQ(i.numa_nodes, static_cast<std::int32_t>(t.numaNodes.size())) << source->name();
     EXPECT_TRUE(unknown != all || (i.packages == -1 && i.cores == -1 && i.smt == -1 &&
                                    i.effective_processors == -1 && i.processors == 0))
         << source->name();

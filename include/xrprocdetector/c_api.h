@@ -205,6 +205,8 @@ typedef struct xrpd_topology_info {
   const char* cpu_model;      /**< /proc/cpuinfo's first "model name" */
   const char* cpu_vendor;     /**< /proc/cpuinfo's first "vendor_id" */
   uint32_t unknown_sets; /**< XRPD_SET_* bits of the sets above the files do not tell (empty) */
+  int32_t numa_nodes;    /**< entries for xrpd_topology_numa_node */
+  int32_t caches;        /**< entries for xrpd_topology_cache */
 } xrpd_topology_info;
 
 /** Bits of xrpd_topology_info's unknown_sets (since 2.2.0). */

@@ -350,6 +350,9 @@ inline Topology topology(const Source& source) noexcept {
   t.present = CpuSet::fromC(i.present);
   t.offline = CpuSet::fromC(i.offline);
   t.usable = CpuSet::fromC(i.usable);
+  // Sets are 1 KiB: each vector of them is made once, at its size.
+  t.cores.reserve(static_cast<std::size_t>(std::max(i.cores, 0)));
+  t.caches.reserve(static_cast<std::size_t>(std::max(i.caches, 0)));
   bridge::processorsOf(h, t);
   bridge::setsOf(h, t);
   bridge::placesOf(h, t);

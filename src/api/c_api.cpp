@@ -263,7 +263,8 @@ int xrpd_topology_get(const xrpd_topology* topology, xrpd_topology_info* out) {
       text(t.virtualizationType), text(t.container),
       topology->error.empty() ? nullptr : topology->error.c_str(), t.present.c(),
       t.missing.empty() ? nullptr : t.missing.c_str(), text(t.hostname), text(t.kernelRelease),
-      text(t.cpuModel), text(t.cpuVendor), t.unknownSets};
+      text(t.cpuModel), text(t.cpuVendor), t.unknownSets,
+      static_cast<std::int32_t>(t.numaNodes.size()), static_cast<std::int32_t>(t.caches.size())};
   // clang-format on
   return fill(out, full) ? 0 : -1;
 }

@@ -234,11 +234,28 @@ void readCaches(SystemRoot& root, Topology& t) {
   SystemRoot cpus(root, "sys/devices/system/cpu");
   fromFolders(cpus, t.online, &t.caches);
   if (t.caches.empty()) fromCpuid(root, t, &t.caches);
-  const auto order = [](const Cache& c) {
-    return std::make_tuple(c.level, c.type, *c.processors.begin());
-  };
-  std::stable_sort(t.caches.begin(), t.caches.end(),
-                   [&order](const Cache& a, const Cache& b) { return order(a) < order(b); });
+  // In order of level, type and lowest processor: their numbers are
+  // sorted, then each cache moved once, along the cycles of that order (a
+  // cache is 1 KiB; a merge sort moves each many times, through a buffer of
+  // them all).
+  std::vector<std::tuple<std::int32_t, CacheType, unsigned, std::size_t>> order;
+  for (std::size_t i = 0; i < t.caches.size(); ++i) {
+    const Cache& c = t.caches[i];
+    order.emplace_back(c.level, c.type, *c.processors.begin(), i);
+  }
+  std::sort(order.begin(), order.end());
+  for (std::size_t i = 0; i < order.size(); ++i) {
+    if (std::get<3>(order[i]) == i) continue;  // in place
+    const Cache first = t.caches[i];
+    std::size_t at = i;
+    for (std::size_t from = std::get<3>(order[at]); from != i; from = std::get<3>(order[at])) {
+      t.caches[at] = t.caches[from];
+      std::get<3>(order[at]) = at;
+      at = from;
+    }
+    t.caches[at] = first;
+    std::get<3>(order[at]) = at;
+  }
   // Each processor's last-level cache: the last in that order holding it.
   // The processors are in increasing order of number.
   for (std::size_t i = 0; i < t.caches.size(); ++i) {

@@ -115,6 +115,7 @@ void placeAll(SystemRoot& cpus, Topology& t, int* maxThreads) {
   bool coresKnown = true;
   std::vector<CpuSet> packages;
   std::vector<CpuSet> cores;
+  cores.reserve(t.processors.size());  // 1 KiB each: grown, each would be copied
   for (Processor& p : t.processors) {
     if (!p.online) continue;
     place(cpus, p, known);

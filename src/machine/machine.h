@@ -208,8 +208,11 @@ class TreeMachine : public ReplayMachine {
   TreeMachine(const TreeMachine&) = delete;
   TreeMachine& operator=(const TreeMachine&) = delete;
   // The file at `path` within `cap`, read once: *text stays valid as long
-  // as this machine. Not kept in `saved`.
-  Read find(const std::string& path, std::size_t cap, const std::string** text, std::string* why);
+  // as this machine. Not kept in `saved`. With `taken`, the bytes are moved
+  // there and forgotten here (another name reads the file again): for the
+  // first files read, such as /proc/cpuinfo, held by the caller alone.
+  Read find(const std::string& path, std::size_t cap, const std::string** text, std::string* why,
+            std::string* taken = nullptr);
   Read file(const std::string& path, std::size_t cap, std::string* text, std::string* why) override;
   Read entries(const std::string& path, std::vector<std::string>* names) override;
   // The affinity as saved now, after the metadata that holds it.

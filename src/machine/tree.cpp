@@ -34,7 +34,7 @@ Read TreeMachine::unopened(const std::string& path, std::string* why) {
 }
 
 Read TreeMachine::find(const std::string& path, std::size_t cap, const std::string** text,
-                       std::string* why) {
+                       std::string* why, std::string* taken) {
   if (!error_.empty()) return *why = error_.why, Read::kFailed;
   // A file is looked at before it is opened, so that a FIFO or a device put
   // in a tree is never opened, let alone read. A path with no link on it is
@@ -65,7 +65,10 @@ Read TreeMachine::find(const std::string& path, std::size_t cap, const std::stri
     known = read_.emplace(std::pair(st.st_dev, st.st_ino), std::move(bytes)).first;
   }
   if (known->second.size() > cap) return *why = largerThan(cap), Read::kFailed;
-  *text = &known->second;
+  *text = taken != nullptr ? taken : &known->second;
+  if (taken == nullptr) return Read::kOk;
+  *taken = std::move(known->second);  // the caller's alone: another name reads it again
+  read_.erase(known);
   return Read::kOk;
 }
 

@@ -17,14 +17,13 @@ namespace detail {
 
 namespace {
 
-// Reads `path` under the root into *text, copied once. kFailed sets
+// Reads `path` under the root into *text, not copied. kFailed sets
 // *error, naming the file.
 Read readPart(TreeMachine& root, const std::string& path, std::size_t cap, std::string* text,
               Error* error) {
   std::string why;
   const std::string* found = nullptr;
-  const Read r = root.find(path, cap, &found, &why);
-  if (r == Read::kOk) *text = *found;
+  const Read r = root.find(path, cap, &found, &why, text);
   if (r == Read::kFailed) fail(error, root.shown(path), why);
   return r;
 }

@@ -2,16 +2,12 @@
 // index, a save raced by a link, processor
 // sets, and the reader of a system root and its parsers.
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
-#include <csignal>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <thread>
 
 #include <xrprocdetector/detect.h>

@@ -19,6 +19,7 @@
 namespace {
 
 using namespace xrprocdetector;
+namespace dt = xrprocdetector::detail;
 namespace fs = std::filesystem;
 
 // Two processors of one package, core ids 0 and 1, "cpu cores" 2.
@@ -72,7 +73,6 @@ TEST(Snapshot, AFailedSaveNeverRemovesThroughALinkPutInPlaceOfItsDirectory) {
 // a folder listed or a root's directory may be given it, and it is open
 // like any other.
 TEST(Parsers, DescriptorZeroIsOpenLikeAnyOther) {
-  namespace dt = xrprocdetector::detail;
   const Scratch scratch;
   const fs::path online = scratch.path / "sys/devices/system/cpu/online";
   scratch.write("sys/devices/system/cpu/online", "0-1\n");
@@ -104,7 +104,6 @@ TEST(Parsers, DescriptorZeroIsOpenLikeAnyOther) {
 // read. A link that leads nowhere in the tree, or round in a loop, is a
 // broken file. The paths and their answers: tables/saved_tree_paths.txt.
 TEST(Parsers, PathsInASavedTreeResolveInsideIt) {
-  namespace dt = xrprocdetector::detail;
   const Scratch scratch;
   const fs::path tree = scratch.path / "tree";
   for (const char* file : {"outside/cpu.max", "tree/sys/fs/cgroup/cpu.max", "tree/outside/cpu.max",
@@ -198,7 +197,6 @@ TEST(Topology, SetsTheFilesDoNotTellAreUnknown) {
 }
 
 TEST(Parsers, MasksAndJsonStrings) {
-  namespace dt = xrprocdetector::detail;
   CpuSet cpus;
   std::string error;
   // Hexadecimal words, most significant first: every digit's bits.

@@ -232,9 +232,7 @@ TEST(Snapshot, ARecordingKeepsWhatItsMachineSaid) {
   const auto& saved = recording.saved().cpuid;
   EXPECT_EQ(saved.at(1).size(), 10u + 2 + 3 + 2 + 256);
   EXPECT_EQ(saved.at(2).size(), 10u + 2 + 3 + 256 + 1);
-  EXPECT_EQ(dt::dumpAnswer(saved.at(2), 0x20, 0).eax, 7u);
   EXPECT_EQ(dt::dumpAnswer(saved.at(1), 1, 0).ecx, 1u << 31);
-  EXPECT_EQ(dt::dumpAnswer(saved.at(1), 0xb, 1).ecx, 0x201u);
 }
 
 }  // namespace

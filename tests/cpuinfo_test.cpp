@@ -5,7 +5,7 @@
 
 #include "support/test_support.h"
 
-TEST(LogicalTable, RecordsByProcessorAndPackageCoresFromTheFirstRecord) {
+TEST(LogicalTable, RecordsByProcessorAndPackageCoresFromTheFirstRecordUpToCapacity) {
   auto t = std::make_unique<xrLogicalTable>();
   // The blocks of tables/logical_table.txt, whose comments say what each
   // tests.
@@ -25,15 +25,12 @@ TEST(LogicalTable, RecordsByProcessorAndPackageCoresFromTheFirstRecord) {
     cores += std::to_string(t->packages[i].cores) + " ";
   EXPECT_EQ(cores, "6 0 0 4 -2 3 7 0 0 1 -1 0 2147483647 2147483647 ");
   EXPECT_EQ(t->totalCores(), 16);  // 18 + 2^32 - 2, in 32 bits
-}
-
-TEST(LogicalTable, ARecordStopsAddingCoreIdsAtItsCapacity) {
-  auto t = std::make_unique<xrLogicalTable>();
-  t->findOrAddProcessor("0");
+  // A record stops adding core ids at its capacity, 256.
+  t->findOrAddProcessor("capacity");
   for (int id = 0; id < 300; ++id)
     t->addCoreId(std::to_string(id));
   t->addCoreId("7");  // already there: nothing changes
-  const xrLogicalData& record = t->records[0];
+  const xrLogicalData& record = t->records[t->logical - 1];
   EXPECT_EQ(record.coreIdCount, 256);
   EXPECT_EQ(record.coreIds[255], "255");
 }

@@ -53,16 +53,13 @@ TEST(Detector, TheBaseClassCountsOnlyWhatTheSystemSays) {
 }
 
 TEST(Verdict, StoredByPlatformHyperThreadingAndOnlyWrittenByPrintSummary) {
-  // Logical, cores, physical: tests/data/expected/verdicts.txt has the state
-  // and report of each.
-  const int rows[][3] = {{8, 4, 1}, {4, 4, 1},  {16, 8, 2}, {2, 2, 2},
-                         {2, 4, 1}, {4, 1, 1},  {1, 1, 1},  {6, 4, 1},
-                         {4, 0, 1}, {3, -2, 1}, {-6, 4, 1}, {65535, 65535, 65535}};
+  // The counts of tables/verdicts.txt.
   std::string reports;
-  for (const auto& row : rows) {
+  for (const auto& row : testsupport::table("tables/verdicts.txt")) {
     testsupport::OutputCapture capture;
     XrProcDetector d(tzDebugSteps, 0, capture.stream(), nullptr);
-    d.logicalCount = row[0], d.coreCount = row[1], d.physicalCount = row[2];
+    d.logicalCount = std::stoi(row.at(0)), d.coreCount = std::stoi(row.at(1));
+    d.physicalCount = std::stoi(row.at(2));
     d.hyperThreadState = 3;  // as the CPUID estimate may leave it
     EXPECT_EQ(d.printSummary(), 0);
     EXPECT_EQ(d.hyperThreadState, 3);

@@ -7,7 +7,6 @@
 #include <atomic>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <new>
 #include <sstream>
 
@@ -193,18 +192,47 @@ TEST(Snapshot, ASourceKeepsWhatItsTreeHeld) {
         << t.online.toList() << " " << t.error.message();
 }
 
-// A processor without a dump is missing. (A leaf that a dump lacks answers
-// zeros in every register, as a processor answers a leaf beyond its highest:
-// the sub-leaves past a terminator in SavedOnIntelAndAmdProcessorsAndReplayedExactly.)
-TEST(Snapshot, AProcessorWithoutADumpIsMissing) {
-  dt::SavedMachine s;
-  s.affinity = xrprocdetector::CpuSet({0, 1});
-  s.cpuid[1] = {{1, {0, 0, 0, 0}, {0xd, 1, 2, 3}}};
-  dt::ReplayMachine replay(s);
+// A recording keeps what its machine said: process 1's environment cut to
+// its container= entry (and the NUL that ends it), the configured count in
+// its place, the VMware port's answer, and each processor's whole CPUID
+// dump: leaves 0 to 0xb, leaf 4's sub-leaves to the one of cache type 0 and
+// leaf 0xb's to the one of level type 0, the hypervisor range only where
+// leaf 1's ECX bit 31 opens it, at most 256 extended leaves however many
+// leaf 0x80000000 names, and an answer asked while pinned that the dump
+// does not give. The machine it records is a replay, where a processor
+// without a dump is missing (a leaf a dump lacks answers zeros, as the
+// sub-leaves past a terminator in
+// SavedOnIntelAndAmdProcessorsAndReplayedExactly).
+TEST(Snapshot, ARecordingKeepsWhatItsMachineSaid) {
+  dt::SavedMachine inner;
+  inner.affinity = xrprocdetector::CpuSet({0, 1, 2});
+  inner.configured = 4;
+  inner.vmwareBackdoor = true;
+  inner.files["proc/1/environ"] = std::string("container=podman\0TOKEN=x\0", 25);
+  for (const auto& [q, r] : scriptedProcessor("recorded"))
+    inner.cpuid[1].push_back({5, {q.first, 0, q.second, 0}, {r.eax, r.ebx, r.ecx, r.edx}});
+  inner.cpuid[2] = inner.cpuid[1];
+  inner.cpuid[2][1].out[2] = 0;  // leaf 1: no hypervisor
+  inner.cpuid[2].push_back({1, {0x20}, {7, 0, 0, 0}});
+  dt::ReplayMachine replay(inner);
   EXPECT_THROW(replay.cpuid(0, 0), dt::Missing);  // on processor 0 at first, which has no dump
-  ASSERT_TRUE(replay.pin(xrprocdetector::CpuSet({1, 2})));
-  EXPECT_EQ(replay.cpuid(0, 0).edx, 3u);
-  EXPECT_FALSE(replay.pin(xrprocdetector::CpuSet({2})));  // outside the saved affinity
+  ASSERT_TRUE(replay.pin(xrprocdetector::CpuSet({1, 2, 3})));
+  EXPECT_FALSE(replay.pin(xrprocdetector::CpuSet({3})));  // outside the saved affinity
+  dt::RecordingMachine recording(replay);                 // on 1 and 2
+  std::string text, why;
+  recording.file("proc/1/environ", 64, &text, &why);
+  EXPECT_EQ(recording.files().at("proc/1/environ"), std::string("container=podman\0", 17));
+  recording.processorCount(_SC_NPROCESSORS_CONF);
+  recording.backdoor();
+  EXPECT_TRUE(recording.saved().configured == 4 && recording.saved().vmwareBackdoor);
+  ASSERT_TRUE(recording.pin(xrprocdetector::CpuSet({2})));
+  recording.cpuid(0x20, 0);
+  dt::Error error;
+  ASSERT_TRUE(recording.dumpEveryProcessor(&error)) << error.message();
+  const auto& saved = recording.saved().cpuid;
+  EXPECT_EQ(saved.at(1).size(), 10u + 2 + 3 + 2 + 256);
+  EXPECT_EQ(saved.at(2).size(), 10u + 2 + 3 + 256 + 1);
+  EXPECT_EQ(dt::dumpAnswer(saved.at(1), 1, 0).ecx, 1u << 31);
 }
 
 }  // namespace

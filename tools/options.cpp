@@ -83,10 +83,6 @@ std::string spelled(int shortName, const char* longName, const char* written) {
   return "--" + std::string(longName);
 }
 
-}  // namespace
-
-namespace {
-
 // The options that only switch something on.
 bool Options::*flagOf(int c) {
   static const std::pair<int, bool Options::*> kFlags[] = {

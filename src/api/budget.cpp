@@ -99,8 +99,7 @@ class BudgetState {
     std::string_view text;
     std::string why;
     if (!onlineList_) {
-      SystemRoot root(*machine_);
-      SystemRoot cpus(root, "sys/devices/system/cpu");
+      SystemRoot cpus(SystemRoot(*machine_), "sys/devices/system/cpu");
       if (onlineProcessors(cpus, online) != Read::kOk) b->error = cpus.error();
       return;
     }

@@ -3,7 +3,6 @@
 #include <unistd.h>
 
 #include <cstdarg>
-#include <cstdlib>
 
 #include "legacy/verdict.h"
 #include "machine/machine.h"

@@ -10,12 +10,13 @@ namespace xrprocdetect {
 
 namespace {
 
-const char* smtKey(Smt smt) {
-  return smt == Smt::kOn ? "on" : smt == Smt::kOff ? "off" : "notsupported";
+// The states in the kernel row's words, as JSON strings.
+std::string smtKey(Smt smt) {
+  return quoted(smt == Smt::kOn ? "on" : smt == Smt::kOff ? "off" : "notsupported");
 }
 
-const char* vmKey(Hypervisor vm) {
-  return vm == Hypervisor::kVmware ? "vmware" : vm == Hypervisor::kOther ? "other" : "none";
+std::string vmKey(Hypervisor vm) {
+  return quoted(vm == Hypervisor::kVmware ? "vmware" : vm == Hypervisor::kOther ? "other" : "none");
 }
 
 // An array of one object an item, each filled by `one`.
@@ -79,8 +80,8 @@ std::string kernelObject(const KernelTopology& k, const Topology& t) {
   kernel.maybe("packages", k.packages, number);
   kernel.maybe("cores", k.cores, number);
   kernel.maybe("logicalProcessors", k.logicalProcessors, number);
-  kernel.maybe("smt", k.smt, [](Smt v) { return quoted(smtKey(v)); });
-  kernel.maybe("virtualMachine", k.hypervisor, [](Hypervisor v) { return quoted(vmKey(v)); });
+  kernel.maybe("smt", k.smt, smtKey);
+  kernel.maybe("virtualMachine", k.hypervisor, vmKey);
   kernel.maybe("offlineProcessors", k.offlineProcessors, number);
   kernel.maybe("usableProcessors", k.usableProcessors, number);
   kernel.maybe("cpuQuota", k.cpuQuota, quotaText);
@@ -152,19 +153,17 @@ std::string jsonRow(const Detection& row, const Input& in, bool withSummary, int
   if (schema == 1) o.stringOrNull("file", !in.live, in.file);
   o.add("counted", row.counted ? "true" : "false");
   const auto count = [&row](long long v) { return row.counted ? std::to_string(v) : "null"; };
-  const auto smt = [](Smt v) { return quoted(smtKey(v)); };
   o.add("result", count(row.result));
   o.add(schema == 1 ? "logicalCount" : "logicalProcessors", count(row.logicalProcessors));
   o.add(schema == 1 ? "physicalCount" : "packages", count(row.packages));
   o.add(schema == 1 ? "coreCount" : "cores", count(row.cores));
-  if (schema == 2) o.maybe("smt", smtOf(row), smt);
+  if (schema == 2) o.maybe("smt", smtOf(row), smtKey);
   o.add(schema == 1 ? "hyperThreadState" : "smtCode", count(static_cast<int>(row.hyperThreading)));
-  if (schema == 2)
-    o.maybe("virtualMachine", hypervisorOf(row), [](Hypervisor v) { return quoted(vmKey(v)); });
+  if (schema == 2) o.maybe("virtualMachine", hypervisorOf(row), vmKey);
   o.add(schema == 1 ? "vmState" : "virtualMachineCode", count(static_cast<int>(row.vm)));
   Detection verdict = row;  // what its report states
   verdict.hyperThreading = row.reportedVerdict.value_or(HyperThreading::kNotDetermined);
-  if (schema == 2) o.maybe("reportedVerdict", smtOf(verdict), smt);
+  if (schema == 2) o.maybe("reportedVerdict", smtOf(verdict), smtKey);
   if (schema == 1)
     o.stringOrNull("reportedVerdict", row.counted && row.reportedVerdict,
                    stateWords(static_cast<int>(verdict.hyperThreading)));

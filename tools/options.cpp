@@ -75,18 +75,6 @@ std::optional<std::int32_t> wholeNumber(const char* text) {
   return static_cast<std::int32_t>(value);
 }
 
-// The option as the user wrote it, for messages: "--debug" or "-d".
-std::string spelled(int shortName, const char* longName, const char* written) {
-  if (written != nullptr && written[0] == '-' && written[1] == '-')
-    return "--" + std::string(longName);
-  if (shortName < 256) return std::string("-") + static_cast<char>(shortName);
-  return "--" + std::string(longName);
-}
-
-}  // namespace
-
-namespace {
-
 // The options that only switch something on.
 bool Options::*flagOf(int c) {
   static const std::pair<int, bool Options::*> kFlags[] = {
@@ -112,8 +100,9 @@ std::string takeValue(int c, const char* written, Options& o) {
     case 'd':
       o.debugLevel = optarg == nullptr ? std::optional<std::int32_t>(1) : wholeNumber(optarg);
       if (o.debugLevel) return "";
-      return spelled('d', "debug", written) + " takes a whole number as its level, not '" + value +
-             "'";
+      // Named as the user wrote it: "--debug" or "-d".
+      return std::string(written[0] == '-' && written[1] == '-' ? "--debug" : "-d") +
+             " takes a whole number as its level, not '" + value + "'";
     case kCpuinfo:
       if (value.empty()) return "--cpuinfo needs a file name (or - for standard input)";
       o.cpuinfo.push_back(value);

@@ -26,54 +26,6 @@ std::size_t utf8Length(std::string_view s) {
   return n;
 }
 
-}  // namespace
-
-std::string escaped(std::string_view text, bool json) {
-  std::string out;
-  char code[8];
-  for (std::size_t i = 0, n = 1; i < text.size(); i += n) {
-    const std::size_t valid = utf8Length(text.substr(i));
-    n = valid == 0 ? 1 : valid;
-    // The code point of a character of one or two bytes; else the first byte.
-    const unsigned c = n == 2 ? (text[i] & 0x1Fu) << 6 | (text[i + 1] & 0x3Fu)
-                              : static_cast<unsigned char>(text[i]);
-    if (json && (c == '"' || c == '\\' || c == '\n' || c == '\t'))
-      out += {'\\', c == '\n' ? 'n' : c == '\t' ? 't' : static_cast<char>(c)};
-    else if (valid != 0 && (c >= 0xA0 || (c >= 0x20 && c < 0x7F) || (c == '\n' && !json)))
-      out.append(text.substr(i, n));
-    else  // each byte in a text, the character in JSON
-      for (std::size_t k = i; k < i + n; k += json ? n : 1)
-        out.append(code, std::snprintf(code, sizeof code, json ? "\\u%04x" : "\\x%02x",
-                                       json ? c : static_cast<unsigned char>(text[k])));
-  }
-  return out;
-}
-
-const char* stateWords(int state) {
-  static const char* const kWords[] = {"not capable", "disabled", "enabled",
-                                       "enabled, over twice the cores"};
-  if (state >= 0 && state <= 3) return kWords[state];
-  return state == 15 ? "not determined" : "unknown value";
-}
-
-std::string quotaText(double quota) {
-  char text[32];
-  for (int digits = 6;; ++digits) {  // the fewest from 6 that read back as the same number
-    std::snprintf(text, sizeof text, "%.*g", digits, quota);
-    if (digits == 17 || std::strtod(text, nullptr) == quota) return text;
-  }
-}
-
-std::string coreKindsWords(const KernelTopology& k) {
-  std::string out;
-  for (const CoreKind& kind : k.coreKinds)
-    out += (out.empty() ? "" : ", ") + std::to_string(kind.cores) + " " + kind.kind + " cores (" +
-           std::to_string(kind.logicalProcessors) + " logical processors)";
-  return out;
-}
-
-namespace {
-
 const char* vmWords(const Detection& row) {
   if (row.vm == VmState::kNone) return "not a VMware virtual machine";
   if (row.vm == VmState::kVmware) return "a VMware virtual machine";
@@ -177,21 +129,6 @@ std::string agreementWords(const Detection& row, const KernelTopology& k) {
   return out;
 }
 
-// ---------------------------------------------------------------------------
-// JSON
-
-}  // namespace
-
-bool countsDiffer(const Agreement& a) {
-  return a.packages == Same::kNo || a.cores == Same::kNo || a.logicalProcessors == Same::kNo;
-}
-
-bool countsAgree(const Agreement& a) {
-  return a.packages == Same::kYes && a.cores == Same::kYes && a.logicalProcessors == Same::kYes;
-}
-
-namespace {
-
 // The hypervisor's vendor in lscpu's words, else what the kernel's files
 // tell of a virtual machine.
 std::string hypervisorWords(const Topology& t) {
@@ -238,6 +175,58 @@ std::string machineLines(const Input& source) {
 const char kCodes[] = "\nThe generations and their codes: docs/generations.md\n";
 
 }  // namespace
+
+std::string escaped(std::string_view text, bool json) {
+  std::string out;
+  char code[8];
+  for (std::size_t i = 0, n = 1; i < text.size(); i += n) {
+    const std::size_t valid = utf8Length(text.substr(i));
+    n = valid == 0 ? 1 : valid;
+    // The code point of a character of one or two bytes; else the first byte.
+    const unsigned c = n == 2 ? (text[i] & 0x1Fu) << 6 | (text[i + 1] & 0x3Fu)
+                              : static_cast<unsigned char>(text[i]);
+    if (json && (c == '"' || c == '\\' || c == '\n' || c == '\t'))
+      out += {'\\', c == '\n' ? 'n' : c == '\t' ? 't' : static_cast<char>(c)};
+    else if (valid != 0 && (c >= 0xA0 || (c >= 0x20 && c < 0x7F) || (c == '\n' && !json)))
+      out.append(text.substr(i, n));
+    else  // each byte in a text, the character in JSON
+      for (std::size_t k = i; k < i + n; k += json ? n : 1)
+        out.append(code, std::snprintf(code, sizeof code, json ? "\\u%04x" : "\\x%02x",
+                                       json ? c : static_cast<unsigned char>(text[k])));
+  }
+  return out;
+}
+
+const char* stateWords(int state) {
+  static const char* const kWords[] = {"not capable", "disabled", "enabled",
+                                       "enabled, over twice the cores"};
+  if (state >= 0 && state <= 3) return kWords[state];
+  return state == 15 ? "not determined" : "unknown value";
+}
+
+std::string quotaText(double quota) {
+  char text[32];
+  for (int digits = 6;; ++digits) {  // the fewest from 6 that read back as the same number
+    std::snprintf(text, sizeof text, "%.*g", digits, quota);
+    if (digits == 17 || std::strtod(text, nullptr) == quota) return text;
+  }
+}
+
+std::string coreKindsWords(const KernelTopology& k) {
+  std::string out;
+  for (const CoreKind& kind : k.coreKinds)
+    out += (out.empty() ? "" : ", ") + std::to_string(kind.cores) + " " + kind.kind + " cores (" +
+           std::to_string(kind.logicalProcessors) + " logical processors)";
+  return out;
+}
+
+bool countsDiffer(const Agreement& a) {
+  return a.packages == Same::kNo || a.cores == Same::kNo || a.logicalProcessors == Same::kNo;
+}
+
+bool countsAgree(const Agreement& a) {
+  return a.packages == Same::kYes && a.cores == Same::kYes && a.logicalProcessors == Same::kYes;
+}
 
 std::string humanReport(const Detection& row, const Input& source) {
   std::string out = machineLines(source) + "\n" + line("Generation", generationWords(row));

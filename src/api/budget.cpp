@@ -99,8 +99,7 @@ class BudgetState {
     std::string_view text;
     std::string why;
     if (!onlineList_) {
-      SystemRoot root(*machine_);
-      SystemRoot cpus(root, "sys/devices/system/cpu");
+      SystemRoot cpus(SystemRoot(*machine_), "sys/devices/system/cpu");
       if (onlineProcessors(cpus, online) != Read::kOk) b->error = cpus.error();
       return;
     }
@@ -114,14 +113,13 @@ class BudgetState {
     std::string_view text;
     std::string_view period;
     std::string why;
-    bool periodWrong = false;
     if (!readKept(k.fd, k.file.path, 0, &text, b)) return;
     // A period counts only beside a quota: "-1" is none.
     if (k.file.kind == LimitFile::kCfsQuota && trimmed(text) != "-1" &&
         !readKept(k.period, k.file.period, 1, &period, b))
       return;
-    if (!addLimit(k.file, text, period, limits, &why, &periodWrong))
-      fail(b, periodWrong ? k.file.period : k.file.path, why);
+    if (const std::string* blamed = addLimit(k.file, text, period, limits, &why))
+      fail(b, *blamed, why);
   }
 
   // The whole of a kept file into buffer `slot`: with pread where it is

@@ -1,11 +1,8 @@
 // detect(): one detector of a generation's class, run on a source, with the
 // calling thread given back as it was found.
-#include <unistd.h>
-
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <memory>
 #include <new>
 

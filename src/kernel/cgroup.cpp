@@ -119,15 +119,14 @@ Read read(SystemRoot& root, const LimitFile& file, CgroupLimits* limits,
   std::string text;
   std::string period;
   std::string why;
-  bool periodWrong = false;
   const Read r = root.text(file.path, &text);
   // A period is read only where there is a quota to go with it.
   if (r != Read::kOk || (file.kind == LimitFile::kCfsQuota && text != "-1" &&
                          root.text(file.period, &period) == Read::kAbsent))
     return r;
   if (files != nullptr) files->push_back(file);
-  if (!addLimit(file, text, period, limits, &why, &periodWrong))
-    root.fail(periodWrong ? file.period : file.path, why);
+  if (const std::string* blamed = addLimit(file, text, period, limits, &why))
+    root.fail(*blamed, why);
   return r;
 }
 
@@ -145,18 +144,17 @@ void readCpuset(SystemRoot& root, const std::vector<std::string>& dirs,
 
 }  // namespace
 
-bool addLimit(const LimitFile& file, std::string_view text, std::string_view period,
-              CgroupLimits* limits, std::string* why, bool* periodWrong) {
+const std::string* addLimit(const LimitFile& file, std::string_view text, std::string_view period,
+                            CgroupLimits* limits, std::string* why) {
   const std::string most = std::to_string(kMaxQuota);
   long quota = -1;
   long microseconds = 0;
   text = trimmed(text);
-  *periodWrong = false;
   if (file.kind == LimitFile::kCpuset) {
     CpuSet set;
-    if (!parseProcessorList(text, &set, why)) return false;
+    if (!parseProcessorList(text, &set, why)) return &file.path;
     limits->cpuset = limits->cpuset ? *limits->cpuset & set : set;
-    return true;
+    return nullptr;
   }
   if (file.kind == LimitFile::kCpuMax) {
     const std::size_t blank = text.find(' ');
@@ -168,23 +166,22 @@ bool addLimit(const LimitFile& file, std::string_view text, std::string_view per
           "line 1: not \"max PERIOD\" or \"QUOTA PERIOD\" with a period from 1000 to "
           "1000000 and a quota from 1000 to " +
           most;
-      return false;
+      return &file.path;
     }
   } else if (!wholeNumber(text, -1, kMaxQuota, &quota)) {
     *why = "line 1: not a whole number from -1 to " + most;
-    return false;
+    return &file.path;
   } else if (quota != -1 && quota < kMinPeriod) {
     *why = "line 1: not -1 or a whole number from 1000 to " + most;
-    return false;
+    return &file.path;
   } else if (quota != -1 && !wholeNumber(trimmed(period), kMinPeriod, kMaxPeriod, &microseconds)) {
-    *periodWrong = true;
     *why = "line 1: not a whole number from 1000 to 1000000";
-    return false;
+    return &file.period;
   }
-  if (quota == -1) return true;  // no limit here
+  if (quota == -1) return nullptr;  // no limit here
   const double processors = static_cast<double>(quota) / static_cast<double>(microseconds);
   if (!limits->quota || processors < *limits->quota) limits->quota = processors;
-  return true;
+  return nullptr;
 }
 
 CpuSet usableOf(const CpuSet& online, const CpuSet* affinity, const CgroupLimits& limits) {

@@ -49,11 +49,11 @@ CgroupLimits readCgroupLimits(SystemRoot& root, std::vector<LimitFile>* files = 
 
 // What one limit file says, added to *limits: its text, and for cgroup
 // v1's quota its period's. A quota or period the kernel could not hold is
-// no limit but a failure: false, with *why ("line 1: ...") and
-// *periodWrong when the period's file is to blame. Allocates nothing but
-// the message.
-bool addLimit(const LimitFile& file, std::string_view text, std::string_view period,
-              CgroupLimits* limits, std::string* why, bool* periodWrong);
+// no limit but a failure: the path of the file to blame (file.path, or
+// file.period where the period is wrong), with *why ("line 1: ..."); null
+// when the limit was taken. Allocates nothing but the message.
+const std::string* addLimit(const LimitFile& file, std::string_view text, std::string_view period,
+                            CgroupLimits* limits, std::string* why);
 
 // What the process may use: its affinity (none: a tree saved without one),
 // the online processors and the effective cpuset, intersected.

@@ -31,33 +31,27 @@ namespace detail {
 
 template <class Reader, class Recorder>
 void walkCpuinfo(Reader& in, Recorder& recorder) {
+  // Each trigger word, the word that must follow it (none after
+  // "processor") and the recorder's member that takes the value.
+  struct Field {
+    std::string_view trigger;
+    std::string_view next;
+    void (Recorder::*record)(std::string_view);
+  };
+  static const Field kFields[] = {{"processor", "", &Recorder::processor},
+                                  {"cpu", "cores", &Recorder::cpuCores},
+                                  {"core", "id", &Recorder::coreId},
+                                  {"physical", "id", &Recorder::physicalId}};
   do {
     in.readUntilTrigger();
-    if (in.word() == "processor") {
+    for (const Field& f : kFields) {
+      if (in.word() != f.trigger) continue;
+      if (!f.next.empty()) in.read();
+      // A trigger word followed by another word ends the pass.
+      if (!f.next.empty() && in.word() != f.next) break;
       in.readUntilColon();
       in.read();
-      recorder.processor(in.word());
-    }
-    if (in.word() == "cpu") {
-      in.read();
-      if (in.word() != "cores") continue;
-      in.readUntilColon();
-      in.read();
-      recorder.cpuCores(in.word());
-    }
-    if (in.word() == "core") {
-      in.read();
-      if (in.word() != "id") continue;
-      in.readUntilColon();
-      in.read();
-      recorder.coreId(in.word());
-    }
-    if (in.word() == "physical") {
-      in.read();
-      if (in.word() != "id") continue;
-      in.readUntilColon();
-      in.read();
-      recorder.physicalId(in.word());
+      (recorder.*f.record)(in.word());
     }
   } while (!in.eof());
 }

@@ -3,7 +3,6 @@
 #include <unistd.h>
 
 #include <cstdarg>
-#include <cstdlib>
 
 #include "legacy/verdict.h"
 #include "machine/machine.h"
@@ -37,24 +36,18 @@ void XrProcObject::tzPrint(tz_debuglevel level, const char* format, ...) {
 
 int XrProcObject::hexify(char* out, const char* in, int length) {
   static const char HEXDIGIT[] = "0123456789ABCDEF";
-  // The high digit is taken from the byte as unsigned, so bytes of 0x80 and
-  // above give 8 to F rather than an index before the table.
-  auto put = [&](int i) {
+  // In place: from the last byte back, so that no input byte is
+  // overwritten before it has been read; the zero byte lands at out[0].
+  const bool inPlace = out == in;
+  for (int k = 0; k < length; ++k) {
+    const int i = inPlace ? length - 1 - k : k;
+    // The high digit is taken from the byte as unsigned, so bytes of 0x80
+    // and above give 8 to F rather than an index before the table.
     const unsigned char byte = static_cast<unsigned char>(in[i]);
     out[2 * i] = HEXDIGIT[byte >> 4];
     out[2 * i + 1] = HEXDIGIT[byte & 0x0F];
-  };
-  if (out == in) {
-    // In place: from the last byte back, so that no input byte is
-    // overwritten before it has been read; the zero byte lands at out[0].
-    for (int i = length - 1; i >= 0; --i)
-      put(i);
-    out[0] = '\0';
-  } else {
-    for (int i = 0; i < length; ++i)
-      put(i);
-    out[length > 0 ? 2 * length : 0] = '\0';
   }
+  out[inPlace || length <= 0 ? 0 : 2 * length] = '\0';
   return 2 * length;
 }
 

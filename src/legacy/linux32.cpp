@@ -226,20 +226,15 @@ int XrProcDetectorLinux32::getCPUIDProcData() {
       " More cores than logical processors detected.  Core count changed to logical count %d.\n";
   if (IsInsideVMware()) {
     tzPrint(tzDebugSteps, "It is running on VMware\n");
-    if (total < cores) {
-      tzPrint(tzDebugSteps, kCoreCorrection, static_cast<int>(total));
-      cores = total;
-    }
     vmState = 1;
   } else if (total < cores) {
     tzPrint(tzDebugSteps, "It is running in unknown VM\n");
-    tzPrint(tzDebugSteps, kCoreCorrection, static_cast<int>(total));
     vmState = 15;
-    cores = total;
   } else {
     tzPrint(tzDebugSteps, "It is not on VM ....\n");
     vmState = 0;
-    if (HWD_MTSupported() != 0) {
+    hyperThreadState = HWD_MTSupported() != 0 ? 2 : 0;
+    if (hyperThreadState == 2) {
       tzPrint(tzDebugSteps, "Hyper-Threaded chip detected\n");
       const unsigned int twice = 2 * cores;
       if (twice < total) {
@@ -248,15 +243,16 @@ int XrProcDetectorLinux32::getCPUIDProcData() {
         hyperThreadState = 3;
       } else if (twice == total) {
         tzPrint(tzDebugSteps, "Hyper-Threading enabled\n");
-        hyperThreadState = 2;
       } else {
         tzPrint(tzDebugSteps, "Hyper-Threading enabled, but %d of logical processors disabled.\n",
                 static_cast<int>(twice - total));
-        hyperThreadState = 2;
       }
-    } else {
-      hyperThreadState = 0;
     }
+  }
+  // On a virtual machine the core count is at most the logical count.
+  if (vmState != 0 && total < cores) {
+    tzPrint(tzDebugSteps, kCoreCorrection, static_cast<int>(total));
+    cores = total;
   }
   // The middle figure is the per-package core count, not the total.
   tzPrint(tzDebugSteps, " Physical Count = %d     Core Count = %d      Logical Processor = %d \n",

@@ -60,9 +60,7 @@ const char* findCandidate(const char* p, const char* end) {
 
 WordReader::WordReader(const char* path) : WordReader(::open(path, O_RDONLY | O_CLOEXEC)) {}
 
-WordReader::WordReader(int fd) : fd_(fd) {
-  failed_ = fd_ < 0;
-}
+WordReader::WordReader(int fd) : fd_(fd), failed_(fd < 0) {}
 
 WordReader openCpuinfo() {
   const CpuinfoStream s = machine().cpuinfo();

@@ -72,11 +72,6 @@ class Saver {
   Error* error_;
 };
 
-// The names in the folder open as `fd`, without "." and "..".
-bool names(int fd, std::vector<std::string>* out) {
-  return listFolder(fd, ".", out) == Read::kOk;
-}
-
 void clear(int fd);
 
 // Removes `name` in the folder open as `fd`, and all below it, through
@@ -90,7 +85,7 @@ void remove(int fd, const std::string& name) {
 // Empties the folder open as `fd`.
 void clear(int fd) {
   std::vector<std::string> inside;
-  names(fd, &inside);
+  listFolder(fd, ".", &inside);
   for (const std::string& name : inside)
     remove(fd, name);
 }
@@ -127,7 +122,7 @@ bool saveInto(const std::string& dir, int root, int work, const RecordingMachine
   if (work < 0) return saver.failed("cannot open", kWork);
   std::vector<std::string> parts;
   if (!saveRecorded(saver, recording)) return false;
-  if (!names(work, &parts)) return saver.failed("cannot list", kWork);
+  if (listFolder(work, ".", &parts) != Read::kOk) return saver.failed("cannot list", kWork);
   parts.push_back("xrprocdetect.json");
   if (!saver.write("xrprocdetect.json", formatMetadata(recording.saved(), savedBy))) return false;
   for (const std::string& part : parts) {
@@ -157,7 +152,7 @@ bool save(const std::string& dir, const RecordingMachine& recording, const std::
                 "rather than through a link");
   if (root.get() < 0) return fail(error, dir, std::strerror(errno), "cannot open");
   std::vector<std::string> found, moved;
-  if (!names(root.get(), &found)) {
+  if (listFolder(root.get(), ".", &found) != Read::kOk) {
     fail(error, dir, std::strerror(errno), "cannot open");
   } else if (!found.empty()) {
     fail(error, dir, "not empty; a snapshot goes into a new or empty directory");

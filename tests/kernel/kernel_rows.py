@@ -42,8 +42,6 @@ for text in open(os.path.join(os.path.dirname(rows_file), "usable.txt"), encodin
                         "cpuQuota": None if w[3] == "-" else float(w[3]),
                         "effectiveProcessors": None if w[4] == "-" else int(w[4]),
                         "coreKinds": kinds}
-if any(e[0] not in USABLE for e in expected):
-    sys.exit("usable.txt lacks " + " ".join(e[0] for e in expected if e[0] not in USABLE))
 
 failures = []
 

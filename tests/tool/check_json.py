@@ -21,7 +21,7 @@ try:
 except ImportError:
     jsonschema = None
 
-LISTS = {"row": [], "counts": [], "kernel": []}  # json_keys.txt, a line a list's words
+LISTS = {"row": [], "counts": [], "kernel": [], "utf8": []}  # json_keys.txt, a line a list's words
 with open(os.path.join(os.path.dirname(__file__), "json_keys.txt"), encoding="utf-8") as f:
     for words in (line.split() for line in f if line[0] != "#"):
         LISTS[words[0]] += words[1:]
@@ -87,7 +87,6 @@ for mode in MODES:
     # Every tree at once: a row each (five with --all; a tally's five fields
     # of one generation), but for the trees that cannot be read.
     check(mode + ["--snapshot"] + trees, 5 if "--tally" in mode else len(trees) // 2)
-check(["-J", "-a", "5.3", "--summary"], 1)
 for mode in [["-J"], ["--all", "-J", "--summary"], ["--json-lines", "-a", "5.3"]]:
     check(mode + ["--cpuinfo"] + texts, len(texts))
 watch = subprocess.Popen([tool, "--watch=0.01", "-J"], stdout=subprocess.PIPE)
@@ -105,22 +104,26 @@ if validator and validator.is_valid(dict(kinds["--all"], packages="2")):
 
 with tempfile.TemporaryDirectory() as scratch:
     # Process 1's container= holds bytes ff fe (no UTF-8), ESC [2J (clears a
-    # terminal) and 80 (a lone continuation byte); the tree's name an ESC
+    # terminal), 80 (a lone continuation byte), x and the characters of
+    # json_keys.txt at the edges of UTF-8's ranges (the text shows U+00A0 as
+    # it is, and escapes DEL as it does ESC); the tree's name an ESC
     # sequence, U+009B (a control character) and e9 (which starts a
     # character that never comes).
     tree = os.fsencode(scratch) + b"/tree\x1b[31m\xc2\x9b\xe9"
     shutil.copytree(os.fsencode(data) + b"/sysroots/two-package-smt-8", tree)
     os.makedirs(tree + b"/proc/1")
+    edges = [(bytes.fromhex(w.strip("-")), w[0] != "-") for w in LISTS["utf8"]]
+    edge = "".join(b.decode("utf-8" if ok else "latin-1") for b, ok in edges)
     with open(tree + b"/proc/1/environ", "wb") as environ:
-        environ.write(b"HOME=/\0container=\xff\xfe\x1b[2J\x80x\0")
+        environ.write(b"HOME=/\0container=\xff\xfe\x1b[2J\x80x" + b"".join(b for b, _ in edges) + b"\0")
     out = subprocess.run([tool, "-J", "--snapshot", tree], capture_output=True).stdout
     row = json.loads(out.decode("utf-8"))  # strict: valid UTF-8 only
     text = subprocess.run([tool, "--snapshot", tree], capture_output=True).stdout
     error = subprocess.run([tool, "--snapshot", tree + b"-gone"], capture_output=True).stderr
     (text + error).decode("utf-8")  # as strictly
-    if (row["kernel"]["container"] != "\xff\xfe\x1b[2J\x80x" or b"\x1b" in text + error
+    if (row["kernel"]["container"] != "\xff\xfe\x1b[2J\x80x" + edge or {0x1b, 0x7f} & set(text + error)
             or row["input"] != scratch + "/tree\x1b[31m\x9b\xe9" or b"\xc2\x9b" in text + error
-            or b"tree\\x1b[31m\\xc2\\x9b\\xe9 (a snapshot)" not in text
+            or b"tree\\x1b[31m\\xc2\\x9b\\xe9 (a snapshot)" not in text or b"\xc2\xa0" not in text
             or b"tree\\x1b[31m\\xc2\\x9b\\xe9-gone:" not in error):
         wrong.append("not UTF-8, or moves the cursor: %r %r %r %r"
                      % (row["kernel"]["container"], row["input"], text, error))

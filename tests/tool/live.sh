@@ -1,16 +1,15 @@
 #!/bin/sh
 # live.sh TOOL [sanitized]
 #
-# xrprocdetect on this machine: the default run and --all succeed, and 5.3
-# counts the configured processors; --save and the default run succeed when
-# started with SIGSEGV blocked. With /proc/cpuinfo missing (hidden in a
-# private mount namespace: as root, and not in sanitized builds, whose
-# runtime needs /proc) --all is refused instead of hanging, and 5.3 still
-# runs.
+# xrprocdetect on this machine: --all writes a row of each generation, and
+# 5.3 counts the configured processors; --save and the default run succeed
+# (started with SIGSEGV blocked, as a host may start them). With
+# /proc/cpuinfo missing (hidden in a private mount namespace: as root, and
+# not in sanitized builds, whose runtime needs /proc) --all is refused
+# instead of hanging, and 5.3 still runs.
 set -u
 tool=$1 failed=0
 check() { [ "$1" = "$2" ] || { echo "$3: got '$1', expected '$2'"; failed=1; }; }
-check "$("$tool" >/dev/null; echo $?)" 0 "exit status of xrprocdetect"
 check "$("$tool" --all | grep -cE '^(5\.3|6\.0|6\.1|7\.0|default) ')" 5 "rows of --all"
 blocked() { python3 -c 'import os, signal, sys
 signal.pthread_sigmask(signal.SIG_BLOCK, {signal.SIGSEGV}); os.execv(sys.argv[1], sys.argv[1:])' "$@"; }

@@ -230,10 +230,9 @@ void fromCpuid(SystemRoot& root, const Topology& t, std::vector<Cache>* caches) 
 
 }  // namespace
 
-void readCaches(SystemRoot& root, Topology& t) {
-  SystemRoot cpus(root, "sys/devices/system/cpu");
+void readCaches(SystemRoot& cpus, Topology& t) {
   fromFolders(cpus, t.online, &t.caches);
-  if (t.caches.empty()) fromCpuid(root, t, &t.caches);
+  if (t.caches.empty()) fromCpuid(cpus, t, &t.caches);
   // In order of level, type and lowest processor: their numbers are
   // sorted, then each cache moved once, along the cycles of that order (a
   // cache is 1 KiB; a merge sort moves each many times, through a buffer of

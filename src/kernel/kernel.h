@@ -75,14 +75,16 @@ std::vector<CoreKindSet> coreKinds(SystemRoot& root, const Topology& topology);
 // The NUMA nodes, into t.numaNodes and each processor's numaNode: the
 // kernel's nodes by number, or one node of every online processor and the
 // machine's memory where it lists none or lists nodes that cannot be real
-// (the reason added to t.missing). Needs t.online and t.processors.
+// (the reason added to t.missing). Needs t.online and t.processors. A
+// node's file that cannot be read or parsed is t.error, where it is empty.
 void readNumaNodes(SystemRoot& root, Topology& t);
 
 // Every cache instance, into t.caches (by level, type, then lowest
 // processor) and each processor's lastLevelCache. Needs t.online,
 // t.processors and, for older AMD processors' CPUID, t.cores and
-// t.packages.
-void readCaches(SystemRoot& root, Topology& t);
+// t.packages. `cpus` is the folder sys/devices/system/cpu, whose first
+// failure the caller reports.
+void readCaches(SystemRoot& cpus, Topology& t);
 
 // The hypervisor and the container, into `t`.
 void readVirtualization(SystemRoot& root, const std::string& cpuinfo, Topology& t);

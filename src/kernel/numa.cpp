@@ -115,6 +115,7 @@ void readNumaNodes(SystemRoot& root, Topology& t) {
       if (t.numaNodes[i].processors.contains(p.cpu)) p.numaNode = static_cast<std::int32_t>(i);
     }
   }
+  if (t.error.empty()) t.error = nodes.error();
 }
 
 }  // namespace detail

@@ -253,7 +253,7 @@ Topology readTopology(Machine& machine) {
     usable(root, t);
     t.coreKinds = coreKinds(root, t);
     readNumaNodes(root, t);
-    readCaches(root, t);
+    readCaches(cpus, t);
     for (Processor& p : t.processors) {
       p.usable = t.usable.contains(p.cpu);
       for (std::size_t k = 0; k < t.coreKinds.size(); ++k) {
@@ -266,7 +266,10 @@ Topology readTopology(Machine& machine) {
   const std::string& cpuinfo = cpuinfoStart(machine, &read);
   readVirtualization(root, cpuinfo, t);
   identity(root, cpuinfo, t);
-  t.error = !cpus.error().empty() ? cpus.error() : root.error();
+  // The first broken file of the processors' folder, else of the nodes',
+  // else of any other.
+  if (!cpus.error().empty() || t.error.empty())
+    t.error = cpus.error().empty() ? root.error() : cpus.error();
   return t;
 }
 

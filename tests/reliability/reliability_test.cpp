@@ -8,7 +8,6 @@
 #include <sys/mount.h>
 
 #include <atomic>
-#include <optional>
 #include <thread>
 
 #include <xrprocdetector/detect.h>

@@ -43,20 +43,20 @@ Read TreeMachine::find(const std::string& path, std::size_t cap, const std::stri
   // and looked at through what that gives. A file read already under
   // another name is not read again.
   struct stat st {};
-  const auto read = [&] { return read_.count({st.st_dev, st.st_ino}) != 0; };
   const bool plain = path.find("..") == std::string::npos &&
                      ::fstatat(fd_, path.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 &&
                      S_ISREG(st.st_mode) && st.st_dev == device_;
   const int flags = O_RDONLY | O_NONBLOCK | O_NOCTTY;
-  int fd = plain && !read() ? openWithoutLinks(fd_, path, flags) : -1;
-  if (fd < 0 && !(plain && read())) {  // a link on the way, or no openat2
+  auto known = plain ? read_.find({st.st_dev, st.st_ino}) : read_.end();
+  int fd = plain && known == read_.end() ? openWithoutLinks(fd_, path, flags) : -1;
+  if (fd < 0 && known == read_.end()) {  // a link on the way, or no openat2
     const Fd linked(openInRoot(fd_, path, O_PATH));
     if (linked.get() < 0 || ::fstat(linked.get(), &st) != 0) return unopened(path, why);
     if (!S_ISREG(st.st_mode) || st.st_dev != device_)
       return S_ISREG(st.st_mode) ? Read::kAbsent : (*why = notRegular(st.st_mode), Read::kFailed);
-    if (!read() && (fd = openInRoot(fd_, path, flags)) < 0) return unopened(path, why);
+    known = read_.find({st.st_dev, st.st_ino});
+    if (known == read_.end() && (fd = openInRoot(fd_, path, flags)) < 0) return unopened(path, why);
   }
-  auto known = read_.find({st.st_dev, st.st_ino});
   if (known == read_.end()) {
     std::string bytes;
     const Read r = readOpen(fd, static_cast<std::size_t>(st.st_size), cap, &bytes, why);

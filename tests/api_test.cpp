@@ -110,6 +110,7 @@ TEST(Parsers, PathsInASavedTreeResolveInsideIt) {
                            "tree/cpuid/notes"})
     scratch.write(file, file[0] == 'o' ? "987654" : "in");
   fs::create_symlink("/sys/fs/cgroup/cpu.max", tree / "rooted");
+  fs::create_symlink("/outside/cpu.max", tree / "sys/fs/cgroup/rooted");
   fs::create_symlink("../../outside/cpu.max", tree / "up");
   fs::create_symlink("../cgroup", tree / "sys/fs/cgroup/self");
   fs::create_symlink(scratch.path / "outside/cpu.max", tree / "escape");

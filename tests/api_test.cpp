@@ -214,11 +214,11 @@ TEST(Parsers, MasksAndJsonStrings) {
   EXPECT_FALSE(dt::parseCpuMask("1" + std::string(2048, '0'), &cpus, &error));
   EXPECT_TRUE(dt::parseCpuMask("0" + std::string(2047, '0') + "1", &cpus, &error));
   // Valid UTF-8 as it is (e9 as c3 a9, U+009B a control); each byte of what
-  // is not (ff, a surrogate, an overlong slash, a character cut short) as
-  // the character of its own value.
-  EXPECT_EQ(
-      dt::jsonQuoted("\xff\xc3\xa9\x1b\x7f\xc2\x9b\xed\xa0\x80\xc0\xaf\xe2\x82"),
-      "\"\\u00ff\xc3\xa9\\u001b\\u007f\\u009b\\u00ed\\u00a0\\u0080\\u00c0\\u00af\\u00e2\\u0082\"");
+  // is not (ff, a surrogate, U+07FF in three bytes, a character cut short)
+  // as the character of its own value.
+  EXPECT_EQ(dt::jsonQuoted("\xff\xc3\xa9\x1b\x7f\xc2\x9b\xed\xa0\x80\xe0\x9f\xbf\xe2\x82"),
+            "\"\\u00ff\xc3\xa9\\u001b\\u007f\\u009b\\u00ed\\u00a0\\u0080\\u00e0\\u009f\\u00bf"
+            "\\u00e2\\u0082\"");
 }
 
 // Two packages of four cores of two threads, each package a node and an

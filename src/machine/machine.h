@@ -222,6 +222,7 @@ class TreeMachine : public ReplayMachine {
  private:
   bool hold(std::size_t bytes);
   Read unopened(const std::string& path, std::string* why);
+  int folderOf(const std::string& path, const char** rest);
 
   int fd_;
   dev_t device_;  // the tree's file system: files on others are not its own
@@ -229,6 +230,7 @@ class TreeMachine : public ReplayMachine {
   std::map<std::pair<dev_t, ino_t>, std::string> read_;  // each file read, by its identity
   std::size_t held_ = 0;
   Error error_;
+  std::map<std::string, Fd> folders_;  // folderOf's, by their paths
 };
 
 // Another machine (this one, when saving), keeping what was read through

@@ -33,22 +33,44 @@ Read TreeMachine::unopened(const std::string& path, std::string* why) {
   return Read::kFailed;
 }
 
+// The folder of the first four names of a deeper path
+// ("sys/devices/system/cpu"), opened once, without a link on its way: a
+// file under it is looked at and opened from there (*rest), and the kernel
+// walks four names less for each. The tree's top for any other path, or
+// where the folder cannot be opened so.
+int TreeMachine::folderOf(const std::string& path, const char** rest) {
+  std::size_t end = path.find('/');
+  for (int names = 1; names < 4 && end != std::string::npos; ++names)
+    end = path.find('/', end + 1);
+  if (end == std::string::npos || path.find('/', end + 1) == std::string::npos) return fd_;
+  const std::string folder = path.substr(0, end);
+  auto at = folders_.find(folder);
+  if (at == folders_.end())
+    at =
+        folders_.emplace(folder, openWithoutLinks(fd_, folder.c_str(), O_PATH | O_DIRECTORY)).first;
+  if (at->second.get() < 0) return fd_;
+  *rest = path.c_str() + end + 1;
+  return at->second.get();
+}
+
 Read TreeMachine::find(const std::string& path, std::size_t cap, const std::string** text,
                        std::string* why, std::string* taken) {
   if (!error_.empty()) return *why = error_.why, Read::kFailed;
   // A file is looked at before it is opened, so that a FIFO or a device put
   // in a tree is never opened, let alone read. A path with no link on it is
-  // looked at and opened from the tree's top: four system calls a file
-  // (fstatat, openat2, read, close). Any other is resolved inside the tree,
-  // and looked at through what that gives. A file read already under
-  // another name is not read again.
+  // looked at and opened from the tree's top, or from folderOf's folder:
+  // four system calls a file (fstatat, openat2, read, close). Any other is
+  // resolved inside the tree, and looked at through what that gives. A file
+  // read already under another name is not read again.
   struct stat st {};
+  const char* rest = path.c_str();
+  const int from = folderOf(path, &rest);
   const bool plain = path.find("..") == std::string::npos &&
-                     ::fstatat(fd_, path.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 &&
-                     S_ISREG(st.st_mode) && st.st_dev == device_;
+                     ::fstatat(from, rest, &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(st.st_mode) &&
+                     st.st_dev == device_;
   const int flags = O_RDONLY | O_NONBLOCK | O_NOCTTY;
   auto known = plain ? read_.find({st.st_dev, st.st_ino}) : read_.end();
-  int fd = plain && known == read_.end() ? openWithoutLinks(fd_, path, flags) : -1;
+  int fd = plain && known == read_.end() ? openWithoutLinks(from, rest, flags) : -1;
   if (fd < 0 && known == read_.end()) {  // a link on the way, or no openat2
     const Fd linked(openInRoot(fd_, path, O_PATH));
     if (linked.get() < 0 || ::fstat(linked.get(), &st) != 0) return unopened(path, why);

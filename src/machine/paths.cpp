@@ -78,10 +78,10 @@ int openInRoot(int root, const std::string& path, int flags, bool componentwise)
   return static_cast<int>(fd);
 }
 
-int openWithoutLinks(int root, const std::string& path, int flags) {
+int openWithoutLinks(int root, const char* path, int flags) {
   open_how how{static_cast<std::uint64_t>(flags | O_NOFOLLOW | O_CLOEXEC), 0,
                RESOLVE_IN_ROOT | RESOLVE_NO_MAGICLINKS | RESOLVE_NO_XDEV | RESOLVE_NO_SYMLINKS};
-  return static_cast<int>(::syscall(SYS_openat2, root, path.c_str(), &how, sizeof how));
+  return static_cast<int>(::syscall(SYS_openat2, root, path, &how, sizeof how));
 }
 
 std::string notRegular(mode_t mode) {
@@ -100,26 +100,30 @@ Read readWholeFile(int dirFd, const std::string& path, std::size_t cap, std::str
 
 Read readOpen(int fd, std::size_t expected, std::size_t cap, std::string* text,
               std::string* error) {
-  // Straight into the text, sized by what the file says it holds (sysfs
-  // files say 4096 whatever they hold; a pipe says 0), growing as needed.
-  // A file that gave all it says it holds is done without another read.
-  text->resize(std::min(expected > 0 ? expected + 1 : 4096, cap + 1));
+  // The first read goes to the stack: most files are small, and their text
+  // is then made at its own size, not zeroed and kept at the size the file
+  // claims (every sysfs file says 4096). The rest goes straight into the
+  // text, sized by what the file says it holds and growing as needed. A
+  // file that gave all it says it holds is done without another read.
+  char head[4096];
+  ssize_t n = 0;
   std::size_t size = 0;
-  for (;;) {
-    if (size == text->size()) text->resize(std::min(2 * size, cap + 1));
-    const ssize_t n = ::read(fd, &(*text)[size], text->size() - size);
+  do {
+    if (size == 0) n = ::read(fd, head, std::min(sizeof head, cap + 1));
+    if (size == 0 && n > 0) text->assign(head, static_cast<std::size_t>(n));
+    if (size > 0 && size == text->size())
+      text->resize(std::min(std::max(2 * size, expected + 1), cap + 1));
+    if (size > 0) n = ::read(fd, &(*text)[size], text->size() - size);
     if (n > 0) size += static_cast<std::size_t>(n);
-    const bool failed = size > cap || (n < 0 && errno != EINTR);
-    if (size > cap)
-      *error = largerThan(cap);
-    else if (failed)
-      *error = std::string("cannot read: ") + std::strerror(errno);
-    else if (n < 0 || (n > 0 && size != expected))
-      continue;  // interrupted, or more to come
-    ::close(fd);
-    text->resize(failed ? 0 : size);
-    return failed ? Read::kFailed : Read::kOk;
-  }
+  } while ((n < 0 && errno == EINTR) || (n > 0 && size != expected && size <= cap));
+  const bool failed = size > cap || n < 0;
+  if (size > cap)
+    *error = largerThan(cap);
+  else if (n < 0)
+    *error = std::string("cannot read: ") + std::strerror(errno);
+  ::close(fd);
+  text->resize(failed ? 0 : size);
+  return failed ? Read::kFailed : Read::kOk;
 }
 
 std::string largerThan(std::size_t cap) {

@@ -68,7 +68,7 @@ int openInRoot(int root, const std::string& path, int flags, bool componentwise 
 
 // openInRoot for a path with no link on it: -1 with ELOOP where one is,
 // and with ENOSYS or EPERM where openat2 is missing.
-int openWithoutLinks(int root, const std::string& path, int flags);
+int openWithoutLinks(int root, const char* path, int flags);
 
 // "a FIFO, not a regular file", and so on for each kind of file.
 std::string notRegular(mode_t mode);

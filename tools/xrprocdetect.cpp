@@ -48,18 +48,19 @@ struct Outcome {
   std::string why;          // the first reason a row was not compared
 };
 
-// The source of one input, with its kernel row; nothing (*error says why)
-// when it cannot be read.
-std::optional<Source> open(Source::Kind kind, const std::string& name, Input* input,
-                           std::string* why) {
+// The source of one input, with its kernel row (its parts in `skip` left
+// unread); nothing (*error says why) when it cannot be read.
+std::optional<Source> open(Source::Kind kind, const std::string& name, std::uint32_t skip,
+                           Input* input, std::string* why) {
   input->live = kind == Source::Kind::kLive;
   input->snapshot = kind == Source::Kind::kSnapshot;
   input->file = name;
   std::optional<Source> source;
   std::string error;
   if (kind == Source::Kind::kSnapshot) {
-    source = Source::snapshot(name, &error);
-    if (!source) error = "cannot read the snapshot: " + error;
+    Error e;
+    source = Source::snapshot(name, e, skip);
+    if (!source) error = "cannot read the snapshot: " + e.message();
   } else {
     source = kind == Source::Kind::kLive ? Source::live() : Source::cpuinfoFile(name);
     error = source->error().message();
@@ -106,7 +107,10 @@ struct Report {
 Report report(const Run& run, Source::Kind kind, const std::string& name) {
   const Options& options = *run.options;
   Report r;
-  const std::optional<Source> source = open(kind, name, &r.input, &r.err);
+  // A tally compares counts alone: the caches, most of a machine's files,
+  // are left unread.
+  const std::uint32_t skip = options.tally ? XRPD_SKIP_CACHES : 0;
+  const std::optional<Source> source = open(kind, name, skip, &r.input, &r.err);
   r.failed = !source;
   for (auto g = run.selected.begin(); source && !options.view() && g != run.selected.end(); ++g) {
     r.rows.push_back(detect(*g, *source, run.settings));

@@ -50,10 +50,15 @@ class Source {
   /// readers read of it (at most 256 MiB). What the tree becomes afterwards
   /// changes nothing.
   /// Nothing when it cannot be read or is malformed, with `error` naming the
-  /// file to blame.
-  static std::optional<Source> snapshot(const std::string& dir, Error& error) {
+  /// file to blame. `skip` (XRPD_SKIP_* bits, since 2.2.0) names the parts
+  /// of its topology left unread, to be read faster: XRPD_SKIP_CACHES for
+  /// a fleet's audit that needs the counts alone.
+  static std::optional<Source> snapshot(const std::string& dir, Error& error,
+                                        std::uint32_t skip = 0) {
     char* why = nullptr;
-    xrpd_source* s = xrpd_source_open(XRPD_SOURCE_SNAPSHOT, dir.c_str(), nullptr, 0, &why);
+    const xrpd_source_options options{sizeof options, skip};
+    xrpd_source* s =
+        xrpd_source_open_with(XRPD_SOURCE_SNAPSHOT, dir.c_str(), nullptr, 0, &options, &why);
     error = bridge::takeError(why);
     if (s == nullptr) return std::nullopt;
     return Source(Kind::kSnapshot, dir, s, {});

@@ -23,6 +23,7 @@ struct SourceData {
   Error error;
   SavedMachine saved;                        // a saved /proc/cpuinfo text, or a snapshot
   std::shared_ptr<const Topology> topology;  // a snapshot's, read when it was made
+  std::uint32_t skip = 0;                    // the XRPD_SKIP_* bits of what it leaves unread
 
   // The machine to read for one call: this one, strict about an unreadable
   // /proc/cpuinfo, or the saved one.
@@ -37,7 +38,8 @@ const SourceData& liveSource();
 std::shared_ptr<SourceData> cpuinfoSource(std::string text, const char* file);
 // The snapshot or system root in `dir`; nothing, and *error, when it cannot
 // be read.
-std::shared_ptr<SourceData> snapshotSource(const std::string& dir, Error* error);
+std::shared_ptr<SourceData> snapshotSource(const std::string& dir, Error* error,
+                                           std::uint32_t skip = 0);
 
 // One generation's detector run on the source (detect.cpp).
 Detection detect(Generation generation, const SourceData& source, const DetectOptions& options);

@@ -151,16 +151,29 @@ int xrpd_cpuset_from_list(const char* list, xrpd_cpuset* out) {
 
 xrpd_source* xrpd_source_open(xrpd_source_kind kind, const char* path, const char* text,
                               size_t length, char** error) {
+  return xrpd_source_open_with(kind, path, text, length, nullptr, error);
+}
+
+xrpd_source* xrpd_source_open_with(xrpd_source_kind kind, const char* path, const char* text,
+                                   size_t length, const xrpd_source_options* options,
+                                   char** error) {
+  const std::uint32_t skip =
+      options != nullptr && holds(options, offsetof(xrpd_source_options, skip), 4) ? options->skip
+                                                                                   : 0;
   return guarded(
       [&]() -> xrpd_source* {
         Error why;
         std::shared_ptr<detail::SourceData> data;
-        if (kind == XRPD_SOURCE_LIVE)
-          return new xrpd_source{{&detail::liveSource(), [](auto) {}}, {}, {}};
+        if (kind == XRPD_SOURCE_LIVE) {
+          data = std::make_shared<detail::SourceData>();
+          data->skip = skip;
+          return new xrpd_source{std::move(data), {}, {}};
+        }
         if (kind == XRPD_SOURCE_CPUINFO)
           data = detail::cpuinfoSource(std::string(text == nullptr ? "" : text, text ? length : 0),
                                        path);
-        if (kind == XRPD_SOURCE_SNAPSHOT) data = detail::snapshotSource(path ? path : "", &why);
+        if (kind == XRPD_SOURCE_SNAPSHOT)
+          data = detail::snapshotSource(path ? path : "", &why, skip);
         if (data != nullptr) why = data->error;
         if (data == nullptr && why.empty()) why.why = "no such kind of source";
         say(error, why);

@@ -219,7 +219,7 @@ std::shared_ptr<const Topology> topologyOf(const SourceData& source) {
   if (source.kind == Source::Kind::kCpuinfo) return std::make_shared<Topology>();
   if (source.topology) return source.topology;
   const std::unique_ptr<Machine> m = source.machine();
-  return std::make_shared<Topology>(readTopology(*m));
+  return std::make_shared<Topology>(readTopology(*m, source.skip));
 }
 
 namespace {

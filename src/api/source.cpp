@@ -50,15 +50,17 @@ std::shared_ptr<SourceData> cpuinfoSource(std::string text, const char* file) {
   return data;
 }
 
-std::shared_ptr<SourceData> snapshotSource(const std::string& dir, Error* error) {
+std::shared_ptr<SourceData> snapshotSource(const std::string& dir, Error* error,
+                                           std::uint32_t skip) {
   auto data = std::make_shared<SourceData>();
   data->kind = Source::Kind::kSnapshot;
   data->name = dir;
+  data->skip = skip;
   // What the topology reads is all any reader on a source reads besides
   // the parts (the budget reads the same control groups); the topology so
   // read is the source's.
   const auto readers = [&data](Machine& m) {
-    data->topology = std::make_shared<Topology>(readTopology(m));
+    data->topology = std::make_shared<Topology>(readTopology(m, data->skip));
   };
   if (!loadSnapshot(dir, &data->saved, error, readers)) return nullptr;
   return data;

@@ -15,8 +15,9 @@
 namespace xrprocdetector {
 namespace detail {
 
-// The whole topology of `machine`.
-Topology readTopology(Machine& machine);
+// The topology of `machine`, but for the parts that `skip` (XRPD_SKIP_*
+// bits) leaves unread.
+Topology readTopology(Machine& machine, std::uint32_t skip = 0);
 
 // A file of the process's control groups that bounds what it may use.
 struct LimitFile {

@@ -235,7 +235,7 @@ Read onlineProcessors(SystemRoot& cpus, CpuSet* online) {
   return online->empty() ? Read::kAbsent : Read::kOk;
 }
 
-Topology readTopology(Machine& machine) {
+Topology readTopology(Machine& machine, std::uint32_t skip) {
   Topology t;
   SystemRoot root(machine);
   // The processors' own files, relative to their folder.
@@ -253,7 +253,9 @@ Topology readTopology(Machine& machine) {
     usable(root, t);
     t.coreKinds = coreKinds(root, t);
     readNumaNodes(root, t);
-    readCaches(cpus, t);
+    if ((skip & XRPD_SKIP_CACHES) == 0) readCaches(cpus, t);
+    if ((skip & XRPD_SKIP_CACHES) != 0)
+      t.missing += std::string(t.missing.empty() ? "" : ", ") + "caches left unread";
     for (Processor& p : t.processors) {
       p.usable = t.usable.contains(p.cpu);
       for (std::size_t k = 0; k < t.coreKinds.size(); ++k) {

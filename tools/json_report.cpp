@@ -46,9 +46,8 @@ std::string nodesArray(const Topology& t) {
 std::string cachesArray(const Topology& t) {
   return array(t.caches, [](JsonObject& one, const Cache& c) {
     one.number("level", c.level);
-    one.string("type", c.type == CacheType::kData          ? "data"
-                       : c.type == CacheType::kInstruction ? "instruction"
-                                                           : "unified");
+    static const char* const kTypes[] = {"data", "instruction", "unified"};  // by CacheType
+    one.string("type", kTypes[static_cast<int>(c.type)]);
     one.add("sizeBytes", std::to_string(c.sizeBytes));
     one.number("lineBytes", c.lineBytes);
     one.number("ways", c.ways);

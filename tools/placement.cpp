@@ -28,10 +28,8 @@ std::string sizeText(std::uint64_t bytes) {
 }
 
 std::string cacheName(const Cache& c) {
-  const char* suffix = c.type == CacheType::kData          ? "d"
-                       : c.type == CacheType::kInstruction ? "i"
-                                                           : "";
-  return "L" + std::to_string(c.level) + (c.level == 1 ? suffix : "");
+  static const char* const kSuffixes[] = {"d", "i", ""};  // by CacheType
+  return "L" + std::to_string(c.level) + (c.level == 1 ? kSuffixes[static_cast<int>(c.type)] : "");
 }
 
 // One level of the picture: a label and the processors under it.
@@ -106,12 +104,10 @@ std::string cacheLines(const Topology& t) {
       all += one->sizeBytes;
       same = same && one->sizeBytes == c.sizeBytes;
     }
-    const char* type = c.type == CacheType::kData          ? "Data"
-                       : c.type == CacheType::kInstruction ? "Instruction"
-                                                           : "Unified";
+    static const char* const kTypes[] = {"Data", "Instruction", "Unified"};  // by CacheType
     cells.push_back({cacheName(c), same ? sizeText(c.sizeBytes) : "mixed", sizeText(all),
-                     c.ways < 0 ? "full" : field(c.ways), type, std::to_string(c.level),
-                     std::to_string(caches.size()), field(c.lineBytes)});
+                     c.ways < 0 ? "full" : field(c.ways), kTypes[static_cast<int>(c.type)],
+                     std::to_string(c.level), std::to_string(caches.size()), field(c.lineBytes)});
   }
   const bool right[] = {false, true, true, true, false, true, true, true};
   return kinds.empty() ? "" : aligned(cells, right);

@@ -83,10 +83,8 @@ std::string kernelSmtWords(const std::optional<Smt>& smt) {
 }
 
 std::string kernelVmWords(const std::optional<Hypervisor>& vm) {
-  if (!vm) return "not available";
-  return *vm == Hypervisor::kVmware  ? "VMware"
-         : *vm == Hypervisor::kOther ? "another hypervisor"
-                                     : "none";
+  static const char* const kWords[] = {"none", "VMware", "another hypervisor"};  // by Hypervisor
+  return vm ? kWords[static_cast<int>(*vm)] : "not available";
 }
 
 std::string countWords(const std::optional<std::int32_t>& n) {

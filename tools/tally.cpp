@@ -28,13 +28,9 @@ void Tally::add(const std::string& input, const std::vector<Detection>& rows,
     const Same same[kFields] = {a.packages, a.cores, a.logicalProcessors, a.smt, a.hypervisor};
     for (int f = 0; f < kFields; ++f) {
       Field& field = line->fields[f];
-      if (same[f] == Same::kUnknown) {
-        ++field.unknown;
-      } else if (same[f] == Same::kYes) {
-        ++field.agree;
-      } else {
-        field.differ.push_back(input);
-      }
+      field.unknown += same[f] == Same::kUnknown;
+      field.agree += same[f] == Same::kYes;
+      if (same[f] == Same::kNo) field.differ.push_back(input);
     }
   }
 }

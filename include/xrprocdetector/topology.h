@@ -322,10 +322,9 @@ inline void processorsOf(const xrpd_topology* h, Topology& t) {
 inline void setsOf(const xrpd_topology* h, Topology& t) {
   xrpd_cpuset set;
   const char* name = nullptr;
-  for (std::size_t i = 0; xrpd_topology_set(h, XRPD_PACKAGES, i, &set, nullptr) == 0; ++i)
-    t.packages.push_back(CpuSet::fromC(set));
-  for (std::size_t i = 0; xrpd_topology_set(h, XRPD_CORES, i, &set, nullptr) == 0; ++i)
-    t.cores.push_back(CpuSet::fromC(set));
+  for (const auto& [kind, sets] : {std::pair{XRPD_PACKAGES, &t.packages}, {XRPD_CORES, &t.cores}})
+    for (std::size_t i = 0; xrpd_topology_set(h, kind, i, &set, nullptr) == 0; ++i)
+      sets->push_back(CpuSet::fromC(set));
   for (std::size_t i = 0; xrpd_topology_set(h, XRPD_CORE_KINDS, i, &set, &name) == 0; ++i) {
     CoreKindSet k{name, static_cast<std::int32_t>(i), 0, CpuSet::fromC(set)};
     for (const CpuSet& core : t.cores)

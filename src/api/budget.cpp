@@ -169,8 +169,7 @@ class BudgetState {
 };
 
 std::shared_ptr<BudgetState> openBudget(std::shared_ptr<const SourceData> source, Error* error) {
-  static const int registered = pthread_atfork(nullptr, nullptr, countFork);
-  (void)registered;
+  [[maybe_unused]] static const int registered = pthread_atfork(nullptr, nullptr, countFork);
   if (source->kind == Source::Kind::kCpuinfo) {
     *error = {"", "", "a saved /proc/cpuinfo holds no control groups"};
     return nullptr;

@@ -131,13 +131,12 @@ void fromFolders(SystemRoot& cpus, const CpuSet& online, std::vector<Cache>* cac
   }
 }
 
-// A cache as leaf 4 and leaf 0x8000001D describe it.
+// A cache as leaf 4 and leaf 0x8000001D describe it, whose type (1 data, 2
+// instruction, 3 unified) is one of the three.
 Cache described(const CpuidRegisters& r) {
   Cache c;
   c.level = static_cast<std::int32_t>(r.eax >> 5 & 7);
-  c.type = (r.eax & 0x1f) == 1   ? CacheType::kData
-           : (r.eax & 0x1f) == 2 ? CacheType::kInstruction
-                                 : CacheType::kUnified;
+  c.type = static_cast<CacheType>((r.eax & 0x1f) - 1);  // CacheType's order
   c.lineBytes = static_cast<std::int32_t>((r.ebx & 0xfff) + 1);
   const std::uint32_t ways = (r.ebx >> 22) + 1;
   c.sizeBytes = std::uint64_t{ways} * ((r.ebx >> 12 & 0x3ff) + 1) *

@@ -16,15 +16,20 @@ bool contains(const std::string& text, const char* word) {
   return text.find(word) != std::string::npos;
 }
 
+// The name paired with the first key of `table` that `matches`; null when none.
+template <class Table, class Match>
+const char* lookup(const Table& table, Match matches) {
+  for (const auto& [key, name] : table)
+    if (matches(key)) return name;
+  return nullptr;
+}
+
 // The vendors of the virtual PCI devices that hypervisors give their
 // guests, by PCI vendor id; virtio's (0x1af4) names no one hypervisor.
 const char* pciVendor(unsigned long vendor) {
   static const std::pair<unsigned long, const char*> kVendors[] = {
       {0x15ad, "VMware"}, {0x80ee, "Oracle"}, {0x5853, "Xen"}, {0x1414, "Microsoft"}, {0x1af4, ""}};
-  for (const auto& [id, name] : kVendors) {
-    if (id == vendor) return name;
-  }
-  return nullptr;
+  return lookup(kVendors, [vendor](unsigned long id) { return id == vendor; });
 }
 
 // The hypervisor the PCI devices name: sys/bus/pci/devices/*/vendor, or the
@@ -70,10 +75,8 @@ const char* cpuidVendor(SystemRoot& root) {
   const std::uint32_t words[3] = {r->ebx, r->ecx, r->edx};
   char name[13] = {};
   std::memcpy(name, words, sizeof words);
-  for (const auto& [signature, vendor] : kSignatures) {
-    if (std::strcmp(name, signature) == 0) return vendor;
-  }
-  return nullptr;
+  return lookup(kSignatures,
+                [&name](const char* signature) { return std::strcmp(name, signature) == 0; });
 }
 
 // The vendor the DMI strings name, as lscpu reads them.
@@ -84,10 +87,7 @@ const char* dmiVendor(const std::string& dmi) {
       {"Virtual Machine", "Microsoft"}, {"Parallels", "Parallels"}, {"BHYVE", "bhyve"},
       {"Xen", "Xen"}, {"KVM", "KVM"}, {"QEMU", "QEMU"}, {"Bochs", ""}};
   // clang-format on
-  for (const auto& [name, vendor] : kNames) {
-    if (contains(dmi, name)) return vendor;
-  }
-  return nullptr;
+  return lookup(kNames, [&dmi](const char* name) { return contains(dmi, name); });
 }
 
 // VMware names itself in the DMI strings of its virtual firmware, which
@@ -150,11 +150,9 @@ std::optional<std::string> container(SystemRoot& root) {
                                           {"libpod", "podman"},
                                           {"/lxc", "lxc"},
                                           {"machine.slice/systemd-nspawn", "systemd-nspawn"}};
-  if (m.file("proc/self/cgroup", kTableCap, &text, &why) == Read::kOk) {
-    for (const auto& [part, name] : kPaths) {
-      if (contains(text, part)) return std::string(name);
-    }
-  }
+  const bool cgroup = m.file("proc/self/cgroup", kTableCap, &text, &why) == Read::kOk;
+  const auto inPath = [&text](const char* part) { return contains(text, part); };
+  if (const char* name = cgroup ? lookup(kPaths, inPath) : nullptr) return std::string(name);
   if (environ == Read::kOk) return std::string("none");
   return std::nullopt;
 }

@@ -19,19 +19,12 @@ xrprocdetector::detail::CpuidRegisters queryCpuid(std::uint32_t leaf, std::uint3
 int queryGetAffinity(cpu_set_t* set) {
   xrprocdetector::CpuSet cpus;
   if (!machine().affinity(&cpus)) return -1;
-  CPU_ZERO(set);
-  for (const unsigned c : cpus) {
-    if (c < CPU_SETSIZE) CPU_SET(c, set);
-  }
+  cpus.toCpuSetT(set, sizeof *set);  // those above 1023 left out
   return 0;
 }
 
 int querySetAffinity(const cpu_set_t* set) {
-  std::vector<unsigned> cpus;
-  for (unsigned c = 0; c < CPU_SETSIZE; ++c) {
-    if (CPU_ISSET(c, set)) cpus.push_back(c);
-  }
-  return machine().pin(xrprocdetector::CpuSet(std::move(cpus))) ? 0 : -1;
+  return machine().pin(xrprocdetector::CpuSet::fromCpuSetT(set, sizeof *set)) ? 0 : -1;
 }
 
 const char* const VersionShortNames[7][3] = {
@@ -62,19 +55,19 @@ namespace detail {
 int runDefaultDetection(XrProcDetectorLinux32& d, Strategy* endedBy) {
   // Index outside 0..6 is a caller error; it is not checked.
   const char* name = VersionShortNames[d.procInfoIndex][0];
-  d.tzPrint(tzDebugSteps,
-            "\nProcessor Detection Algorithm %s /proc/cpuinfo\n=================================\n",
-            name);
-  *endedBy = Strategy::kCpuinfo;
+  // Each strategy is announced, and named as the one that ended the run,
+  // before it runs.
+  const auto start = [&](const char* strategy, Strategy s) {
+    d.tzPrint(tzDebugSteps,
+              "\nProcessor Detection Algorithm %s %s\n=================================\n", name,
+              strategy);
+    *endedBy = s;
+  };
+  start("/proc/cpuinfo", Strategy::kCpuinfo);
   if (d.getUnixProcData() >= 0) return 0;
-  d.tzPrint(tzDebugSteps,
-            "\nProcessor Detection Algorithm %s cpuid\n=================================\n", name);
-  *endedBy = Strategy::kCpuid;
+  start("cpuid", Strategy::kCpuid);
   if (d.getCPUIDProcData() >= 0) return 0;
-  d.tzPrint(tzDebugSteps,
-            "\nProcessor Detection Algorithm %s logical only\n=================================\n",
-            name);
-  *endedBy = Strategy::kLogicalOnly;
+  start("logical only", Strategy::kLogicalOnly);
   return d.XrProcDetector::platformProcInfo();
 }
 
@@ -159,10 +152,7 @@ bool XrProcDetectorLinux32::IsInsideVMware() {
 // CPUID estimate with affinity pinning
 
 bool XrProcDetectorLinux32::setAffinityMaskToLevel4CPU(cpu_set_t* savedMask) {
-  cpu_set_t set;
-  CPU_ZERO(&set);
-  if (queryGetAffinity(&set) < 0) return false;
-  *savedMask = set;
+  if (queryGetAffinity(savedMask) < 0) return false;  // which leaves it as it was
   const int n = bosGetLogicalProcessorCount();
   if (n < 1) {
     tzPrint(tzDebugSteps, "Maximum CPUID level reported is %i.\n",

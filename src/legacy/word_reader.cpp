@@ -109,14 +109,10 @@ bool WordReader::refill(std::size_t* keep) {
       end_ += static_cast<std::size_t>(n);
       return true;
     }
-    if (n == 0) {
-      sourceDone_ = true;
-      return false;
-    }
-    if (errno != EINTR) {
-      failed_ = true;
-      return false;
-    }
+    if (n < 0 && errno == EINTR) continue;
+    // Nothing more: the source's end, or its failure.
+    (n == 0 ? sourceDone_ : failed_) = true;
+    return false;
   }
 }
 

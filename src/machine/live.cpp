@@ -108,15 +108,13 @@ long LiveMachine::processorCount(int name) {
 }
 
 // The affinity at its full size, as large as the kernel's limit; the
-// kernel's mask is words of 64 bits, processor N bit N % 64 of word N / 64.
+// kernel's mask is words of 64 bits, processor N bit N % 64 of word N / 64,
+// as a set's own bits are.
 bool LiveMachine::affinity(CpuSet* set) {
-  std::uint64_t words[CpuSet::kLimit / 64] = {};
-  if (sched_getaffinity(0, sizeof words, reinterpret_cast<cpu_set_t*>(words)) != 0) return false;
-  *set = CpuSet();
-  for (unsigned w = 0; w < CpuSet::kLimit / 64; ++w) {
-    for (std::uint64_t bits = words[w]; bits != 0; bits &= bits - 1)
-      set->add(w * 64 + static_cast<unsigned>(__builtin_ctzll(bits)));
-  }
+  xrpd_cpuset words{};
+  if (sched_getaffinity(0, sizeof words.bits, reinterpret_cast<cpu_set_t*>(words.bits)) != 0)
+    return false;
+  *set = CpuSet::fromC(words);
   return true;
 }
 
@@ -125,10 +123,8 @@ int LiveMachine::keep(const std::string& path) {
 }
 
 bool LiveMachine::pin(const CpuSet& set) {
-  std::uint64_t words[CpuSet::kLimit / 64] = {};
-  for (const unsigned c : set)
-    words[c / 64] |= std::uint64_t{1} << (c % 64);
-  return sched_setaffinity(0, sizeof words, reinterpret_cast<cpu_set_t*>(words)) == 0;
+  const std::uint64_t* words = set.c().bits;
+  return sched_setaffinity(0, sizeof set.c().bits, reinterpret_cast<const cpu_set_t*>(words)) == 0;
 }
 
 // Not inlined and not instrumented by AddressSanitizer: leaving a fault

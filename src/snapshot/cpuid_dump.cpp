@@ -46,6 +46,12 @@ std::string queryKey(const CpuidLine& l) {
   return key;
 }
 
+std::string hex(std::uint32_t v) {
+  char text[16];
+  std::snprintf(text, sizeof text, "%x", v);
+  return text;
+}
+
 }  // namespace
 
 bool parseCpuidDump(std::string_view text, CpuidDump* lines, std::string* error) {
@@ -78,16 +84,6 @@ bool parseCpuidDump(std::string_view text, CpuidDump* lines, std::string* error)
   }
   return true;
 }
-
-namespace {
-
-std::string hex(std::uint32_t v) {
-  char text[16];
-  std::snprintf(text, sizeof text, "%x", v);
-  return text;
-}
-
-}  // namespace
 
 std::string formatDump(const CpuidDump& dump) {
   std::string out = "# mask e[abcd]x => e[abcd]x\n";

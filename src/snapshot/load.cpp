@@ -62,11 +62,6 @@ bool loadDumps(TreeMachine& root, const std::string& folder, SavedMachine* s, Er
   return true;
 }
 
-bool loadMetadata(Machine& root, const std::string& text, SavedMachine* s, Error* error) {
-  std::string why;
-  return parseMetadata(text, s, &why) || fail(error, root.shown("xrprocdetect.json"), why);
-}
-
 // Without the metadata: the counts as glibc takes them from the lists, and
 // the affinity of a process that nothing restricted.
 bool loadLists(Machine& tree, SavedMachine* s, Error* error) {
@@ -117,7 +112,10 @@ bool load(const std::string& dir, SavedMachine* s, Error* error,
   Read r = readPart(root, "xrprocdetect.json", kSmallFileCap, &text, error);
   if (r == Read::kFailed) return false;
   const bool metadata = r == Read::kOk;
-  if (metadata ? !loadMetadata(root, text, s, error) : !loadLists(root, s, error)) return false;
+  std::string why;
+  if (metadata && !parseMetadata(text, s, &why))
+    return fail(error, root.shown("xrprocdetect.json"), why);
+  if (!metadata && !loadLists(root, s, error)) return false;
   // A CPUID folder given by itself (as its gathering tool writes it) is a
   // snapshot of CPUID alone.
   if (!loadDumps(root, cpuidAlone && !metadata ? "" : "cpuid", s, error)) return false;

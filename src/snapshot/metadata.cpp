@@ -4,6 +4,7 @@
 // each with its line.
 // Bounded work on any input; never throws past std::bad_alloc, which the
 // loader catches.
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -90,7 +91,7 @@ bool fail(const Token& t, const std::string& message, std::string* error) {
 // A whole number within 32 bits.
 bool integer(const Token& t, long* value, std::string* error) {
   const std::size_t digits = t.text.find_first_not_of('-') == 1 ? 1 : 0;
-  const bool whole = t.kind == 'w' && t.text.size() - digits <= 10 && t.text.size() > digits &&
+  const bool whole = t.kind == 'w' && t.text.size() - digits <= 10 &&
                      t.text.find_first_not_of("0123456789", digits) == std::string::npos &&
                      (t.text[digits] != '0' || t.text.size() == digits + 1);
   *value = whole ? std::strtol(t.text.c_str(), nullptr, 10) : 0;
@@ -162,9 +163,7 @@ bool parseMetadata(std::string_view text, SavedMachine* metadata, std::string* e
     const std::string key = t.text;
     const Token colon = tokens.next();
     if (colon.kind != ':') return fail(colon, "expected ':'", error);
-    int k = 0;
-    while (k < kKeys && key != kNames[k])
-      ++k;
+    const int k = static_cast<int>(std::find(kNames, kNames + kKeys, key) - kNames);
     if (k < kKeys && seen[k]) return fail(t, "the key \"" + key + "\" is given twice", error);
     const Token value = tokens.next();
     if (!(k == kKeys ? skipValue(tokens, value, error) : readValue(value, k, metadata, error)))
@@ -177,13 +176,10 @@ bool parseMetadata(std::string_view text, SavedMachine* metadata, std::string* e
   }
   const Token more = tokens.next();
   if (more.kind != 0) return fail(more, "more after the object", error);
-  for (int k = 0; k < kKeys; ++k) {
-    if (!seen[k]) {
-      *error = std::string("the key \"") + kNames[k] + "\" is missing";
-      return false;
-    }
-  }
-  return true;
+  const bool* missing = std::find(seen, seen + kKeys, false);
+  if (missing == seen + kKeys) return true;
+  *error = std::string("the key \"") + kNames[missing - seen] + "\" is missing";
+  return false;
 }
 
 std::optional<std::string> savedField(std::string_view text, const char* key) {

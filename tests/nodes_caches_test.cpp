@@ -92,6 +92,9 @@ TEST(NodesAndCaches, OfEachTreeAsWorkedOutByHand) {
     if (name == "sysroots/numa-two-node-smt-16") {
       EXPECT_EQ(std::make_pair(machine.lists, machine.caches),
                 std::make_pair(8 * 3 + 2 * 3 + 1ul, 26 * 2 + 4 * 4 + 2 * 2ul));
+      Asking unread(saved);  // no cache's file, when they are left unread
+      EXPECT_EQ(dt::readTopology(unread, XRPD_SKIP_CACHES).missing, "caches left unread");
+      EXPECT_EQ(std::make_pair(unread.lists, unread.caches), std::make_pair(machine.lists, 0ul));
     }
     EXPECT_EQ(t.error.message(), "") << name;
     expectPlaces(t, name);

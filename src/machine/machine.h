@@ -198,9 +198,9 @@ class ReplayMachine : public Machine {
 // Each path is resolved inside the tree (openInRoot); a link that leads to
 // nothing there (dangling, round in a loop, or to /dev/zero, which names
 // nothing inside the tree) is a broken file, as the kernel's files are
-// never such links. Each file is read once, however many names lead to it,
-// and all kept within kTreeCap, past which every read fails and error()
-// says so.
+// never such links. find() reads each file once, however many names lead
+// to it (file() once a name), and all is kept within kTreeCap, past which
+// every read fails and error() says so.
 class TreeMachine : public ReplayMachine {
  public:
   TreeMachine(int fd, dev_t device, SavedMachine& saved)

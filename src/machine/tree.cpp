@@ -96,11 +96,13 @@ Read TreeMachine::find(const std::string& path, std::size_t cap, const std::stri
 
 Read TreeMachine::file(const std::string& path, std::size_t cap, std::string* text,
                        std::string* why) {
+  // The bytes are the caller's, and kept once more in `saved`, not in
+  // read_ too: another name for the file reads it again.
   const std::string* found = nullptr;
   text->clear();
-  Read r = find(path, cap, &found, why);
-  if (r == Read::kOk && !hold(path.size() + found->size())) r = (*why = error_.why, Read::kFailed);
-  if (r == Read::kOk) *text = *found;
+  Read r = find(path, cap, &found, why, text);
+  if (r == Read::kOk && !hold(path.size() + text->size())) r = (*why = error_.why, Read::kFailed);
+  if (r == Read::kFailed) text->clear();
   if (r != Read::kAbsent)
     (r == Read::kOk ? saved_.files : saved_.failures)[path] = r == Read::kOk ? *text : *why;
   return r;

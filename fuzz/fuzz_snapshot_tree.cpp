@@ -13,10 +13,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <ftw.h>
-
 #include <cstdint>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <string>
 #include <vector>
@@ -54,15 +53,11 @@ const char* const kSkeleton[][2] = {
      "31 25 0:27 / /sys/fs/cgroup/cpu rw - cgroup cgroup rw,cpu\n"},
     {"proc/self/cgroup", "0::/a\n4:cpu:/\n"}};
 
-void makeParents(const std::string& root, const std::string& path) {
-  for (std::size_t at = path.find('/'); at != std::string::npos; at = path.find('/', at + 1))
-    ::mkdir((root + "/" + path.substr(0, at)).c_str(), 0755);
-}
-
 void place(const std::string& root, std::uint8_t kind, const std::string& path,
            const std::string& body) {
-  makeParents(root, path);
   const std::string at = root + "/" + path;
+  std::error_code ignored;  // a parent that an entry made a file, a FIFO or a link stays so
+  std::filesystem::create_directories(std::filesystem::path(at).parent_path(), ignored);
   switch (kind % 7) {
     case 0:
     case 1: {  // a regular file, the most common part; only a new one, as
@@ -97,10 +92,6 @@ void place(const std::string& root, std::uint8_t kind, const std::string& path,
   }
 }
 
-int removeOne(const char* path, const struct stat*, int type, struct FTW*) {
-  return type == FTW_DP ? ::rmdir(path) : ::unlink(path);
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
@@ -127,6 +118,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   } else if (error.empty()) {
     std::abort();  // a refusal always says why
   }
-  ::nftw(dir, removeOne, 16, FTW_DEPTH | FTW_PHYS);
+  std::error_code ignored;
+  std::filesystem::remove_all(dir, ignored);  // links removed, never followed
   return 0;
 }

@@ -16,9 +16,7 @@
 #include "support/test_support.h"
 
 TEST(RealMachine, CpuidEstimateAndVMwareProbe) {
-  struct sigaction mine {};
-  mine.sa_handler = [](int) { _exit(3); };  // a fault that the probe did not take
-  sigaction(SIGSEGV, &mine, nullptr);
+  signal(SIGSEGV, [](int) { _exit(3); });  // a fault that the probe did not take
   XrProcDetectorLinux32 detector(tzDebugNone, 0, nullptr, nullptr);
   EXPECT_EQ(detector.getCPUIDProcData(), 0);
   testsupport::unblockSegv();  // its affinity given back: TheCallersOwnAffinityIsReadAndGivenBack
@@ -203,13 +201,10 @@ TEST(RealMachine, AHandlerInstalledDuringADetectionStays) {
     });
     while (detections < 1)
       sched_yield();
-    struct sigaction mine {
-    }, now{};
-    mine.sa_handler = handlers[round % 2];
-    sigaction(SIGSEGV, &mine, nullptr);
+    const sighandler_t mine = handlers[round % 2];
+    signal(SIGSEGV, mine);
     detecting.join();
-    sigaction(SIGSEGV, nullptr, &now);
-    lost += now.sa_handler != mine.sa_handler ? 1 : 0;
+    lost += signal(SIGSEGV, mine) != mine ? 1 : 0;  // put back, once read, as it was
   }
   signal(SIGSEGV, SIG_DFL);
   EXPECT_EQ(lost, 0) << "of 200 handlers";
@@ -217,7 +212,7 @@ TEST(RealMachine, AHandlerInstalledDuringADetectionStays) {
 
 // A child forked while another thread detects can detect: the fork never
 // leaves it a probe lock held by a thread it does not have. A child that
-// has not ended within 20 s hangs, and is killed.
+// has not ended within 20 s hangs, and its alarm ends it.
 TEST(RealMachine, AChildForkedDuringADetectionDetects) {
   using namespace xrprocdetector;
   std::atomic<bool> stop{false};
@@ -227,14 +222,11 @@ TEST(RealMachine, AChildForkedDuringADetectionDetects) {
   });
   int wrong = 0;
   for (int round = 0; round < 10; ++round) {
-    const pid_t child = fork();
-    if (child == 0) _exit(detect(Generation::kDefault).counted ? 0 : 1);
-    int status = 1;
-    pid_t ended = 0;
-    for (int waited = 0; ended == 0 && waited < 2000; ++waited)
-      if ((ended = waitpid(child, &status, WNOHANG)) == 0) usleep(10 * 1000);
-    if (ended == 0 && kill(child, SIGKILL) == 0) waitpid(child, nullptr, 0);  // hung
-    wrong += WIFEXITED(status) && WEXITSTATUS(status) == 0 ? 0 : 1;
+    const int status = inChild([] {
+      alarm(20);  // SIGALRM, whose default action ends the child, once it hangs
+      return detect(Generation::kDefault).counted ? 0 : 1;
+    });
+    wrong += status == 0 ? 0 : 1;
   }
   stop = true;
   detecting.join();

@@ -76,7 +76,7 @@ TEST(WordReader, FileWordsStraddleRefillsAndOutgrowTheBuffer) {
   const std::string path = (scratch.path / "cpuinfo").string();
   for (const std::string& t : texts) {
     scratch.write("cpuinfo", t);
-    for (const std::string script : {"", "\0\0\1\2\0\1"}) {
+    for (const std::string& script : {std::string(), std::string("\0\0\1\2\0\1", 6)}) {
       WordReader reader(path.c_str());
       EXPECT_EQ(testsupport::transcript(reader, script), referenceTranscript(t, script));
     }

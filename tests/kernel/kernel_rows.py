@@ -22,26 +22,28 @@ FIELDS = ["packages", "cores", "logicalProcessors", "smt", "virtualMachine"]
 GENERATIONS = ["5.3", "6.0", "6.1", "7.0", "default"]
 MARKS = {"y": True, "n": False, "-": None}
 
+
+# The words of each line of the table NAME beside rows.txt (rows.txt too),
+# but its blank lines and comments.
+def table(name):
+    path = os.path.join(os.path.dirname(rows_file), name)
+    return [line.split() for line in open(path, encoding="utf-8") if line.strip() and line[0] != "#"]
+
+
 expected = []
-for text in open(rows_file, encoding="utf-8"):
-    if text.strip() and not text.startswith("#"):
-        words = text.split()
-        kernel = [None if w == "-" else int(w) if w.isdigit() else w for w in words[1:6]]
-        expected.append((words[0], dict(zip(FIELDS, kernel)), words[6:]))
+for words in table(os.path.basename(rows_file)):
+    kernel = [None if w == "-" else int(w) if w.isdigit() else w for w in words[1:6]]
+    expected.append((words[0], dict(zip(FIELDS, kernel)), words[6:]))
 
 # fixture offline usable quota effective kinds ("performance:6/12,efficiency:8/8")
 USABLE = {}
-for text in open(os.path.join(os.path.dirname(rows_file), "usable.txt"), encoding="utf-8"):
-    if text.strip() and not text.startswith("#"):
-        w = text.split()
-        kinds = None if w[5] == "-" else [
-            {"kind": k.split(":")[0], "cores": int(k.split(":")[1].split("/")[0]),
-             "logicalProcessors": int(k.split("/")[1])} for k in w[5].split(",")]
-        USABLE[w[0]] = {"offlineProcessors": None if w[1] == "-" else int(w[1]),
-                        "usableProcessors": None if w[2] == "-" else int(w[2]),
-                        "cpuQuota": None if w[3] == "-" else float(w[3]),
-                        "effectiveProcessors": None if w[4] == "-" else int(w[4]),
-                        "coreKinds": kinds}
+for w in table("usable.txt"):
+    kinds = None if w[5] == "-" else [
+        {"kind": k.split(":")[0], "cores": int(k.split(":")[1].split("/")[0]),
+         "logicalProcessors": int(k.split("/")[1])} for k in w[5].split(",")]
+    numbers = [None if v == "-" else float(v) for v in w[1:5]]  # 2.0 == 2, as JSON's 2
+    USABLE[w[0]] = dict(zip(["offlineProcessors", "usableProcessors", "cpuQuota",
+                             "effectiveProcessors"], numbers), coreKinds=kinds)
 
 failures = []
 
@@ -74,8 +76,7 @@ for i, (name, kernel, marks) in enumerate(expected):
                             % (where, row["agreesWithKernel"], agrees))
 LAYOUT = ["packages", "cores", "logicalProcessors", "onlineCpus", "usableCpus", "cpuQuota",
           "kinds", "hypervisorVendor", "virtualizationType", "container", "effectiveProcessors"]
-layouts = [line.split() for line in open(os.path.join(os.path.dirname(rows_file), "layouts.txt"),
-                                         encoding="utf-8") if line.strip() and line[0] != "#"]
+layouts = table("layouts.txt")
 lines = run([tool, "-a", "5.3", "--json-lines"], [r[0] for r in layouts])
 for words, row in zip(layouts, lines + [None] * (len(layouts) - len(lines))):
     kernel = dict(row["kernel"], kinds=len(row["kernel"]["coreKinds"] or [0])) if row else {}

@@ -85,9 +85,11 @@ TEST(Parsers, DescriptorZeroIsOpenLikeAnyOther) {
   const dt::Read r = dt::readWholeFile(AT_FDCWD, online.string(), dt::kSmallFileCap, &text, &why);
   std::vector<std::string> names;
   const dt::Read listed = dt::listFolder(AT_FDCWD, online.parent_path().string(), &names);
-  // The snapshot's root and the kernel row's are each given 0.
+  // The snapshot's root and the kernel row's are each given 0, and so is
+  // this machine's /proc/cpuinfo, whose first processor names its model.
   const auto source = Source::snapshot(scratch.path.string());
   const KernelTopology k = source ? kernelTopology(*source) : KernelTopology();
+  const Topology live = topology(Source::live());
   const bool zeroClosedAgain = ::fcntl(0, F_GETFD) == -1;
   ::dup2(input, 0);
   ::close(input);
@@ -96,6 +98,8 @@ TEST(Parsers, DescriptorZeroIsOpenLikeAnyOther) {
   EXPECT_EQ(listed, dt::Read::kOk);
   EXPECT_EQ(names, std::vector<std::string>{"online"});
   EXPECT_EQ(k.logicalProcessors, 2) << k.missing << k.error.message();
+  EXPECT_EQ(live.cpuModel.has_value(),
+            testsupport::readFile("/proc/cpuinfo").find("model name") != std::string::npos);
   EXPECT_TRUE(zeroClosedAgain);
 }
 
